@@ -1,0 +1,116 @@
+#pragma once
+
+#include <cstdint>
+
+#include "runtime/Lock.h"
+
+namespace tavrik {
+
+// A lock that many readers or one writer hold, with a condition of its own on which holders can
+// sleep ("public" waits).
+//
+// Readers are preferred: a reader enters whenever no writer holds the lock, so a steady stream of
+// readers starves writers. Not re-entrant: a thread that holds the write lock and asks for either
+// lock waits for ever.
+//
+// Threads: every operation may be called on any thread. A thread that waits here holds no mutex of
+// this class. Ownership: embedded in the object it guards; nobody may hold it or wait on it when it
+// is destroyed.
+//
+// There is no failure: unlocking what is not locked leaves the counts at zero (but writeUnlock()
+// always ends the write lock).
+class CAPABILITY("rwlock") RWLock {
+  public:
+    RWLock() = default;
+    virtual ~RWLock() = default;
+    RWLock(const RWLock&) = delete;
+    RWLock& operator=(const RWLock&) = delete;
+
+    // Wait until no writer holds the lock; until nobody does.
+    void readLock() ACQUIRE_SHARED();
+    void writeLock() ACQUIRE();
+
+    // Give the lock up and wake who can use it: the last reader one writer, a writer everybody who
+    // is waiting at that moment (the readers among them enter together).
+    void readUnlock() RELEASE_SHARED();
+    void writeUnlock() RELEASE();
+
+    // Take the lock if that needs no waiting, and tell whether it was taken. A read lock is not
+    // refused because of writers that wait. A write lock is refused also where readers only wait.
+    bool tryReadLock() TRY_ACQUIRE_SHARED(true);
+    bool tryWriteLock() TRY_ACQUIRE(true);
+
+    // For a holder of a read lock, who ends up with the write lock. Not atomic: wakes nobody and
+    // queues as any writer, so another one may get in between, and what was read under the read
+    // lock is to be looked at again.
+    void promoteToWriteLock() RELEASE_SHARED() ACQUIRE();
+
+    // For the holder of the write lock, who ends up with a read lock. Wakes nobody: threads that
+    // were waiting sleep on until an unlock that wakes them. Beware: waiting readers count as
+    // readers, so the readUnlock() that follows is not such an unlock, and no writer gets in.
+    void demoteToReadLock() RELEASE() ACQUIRE_SHARED();
+
+    // For a holder of the read lock or of the write lock: give it up as unlocking does, sleep until
+    // a notification, take the lock again. With `milliseconds` (0 or more) also return without a
+    // notification, after that time or earlier; nothing tells which, so the caller tests its own
+    // condition. The time counts for the sleep alone, not for taking the lock again.
+    void readerWait() REQUIRES_SHARED(this);
+    void readerWait(int milliseconds) REQUIRES_SHARED(this);
+    void writerWait() REQUIRES(this);
+    void writerWait(int milliseconds) REQUIRES(this);
+
+    // Wake one or all of the threads in readerWait() and writerWait(); with nobody there, do
+    // nothing. Any thread may call them, and whoever changes what a thread waits for does that
+    // under the write lock, so that no waiter misses it. A notification belongs to no thread in
+    // particular: one that is left over, or not yet used, ends the wait of the next who comes.
+    void notify();
+    void notifyAll();
+
+    // How many threads sleep in any of the operations above.
+    unsigned waitersForTesting();
+
+  private:
+    // A thread that waits to get the lock: lives on that thread's stack while it waits, and holds
+    // its ticket. Guarded by `lock`.
+    struct PrivateWaiter {
+        bool granted = false;
+        PrivateWaiter* next = nullptr;
+    };
+
+    void _readLock() REQUIRES(lock);
+    void _writeLock() REQUIRES(lock);
+    void _readUnlock(bool notify) REQUIRES(lock);
+    void _writeUnlock(bool notify) REQUIRES(lock);
+
+    // Wait for a ticket of this thread's own.
+    void privateWait() REQUIRES(lock);
+    // Give a ticket to the thread that has waited longest without one, or to all that wait now. A
+    // thread that comes later never gets a ticket that was given before.
+    void privateNotify() REQUIRES(lock);
+    void privateNotifyAll() REQUIRES(lock);
+
+    void publicWait() REQUIRES(lock);
+    void publicWait(int milliseconds) REQUIRES(lock);
+    void publicNotify() REQUIRES(lock);
+    void publicNotifyAll() REQUIRES(lock);
+
+    // Guards every field, and is the mutex of the one condition on which all waits of this object
+    // sleep; that is why each wake-up is a broadcast. Innermost: held for short steps only, and
+    // never by a thread that has returned from one of the operations above.
+    Lock lock;
+
+    // Threads that hold the read lock or wait for it; threads that hold the write lock or wait.
+    uint16_t readers GUARDED_BY(lock) = 0;
+    uint16_t writers GUARDED_BY(lock) = 0;
+
+    // The threads in privateWait(), the longest-waiting one first.
+    PrivateWaiter* privateWaiters GUARDED_BY(lock) = nullptr;
+
+    // Threads in publicWait(), and notifications given to them and not yet consumed.
+    uint16_t publicWaiters GUARDED_BY(lock) = 0;
+    uint16_t publicWakeups GUARDED_BY(lock) = 0;
+
+    bool writeLocked GUARDED_BY(lock) = false;
+};
+
+}  // namespace tavrik

@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "runtime/Lock.h"
+#include "runtime/RWLock.h"
+
+// These tests lock twice on one thread and let another one unlock.
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wthread-safety-analysis"
+#endif
+
+namespace tavrik {
+namespace {
+
+using std::chrono::milliseconds;
+using WallClock = std::chrono::system_clock;
+
+// The faults that these tests look for are hangs: one ends the process.
+class RuntimeTest : public testing::Test {
+  protected:
+    void SetUp() override { alarm(240); }
+    void TearDown() override {
+        join();
+        alarm(0);
+    }
+
+    void start(std::function<void()> body) { threads.emplace_back(std::move(body)); }
+    // As start(), but returns once the thread sleeps in `rw`.
+    void startBlocked(std::function<void()> body) {
+        const unsigned before = rw.waitersForTesting();
+        start(std::move(body));
+        while (rw.waitersForTesting() == before)
+            std::this_thread::yield();
+    }
+    void join() {
+        for (std::thread& thread : threads)
+            thread.join();
+        threads.clear();
+    }
+    // Keeps the threads that call it until there are `count` of them.
+    static void meet(std::atomic<int>& met, int count) {
+        ++met;
+        while (met < count)
+            std::this_thread::yield();
+    }
+
+    RWLock rw;
+    std::vector<std::thread> threads;
+};
+
+// The deadline's nanoseconds run over: a wrong one is refused, with a message, or lies in the past.
+TEST_F(RuntimeTest, TimedWaitLastsAcrossTheSecond) {
+    Lock lock;
+    LockGuard guard(lock);
+    testing::internal::CaptureStderr();
+    const WallClock::time_point start = WallClock::now();
+    const auto sinceEpoch = std::chrono::duration_cast<milliseconds>(start.time_since_epoch());
+    const int delay = 1010 - static_cast<int>(sinceEpoch.count() % 1000);
+    lock.wait(delay);
+    EXPECT_GE(WallClock::now() - start, milliseconds(delay - 1));
+    lock.wait(0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+// A writer that wakes first must not use up the wake-up of a reader, which would then sleep on
+// while it counts as a reader and keeps all writers out.
+TEST_F(RuntimeTest, BehindAWriterReadersEnterTogetherAndWritersFollow) {
+    for (int trial = 0; trial < 200; ++trial) {
+        std::atomic<int> inside{0};
+        rw.writeLock();
+        for (int i = 0; i < 4; ++i)
+            startBlocked([&, i] {
+                if (i % 2 == 0) {
+                    rw.writeLock();
+                    rw.writeUnlock();
+                } else {
+                    rw.readLock();
+                    meet(inside, 2);
+                    rw.readUnlock();
+                }
+            });
+        EXPECT_EQ(inside, 0);
+        rw.writeUnlock();
+        join();
+    }
+}
+
+TEST_F(RuntimeTest, ReadersPassAWaitingWriterThatFollowsTheLastOfThem) {
+    std::atomic<int> holders{2};
+    rw.readLock();
+    rw.readLock();
+    startBlocked([&] {
+        rw.writeLock();
+        EXPECT_EQ(holders, 0);
+        rw.writeUnlock();
+    });
+    ++holders;
+    EXPECT_TRUE(rw.tryReadLock());
+    EXPECT_FALSE(rw.tryWriteLock());
+    while (holders > 0) {
+        --holders;
+        rw.readUnlock();
+    }
+    join();
+
+    // More unlocks than locks leave the counts at zero.
+    rw.readUnlock();
+    EXPECT_TRUE(rw.tryWriteLock());
+    EXPECT_FALSE(rw.tryReadLock());
+    EXPECT_FALSE(rw.tryWriteLock());
+    rw.writeUnlock();
+    EXPECT_TRUE(rw.tryReadLock());
+}
+
+TEST_F(RuntimeTest, DemotionWakesNobody) {
+    std::atomic<bool> entered{false};
+    rw.writeLock();
+    startBlocked([&] {
+        rw.readLock();
+        entered = true;
+        rw.readUnlock();
+    });
+    rw.demoteToReadLock();
+    rw.readerWait(50);  // time for a reader that was woken to enter
+    EXPECT_TRUE(rw.tryReadLock());
+    rw.readUnlock();
+    rw.readUnlock();
+    EXPECT_FALSE(rw.tryWriteLock());
+    EXPECT_FALSE(entered);
+    rw.writeUnlock();
+    join();
+    EXPECT_TRUE(entered);
+}
+
+TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
+    rw.notifyAll();  // nobody waits, so nothing is kept for the wait below
+    rw.readLock();
+    const WallClock::time_point start = WallClock::now();
+    rw.readerWait(30);
+    EXPECT_GE(WallClock::now() - start, milliseconds(29));
+    EXPECT_FALSE(rw.tryWriteLock());
+    rw.readUnlock();
+
+    bool changed = false;
+    startBlocked([&] {
+        rw.readLock();
+        rw.readerWait();
+        EXPECT_TRUE(changed);
+        EXPECT_FALSE(rw.tryWriteLock());
+        rw.readUnlock();
+    });
+    startBlocked([&] {
+        rw.writeLock();
+        rw.writerWait();
+        EXPECT_TRUE(changed);
+        EXPECT_FALSE(rw.tryReadLock());
+        rw.writeUnlock();
+    });
+    EXPECT_TRUE(rw.tryWriteLock());
+    changed = true;
+    rw.notify();
+    rw.writeUnlock();
+    while (rw.waitersForTesting() != 1)
+        std::this_thread::yield();
+    rw.notifyAll();
+    join();
+}
+
+TEST_F(RuntimeTest, WritersExcludeEverybodyUnderLoad) {
+    int left = 0;
+    int right = 0;
+    const auto write = [&] {
+        ++left;
+        ++right;
+        rw.writeUnlock();
+    };
+    const std::function<void()> turns[] = {
+        [&] {
+            rw.readLock();
+            EXPECT_EQ(left, right);
+            rw.readUnlock();
+        },
+        [&] {
+            rw.writeLock();
+            rw.notify();
+            write();
+        },
+        [&] {
+            rw.readLock();
+            rw.promoteToWriteLock();
+            rw.writerWait(1);
+            write();
+        },
+        [&] {
+            while (!rw.tryWriteLock())
+                std::this_thread::yield();
+            write();
+        },
+    };
+    for (int thread = 0; thread < 8; ++thread)
+        start([&, thread] {
+            for (int i = 0; i < 300; ++i)
+                turns[(thread + i) % 4]();
+        });
+    join();
+    EXPECT_EQ(left, 8 * 300 * 3 / 4);
+    EXPECT_EQ(right, left);
+}
+
+}  // namespace
+}  // namespace tavrik
