@@ -1,0 +1,196 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <ctime>
+#include <functional>
+#include <regex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "log/LogAdapter.h"
+#include "log/Logger.h"
+
+namespace tavrik {
+namespace {
+
+// What a child process that runs `body` and dies without flushing has written to standard output.
+std::string outputOf(const std::function<void()>& body) {
+    const int fd = memfd_create("stdout", 0);
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+        if (freopen(("/proc/self/fd/" + std::to_string(fd)).c_str(), "w", stdout) != nullptr)
+            body();
+        syscall(SYS_exit_group, 0);  // the sanitizers' _exit() flushes
+    }
+    waitpid(child, nullptr, 0);
+    std::string text(static_cast<size_t>(lseek(fd, 0, SEEK_END)), '\0');
+    EXPECT_EQ(pread(fd, &text[0], text.size(), 0), static_cast<ssize_t>(text.size()));
+    close(fd);
+    return text;
+}
+
+// Records what it gets for as long as it lives.
+class Recorder : public LogAdapter {
+  public:
+    Recorder() { Logger::setLogAdapter(this); }
+    ~Recorder() override { Logger::setLogAdapter(nullptr); }
+
+    int log(const LogLevel& level, const std::string& logger, const char* message,
+            bool buffering) override {
+        lines += level.getName() + " " + logger + " " + message + (buffering ? "+" : "") + "\n";
+        return 41;
+    }
+    int log(const LogLevel& level, const std::string& logger, const std::string& message,
+            bool buffering) override {
+        return log(level, logger, ("string " + message).c_str(), buffering) + 1;
+    }
+    int flush() override {
+        lines += "flush\n";
+        return 43;
+    }
+    std::string take() { return std::exchange(lines, ""); }
+
+  private:
+    std::string lines;
+};
+
+void logAtEveryLevel(Logger& logger) {
+    logger.errorf("%d", 2);
+    logger.warnf("%d", 3);
+    logger.infof("%d", 4);
+    logger.debugf("%d", 5);
+    logger.tracef("%d", 6);
+}
+
+TEST(LoggerTest, LevelsAreFoundByNameAndNumber) {
+    const char* const names[] = {"off",   "Fatal", "ERROR",   "warn", "Info",
+                                 "DEBUG", "trace", "UNKNOWN", "all"};
+    for (int number = 0; number < 9; ++number) {
+        EXPECT_EQ(LogLevel::valueOf(number)->getLevel(), number);
+        EXPECT_EQ(LogLevel::valueOf(names[number]), LogLevel::valueOf(number));
+        EXPECT_STRCASEEQ(LogLevel::valueOf(number)->getName().c_str(), names[number]);
+    }
+    for (const char* name : {"", "WARNING", " WARN", "3"})
+        EXPECT_EQ(LogLevel::valueOf(std::string(name)), LogLevel::LVL_UNKNOWN) << name;
+    EXPECT_EQ(LogLevel::valueOf(9), LogLevel::LVL_UNKNOWN);
+    EXPECT_EQ(LogLevel::valueOf(-1), LogLevel::LVL_UNKNOWN);
+}
+
+// In a process of its own that starts anew, since this is about the first logger of a process.
+TEST(LoggerTest, MasterLevelIsInfoBeforeTheFirstLoggerAndAllAfterIt) {
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    const auto check = [] {
+        const bool before = Logger::getMasterLogLevel() == LogLevel::valueOf("INFO") &&
+                            Logger::getDefaultLogLevel() == LogLevel::LVL_INFO;
+        Logger::setDefaultLogLevel(*LogLevel::LVL_WARN);
+        const int level = Logger::getLogger("first")->getLevel().getLevel();
+        _exit(before && level == 3 && Logger::getMasterLogLevel()->getLevel() == 8 ? 0 : 1);
+    };
+    EXPECT_EXIT(check(), testing::ExitedWithCode(0), "");
+}
+
+TEST(LoggerTest, DefaultLevelIsForLaterLoggersAndChangesInPlace) {
+    Logger* const early = Logger::getLogger("default early");
+    LogLevel* const level = Logger::getDefaultLogLevel();
+    const LogLevel saved = *level;
+    Logger::setDefaultLogLevel(*LogLevel::valueOf("TRACE"));
+    EXPECT_EQ(Logger::getDefaultLogLevel(), level);
+    EXPECT_EQ(Logger::getLogger("default late")->getLevel().getName(), "TRACE");
+    EXPECT_EQ(Logger::getLogger(std::string("default early")), early);
+    EXPECT_EQ(early->getLevel().getLevel(), saved.getLevel());
+    Logger::setDefaultLogLevel(LogLevel("trace by another name", 6));
+    EXPECT_EQ(level->getName(), "TRACE");
+    Logger::setDefaultLogLevel(saved);
+}
+
+TEST(LoggerTest, BothTheLoggerAndTheMasterLevelFilterWhatAnAdapterGets) {
+    Recorder adapter;
+    Logger logger("f", *LogLevel::valueOf("INFO"));
+    logAtEveryLevel(logger);
+    EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\n");
+    logger.setLevel(*LogLevel::LVL_UNKNOWN);
+    logAtEveryLevel(logger);
+    EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\nDEBUG f 5+\nTRACE f 6+\n");
+
+    Logger::setMasterLogLevel(*LogLevel::LVL_WARN);
+    Logger::disableBuffering();
+    Logger::disableBuffering();
+    logAtEveryLevel(logger);
+    EXPECT_EQ(logger.log(*LogLevel::LVL_TRACE, "unfiltered"), 41);
+    Logger::enableBuffering();
+    Logger::setMasterLogLevel(*LogLevel::LVL_ALL);
+    EXPECT_EQ(logger.log(*LogLevel::LVL_FATAL, std::string("s")), 42);
+    EXPECT_EQ(Logger::flushAll(), 43);
+    EXPECT_EQ(adapter.take(),
+              "flush\nERROR f 2\nWARN f 3\nTRACE f unfiltered\nFATAL f string s+\nflush\n");
+}
+
+TEST(LoggerTest, LineHasLocalTimeMillisecondsNameLevelAndMessage) {
+    const auto now = [] {
+        const time_t seconds = time(nullptr);
+        char text[80];
+        strftime(text, sizeof text, "%b %d %H:%M:%S", localtime(&seconds));
+        return std::string(text);
+    };
+    const std::string before = now();
+    const std::string line = outputOf([] {
+        Logger::getLogger("Line")->warnf("%s %%%d", "x", 7);
+        Logger::flushAll();
+    });
+    EXPECT_TRUE(std::regex_match(line, std::regex(".{15}\\.[0-9]{3} \\[Line\\]: WARN x %7\n")));
+    EXPECT_TRUE(before <= line.substr(0, 15) && line.substr(0, 15) <= now()) << line;
+
+    const std::string cut = outputOf([] {
+        Logger::getLogger("Cut")->errorf("%s", std::string(3000, 'm').c_str());
+        Logger::flushAll();
+    });
+    EXPECT_EQ(std::count(cut.begin(), cut.end(), 'm'), 2046);
+    EXPECT_EQ(cut.back(), '\n');
+}
+
+TEST(LoggerTest, BufferedLinesWaitForAFlush) {
+    const auto log = [] { Logger::getLogger("Buffer")->errorf("line"); };
+    EXPECT_EQ(outputOf(log), "");
+    EXPECT_NE(outputOf([&] { log(), Logger::flushAll(); }), "");
+    EXPECT_NE(outputOf([&] { log(), Logger::disableBuffering(); }), "");
+    EXPECT_NE(outputOf([&] { Logger::disableBuffering(), log(); }), "");
+}
+
+TEST(LoggerTest, LevelsChangeWhileOthersLog) {
+    struct Counter : LogAdapter {
+        int log(const LogLevel&, const std::string&, const char*, bool) override { return ++lines; }
+        int log(const LogLevel&, const std::string&, const std::string&, bool) override {
+            return ++lines;
+        }
+        int flush() override { return 0; }
+        std::atomic<int> lines{0};
+    } counter;
+    Logger::setLogAdapter(&counter);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread)
+        threads.emplace_back([thread] {
+            for (int i = 0; i < 1000; ++i) {
+                Logger* const logger = Logger::getLogger("race " + std::to_string(i % 10));
+                logger->errorf("%d", i);
+                logger->setLevel(*LogLevel::valueOf(i % 3 == 0 ? "WARN" : "ALL"));
+                Logger::setMasterLogLevel(*LogLevel::valueOf(2 + (i + thread) % 5));
+                const LogLevel copy = *Logger::getMasterLogLevel();
+                EXPECT_EQ(copy.getName(), LogLevel::valueOf(copy.getLevel())->getName());
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    Logger::setLogAdapter(nullptr);
+    Logger::setMasterLogLevel(*LogLevel::LVL_ALL);
+    EXPECT_EQ(counter.lines, 4000);
+}
+
+}  // namespace
+}  // namespace tavrik
