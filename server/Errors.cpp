@@ -1,0 +1,43 @@
+#include "server/Errors.h"
+
+namespace tavrik {
+
+namespace {
+
+struct Row {
+    const char* token;
+    const char* text;
+};
+
+constexpr Row ROWS[] = {
+    {"NONE", "No error"},
+    {"UNKNOWN", "Unknown error"},
+    {"NOSESSION", "No session."},
+    {"CANTCREATESESSION", "Can't create session."},
+    {"BADARGS", "Invalid arguments."},
+    {"NOTFOUND", "Not found."},
+    {"NOMEM", "Out of memory."},
+    {"NOOPEN", "Open failed."},
+    {"NOCREATE", "Create failed."},
+    {"BADSETUP", "Invalid setup."},
+    {"NOTIMPLEMENTED", "Feature not implemented."},
+    {"LIMITREACHED", "Limit reached."},
+    {"FWUPDATEREQUIRED", "Firmware needs to be updated."},
+    {"FWUPDATEFAILED", "Firmware updating failed"},
+};
+constexpr unsigned int COUNT = sizeof ROWS / sizeof ROWS[0];
+
+}  // namespace
+
+std::string Errors::toToken(unsigned int code) { return code < COUNT ? ROWS[code].token : ""; }
+
+std::string Errors::toAscii(unsigned int code) { return code < COUNT ? ROWS[code].text : ""; }
+
+int Errors::toInt(const std::string& token) {
+    for (unsigned int code = 0; code < COUNT; ++code) {
+        if (token == ROWS[code].token) return static_cast<int>(code);
+    }
+    return 0;
+}
+
+}  // namespace tavrik
