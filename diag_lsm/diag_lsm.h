@@ -1,0 +1,126 @@
+// Client library for the diag driver behind /dev/diag.
+//
+// One client per process: free functions over module-level state. Diag_LSM_Init() opens the device
+// and starts the reader thread, which sorts what the driver delivers by data type; user-space data
+// goes to the registered callbacks in callback mode. Diag_LSM_Init() and Diag_LSM_DeInit() must not
+// run at the same time, nor on the reader thread; everything else may be called on any thread.
+//
+// Threads: "reader thread" is the one that Diag_LSM_Init() starts; every callback and command
+// handler runs on it. Signal 12 (SIGUSR2) is blocked in the thread that calls Diag_LSM_Init() and
+// interrupts the reader's read.
+//
+// Stopping: Diag_LSM_DeInit() asks the driver to de-initialise, which ends the reader with a
+// type-16 buffer. Where the driver refuses, or nothing comes within a second, it raises a stop flag
+// and sends signal 12 until the reader has reported its end; the descriptor is closed after that
+// only.
+//
+// Failures are returned; the diagnostic texts go to qsprintf(), which shows them to nobody. Only
+// data that the library must drop because it is malformed gets a warning line of the logger "DIAG".
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+// Data types: the first word of what is read from the driver and written to it.
+constexpr uint32_t DIAG_TYPE_MSG_MASKS = 1;
+constexpr uint32_t DIAG_TYPE_LOG_MASKS = 2;
+constexpr uint32_t DIAG_TYPE_PKT_RESPONSE = 3;
+constexpr uint32_t DIAG_TYPE_EVENT_MASKS = 4;  // read
+constexpr uint32_t DIAG_TYPE_DELAYED_RSP = 4;  // written
+constexpr uint32_t DIAG_TYPE_COMMAND = 8;
+constexpr uint32_t DIAG_TYPE_DEINIT = 16;
+constexpr uint32_t DIAG_TYPE_USER_SPACE_DATA = 32;
+constexpr uint32_t DIAG_TYPE_DCI = 64;
+constexpr uint32_t DIAG_TYPE_CALLBACK_DATA = 128;
+constexpr uint32_t DIAG_TYPE_DCI_LOG_MASKS = 256;
+constexpr uint32_t DIAG_TYPE_DCI_EVENT_MASKS = 512;
+
+// Numbers of the driver's ioctls.
+constexpr unsigned long DIAG_IOCTL_REGISTER = 0;
+constexpr unsigned long DIAG_IOCTL_WITHDRAW = 1;
+constexpr unsigned long DIAG_IOCTL_SWITCH_LOGGING = 7;
+constexpr unsigned long DIAG_IOCTL_DELAYED_RSP_ID = 8;
+constexpr unsigned long DIAG_IOCTL_DEINIT = 9;
+constexpr unsigned long DIAG_IOCTL_REMOTE_DEVICES = 32;
+constexpr unsigned long DIAG_IOCTL_VOTE_REAL_TIME = 33;
+constexpr unsigned long DIAG_IOCTL_REAL_TIME_STATUS = 34;
+
+// Values of logging_mode.
+constexpr int DIAG_MODE_USB = 1;
+constexpr int DIAG_MODE_MEMORY_DEVICE = 2;
+constexpr int DIAG_MODE_CALLBACK = 6;
+
+constexpr int DIAG_PROCESSORS = 10;
+
+// Gets framed data that may be changed in place; returns a negative value on failure. Called on the
+// reader thread.
+typedef int (*diag_callback)(unsigned char* data, int len, void* context);
+
+struct diag_client {
+    int unused;
+    std::atomic<int> registered;  // -1 after initialisation, 1 once a callback is registered
+    std::atomic<diag_callback> callback;
+    std::atomic<void*> context;  // published before `callback`
+};
+
+// Handle of the device; -1 while closed.
+extern std::atomic<int> fd;
+// Delivery mode; the reader looks at it for every type-32 buffer. A caller that changes it tells
+// the driver with DIAG_IOCTL_SWITCH_LOGGING.
+extern std::atomic<int> logging_mode;
+extern diag_client client_tbl[DIAG_PROCESSORS];  // by processor; 0 is the local one
+extern const int token_list[DIAG_PROCESSORS];    // on the wire: processor i is -i
+extern pthread_t read_thread_hdl;                // of the last reader; valid while `fd` is open
+// Bits 1, 2 and 4: message, log and event masks have come since the process began.
+extern std::atomic<int> diag_sync_mask;
+extern std::atomic<int> gdwClientID;     // the process id
+extern std::atomic<int> num_bytes_read;  // result of the reader's last read
+extern std::atomic<int> in_read;         // 1 while the reader is inside read
+
+// Opens the device, starts the reader and waits (about 21 ms at most) until the driver has sent its
+// three masks. Returns 1, or 0 on failure; then the device may still be open and the reader
+// running. On an open handle it only repeats what follows the start of the reader. The argument is
+// not used.
+int Diag_LSM_Init(unsigned char* unused);
+
+// Withdraws, ends and joins the reader, closes the device. Returns 1 when every step succeeded,
+// else 0. Harmless on a library that was never initialised.
+int Diag_LSM_DeInit(void);
+
+// Registers the callback of the local processor. `context` is handed to it.
+void diag_register_callback(diag_callback callback, void* context);
+
+// The same for processor 1..9, which the driver must report present. Returns 0, or -1.
+int diag_register_remote_callback(diag_callback callback, int proc, void* context);
+
+// Sends `len` bytes (1 to 65536) of a request to processor `proc` (0..9). Returns 0 on success, -1
+// on a bad argument or an absent processor, else what the driver's write returned. Does not lock:
+// the caller serialises its sends.
+int diag_callback_send_data(int proc, unsigned char* buf, int len);
+
+// Writes one buffer, data type first, to the driver. Returns 0 on success, else the write's result;
+// for DCI data 1001 on success and 1006 on failure.
+int diag_send_data(unsigned char* buf, int len);
+
+// Fills in the mask of remote processors that the driver knows. Returns the ioctl's result.
+int diag_has_remote_device(uint16_t* mask);
+
+// Votes for (1) or against (0) real-time mode. Returns the ioctl's result, -1 for another vote.
+int diag_vote_md_real_time(int mode);
+// Fills in the real-time status. Returns the ioctl's result, -1 for null.
+int diag_get_real_time_status(int* status);
+int diag_get_max_channels(void);
+
+// Wake lock of this process, through /sys/power. One name per process: a second init under the same
+// name does nothing, under another name it is refused. Names are cut at 24 characters.
+void diag_wakelock_init(const char* name);
+void diag_wakelock_acquire(void);
+void diag_wakelock_release(void);
+void diag_wakelock_destroy(void);
+int diag_is_wakelock_init(void);
+
+// Sink of the library's diagnostics: formats into one 256-byte buffer and shows it to nobody.
+// Returns the length of the whole text.
+int qsprintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

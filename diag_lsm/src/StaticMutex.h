@@ -1,0 +1,75 @@
+// Mutex and condition for module-level state: constant-initialised, so they are ready before any
+// constructor runs, and never destroyed, so a reader thread that outlives main() can use them.
+#pragma once
+
+#include <pthread.h>
+#include <time.h>
+
+#include "runtime/ThreadAnnotations.h"
+
+class CAPABILITY("mutex") StaticMutex {
+  public:
+    void lock() ACQUIRE() { pthread_mutex_lock(&handle); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&handle); }
+
+    pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
+};
+
+// Holds a StaticMutex for a scope.
+class SCOPED_CAPABILITY StaticMutexLock {
+  public:
+    explicit StaticMutexLock(StaticMutex& guarded) ACQUIRE(guarded) : mutex(guarded) {
+        mutex.lock();
+    }
+    ~StaticMutexLock() RELEASE() { mutex.unlock(); }
+    StaticMutexLock(const StaticMutexLock&) = delete;
+    StaticMutexLock& operator=(const StaticMutexLock&) = delete;
+
+  private:
+    StaticMutex& mutex;
+};
+
+// A point on the clock that StaticCondition waits by: the monotonic one where the C library can
+// wait on it (a device that sets its time at boot must not stretch a wait), else the wall clock.
+class StaticDeadline {
+  public:
+    explicit StaticDeadline(long microseconds) {
+        clock_gettime(clock, &at);
+        at.tv_sec += microseconds / 1000000;
+        at.tv_nsec += microseconds % 1000000 * 1000;
+        if (at.tv_nsec > 999999999) {
+            at.tv_sec += 1;
+            at.tv_nsec -= 1000000000;
+        }
+    }
+
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 30)
+    static constexpr clockid_t clock = CLOCK_MONOTONIC;
+    int wait(pthread_cond_t* condition, pthread_mutex_t* mutex) const {
+        return pthread_cond_clockwait(condition, mutex, clock, &at);
+    }
+#else
+    static constexpr clockid_t clock = CLOCK_REALTIME;
+    int wait(pthread_cond_t* condition, pthread_mutex_t* mutex) const {
+        return pthread_cond_timedwait(condition, mutex, &at);
+    }
+#endif
+
+  private:
+    timespec at{};
+};
+
+class StaticCondition {
+  public:
+    void wait(StaticMutex& mutex) REQUIRES(mutex) { pthread_cond_wait(&handle, &mutex.handle); }
+
+    // False once the deadline has passed; true when it was woken before, for whatever reason.
+    bool waitUntil(StaticMutex& mutex, const StaticDeadline& deadline) REQUIRES(mutex) {
+        return deadline.wait(&handle, &mutex.handle) == 0;
+    }
+
+    void notifyAll() { pthread_cond_broadcast(&handle); }
+
+  private:
+    pthread_cond_t handle = PTHREAD_COND_INITIALIZER;
+};

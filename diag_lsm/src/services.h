@@ -1,0 +1,15 @@
+// Services that the reader hands data to and that this build does without: masks, log, event and
+// message services, the DCI client. Each accepts what it is given and does nothing.
+#pragma once
+
+int Diag_LSM_Log_Init(void);
+int Diag_LSM_Msg_Init(void);
+int Diag_LSM_Event_Init(void);
+int Diag_LSM_Msg_DeInit(void);
+
+void diag_update_msg_masks(unsigned char* payload, int length);
+void diag_update_log_masks(unsigned char* payload);
+void diag_update_event_masks(unsigned char* payload);
+void diag_update_dci_log_masks(unsigned char* payload, int length);
+void diag_update_dci_event_masks(unsigned char* payload, int length);
+void diag_process_dci_data(unsigned char* payload, int length);
