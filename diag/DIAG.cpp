@@ -1,0 +1,538 @@
+#include "diag/DIAG.h"
+
+#include <pthread.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "diag_lsm/diag_bytes.h"
+#include "diag_lsm/diag_lsm.h"
+#include "diag_lsm/diag_lsm_pkt.h"
+
+namespace tavrik {
+
+namespace {
+
+using Byte = unsigned char;
+
+constexpr Byte frameEnd = 0x7E;
+constexpr Byte escapeByte = 0x7D;
+constexpr Byte escapeMask = 0x20;
+
+constexpr Byte logPacket = 16;
+constexpr Byte eventReportControl = 96;
+constexpr Byte logConfiguration = 115;
+constexpr Byte extendedMessageConfiguration = 125;
+
+constexpr uint32_t logDisable = 0;
+constexpr uint32_t logRetrieveRanges = 1;
+constexpr uint32_t logSetMask = 3;
+
+constexpr int responseTimeout = 250;  // milliseconds
+
+constexpr int logHeaderLength = 8;  // of a frame: up to and including the log code
+constexpr int logRecordOffset = 4;  // in a frame
+constexpr int logRecordHeader = 12;
+constexpr int readableLogRecord = 92;  // decoders do not check lengths
+constexpr int maskHeaderLength = 16;
+constexpr uint32_t maxMaskItems = 65536;
+constexpr int rangesLength = 64;  // bytes of the ranges in their response
+
+pthread_once_t createControl = PTHREAD_ONCE_INIT;
+
+const char* text(bool result) { return result ? "true" : "false"; }
+
+// The caller has looked whether 12 bytes are there.
+bool isLogConfigurationDone(const Byte* rsp, uint32_t operation) {
+    return diag_get_u32(rsp + 4) == operation && diag_get_u32(rsp + 8) == 0;
+}
+
+struct Frame {
+    Byte* data;
+    int length;
+};
+
+// Unescapes the frame that begins at `at`, in place, and moves `at` behind it. False when no end
+// flag is left.
+bool cutFrame(Byte*& at, const Byte* end, Frame& frame) {
+    Byte* const begin = at;
+    Byte* out = at;
+    while (at != end) {
+        const Byte byte = *at++;
+        if (byte == escapeByte) {
+            if (at == end) return false;
+            *out++ = *at++ ^ escapeMask;
+            continue;
+        }
+        *out++ = byte;
+        if (byte != frameEnd) continue;
+        frame = {begin, static_cast<int>(out - begin)};
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+DIAG* DIAG::theInstance = nullptr;
+Logger* DIAG::logger = nullptr;
+
+// --- ResponseListener and Request -----------------------------------------------------------
+
+DIAG::ResponseListener::ResponseListener() : accepted(false), done(false) {}
+
+DIAG::ResponseListener::~ResponseListener() = default;
+
+void DIAG::ResponseListener::reset() {
+    LockGuard guard(lock);
+    accepted = false;
+    done = false;
+}
+
+void DIAG::ResponseListener::handOver(bool result) {
+    LockGuard guard(lock);
+    accepted = result;
+    done = true;
+    // Inside the lock: the waiter may destroy this listener once it has seen `done`.
+    lock.notify();
+}
+
+void DIAG::ResponseListener::waitUntilDone(int milliseconds) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+    LockGuard guard(lock);
+    while (!done) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0) return;
+        lock.wait(static_cast<int>(left.count()));
+    }
+}
+
+DIAG::Request::Request(unsigned char* bytes, int count, ResponseListener* receiver)
+    : listener(receiver), data(bytes), length(count) {}
+
+DIAG::Request::Request(const Request& other)
+    : listener(other.listener), data(nullptr), length(other.length) {
+    if (!other.data) return;
+    data = static_cast<unsigned char*>(malloc(static_cast<size_t>(length)));
+    if (data) memcpy(data, other.data, static_cast<size_t>(length));
+}
+
+DIAG::Request& DIAG::Request::operator=(Request other) {
+    std::swap(listener, other.listener);
+    std::swap(data, other.data);
+    std::swap(length, other.length);
+    return *this;
+}
+
+DIAG::Request::~Request() { free(data); }
+
+bool DIAG::Request::send() {
+    const int result = diag_callback_send_data(0, data, length);
+    logger->tracef("DIAG::Request::send() [%p,%d] => %d", static_cast<void*>(data), length, result);
+    free(data);
+    data = nullptr;
+    return result == 0;
+}
+
+// --- Instance -------------------------------------------------------------------------------
+
+DIAG* DIAG::instance() {
+    pthread_once(&createControl, createInstance);
+    return theInstance;
+}
+
+void DIAG::createInstance() {
+    logger = Logger::getLogger("DIAG");
+    theInstance = new DIAG;
+}
+
+DIAG::DIAG()
+    : switchModeByPointer(true),
+      inError(false),
+      connected(false),
+      moving(false),
+      maskBusy(false),
+      logItemRanges{} {
+    logger->tracef("DIAG::DIAG");
+}
+
+// --- Connection -----------------------------------------------------------------------------
+
+bool DIAG::connect() {
+    if (connected) return true;
+    LockGuard guard(connectLock);
+    while (moving)
+        connectLock.wait();
+    if (connected) return true;
+    if (inError) {
+        logger->errorf("DIAG::connect() => false [already in error]");
+        return false;
+    }
+    BusyFlag connecting(moving, connectLock);
+    bool opened = false;
+    {
+        LockRelease released(connectLock);
+        opened = openSession();
+    }
+    inError = !opened;
+    connected = opened;
+    return opened;
+}
+
+bool DIAG::openSession() {
+    if (!Diag_LSM_Init(nullptr)) {
+        logger->errorf("DIAG::connect() => false [Diag_LSM_Init failed]");
+        return false;
+    }
+    diag_register_callback(onDIAGData, this);
+    switchLoggingMode(DIAG_MODE_CALLBACK, true);
+    return configureTarget();
+}
+
+// Drivers differ in whether they take the mode's address or the mode itself. The form that a driver
+// refuses is not tried first again.
+void DIAG::switchLoggingMode(int mode, bool retryOtherForm) {
+    logging_mode = mode;
+    const auto tell = [this, mode] {
+        return switchModeByPointer
+                   ? ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, &logging_mode)
+                   : ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, static_cast<unsigned long>(mode));
+    };
+    if (tell() >= 0 || !retryOtherForm) return;
+    switchModeByPointer = !switchModeByPointer;
+    tell();
+}
+
+bool DIAG::configureTarget() {
+    class ExtendedMsgCfgRspListener : public ResponseListener {
+      public:
+        bool onResponse(const unsigned char* rsp, int len) override {
+            return holds(len, 3) && rsp[1] == 5 && rsp[2] == 1;
+        }
+    };
+    class EventRepCtrlRspListener : public ResponseListener {
+      public:
+        bool onResponse(const unsigned char* rsp, int len) override {
+            return holds(len, 3) && diag_get_u16(rsp + 1) == 0;
+        }
+    };
+    class LoggingCfgDisableRspListener : public ResponseListener {
+      public:
+        bool onResponse(const unsigned char* rsp, int len) override {
+            return holds(len, 12) && isLogConfigurationDone(rsp, logDisable);
+        }
+    };
+    class LoggingCfgRetrieveRangesRspListener : public ResponseListener {
+      public:
+        explicit LoggingCfgRetrieveRangesRspListener(uint32_t* target) : ranges(target) {}
+        bool onResponse(const unsigned char* rsp, int len) override {
+            if (!holds(len, 12 + rangesLength)) return false;
+            if (!isLogConfigurationDone(rsp, logRetrieveRanges)) return false;
+            for (int id = 0; id < rangesLength / 4; ++id) {
+                ranges[id] = diag_get_u32(rsp + 12 + 4 * id);
+            }
+            return true;
+        }
+
+      private:
+        uint32_t* ranges;
+    };
+
+    Byte messageMasks[8] = {0, 5};
+    diagpkt_set_cmd_code(messageMasks, extendedMessageConfiguration);
+    ExtendedMsgCfgRspListener messageListener;
+    if (!setup("extendedMsgCfgSetAllMasksReq", messageMasks, sizeof messageMasks,
+               messageListener)) {
+        return false;
+    }
+
+    Byte eventReport[2] = {};
+    diagpkt_set_cmd_code(eventReport, eventReportControl);
+    EventRepCtrlRspListener eventListener;
+    if (!setup("eventReportCtrlReq", eventReport, sizeof eventReport, eventListener, false)) {
+        return false;
+    }
+
+    Byte disable[12] = {};
+    diagpkt_set_cmd_code(disable, logConfiguration);
+    diag_put_u32(disable + 4, logDisable);
+    LoggingCfgDisableRspListener disableListener;
+    if (!setup("loggingCfgDisableReq", disable, sizeof disable, disableListener)) return false;
+
+    Byte retrieve[12] = {};
+    diagpkt_set_cmd_code(retrieve, logConfiguration);
+    diag_put_u32(retrieve + 4, logRetrieveRanges);
+    LoggingCfgRetrieveRangesRspListener rangesListener(logItemRanges);
+    return setup("loggingCfgRetrieveRangesReq", retrieve, sizeof retrieve, rangesListener);
+}
+
+bool DIAG::setup(const char* name, unsigned char* data, int length, ResponseListener& listener,
+                 bool mustBeSent) {
+    if (!sendSetupRequest(data, length, &listener)) {
+        if (!mustBeSent) {
+            logger->warnf("%s send failed", name);
+            return true;
+        }
+        logger->errorf("%s send failed", name);
+        return false;
+    }
+    if (awaitResponse(listener)) return true;
+    logger->errorf("%s response timeout", name);
+    return false;
+}
+
+bool DIAG::sendSetupRequest(unsigned char* data, int length, ResponseListener* listener) {
+    logger->tracef("DIAG::sendRequest(%p,%d,%p)", static_cast<void*>(data), length,
+                   static_cast<void*>(listener));
+    LockGuard guard(requestLock);
+    const bool sent = sendOrQueue(data, length, listener);
+    guard.unlock();
+    logger->tracef("DIAG::sendRequest(%p,%d,%p) => %s", static_cast<void*>(data), length,
+                   static_cast<void*>(listener), text(sent));
+    return sent;
+}
+
+void DIAG::disconnectIfIdle() {
+    LockGuard listenersGuard(listenerLock);
+    LockGuard requestsGuard(requestLock);
+    LockGuard guard(connectLock);
+    if (!logListeners.empty() || !requests.empty() || maskBusy || moving) return;
+    logger->tracef("DIAG::disconnectIfIdle() => disconnect");
+    BusyFlag disconnecting(moving, connectLock);
+    connected = false;
+    requestsGuard.unlock();
+    listenersGuard.unlock();
+    // Without a lock: Diag_LSM_DeInit() joins the reader, which may need them to finish.
+    LockRelease released(connectLock);
+    switchLoggingMode(DIAG_MODE_USB, false);
+    Diag_LSM_DeInit();
+}
+
+// --- Requests -------------------------------------------------------------------------------
+
+bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listener) {
+    logger->tracef("DIAG::sendRequest(%p,%d,%p)", static_cast<void*>(data), length,
+                   static_cast<void*>(listener));
+    bool sent = false;
+    while (connect()) {
+        LockGuard guard(requestLock);
+        // Another thread may have disconnected since.
+        if (!connected) continue;
+        sent = sendOrQueue(data, length, listener);
+        break;
+    }
+    logger->tracef("DIAG::sendRequest(%p,%d,%p) => %s", static_cast<void*>(data), length,
+                   static_cast<void*>(listener), text(sent));
+    return sent;
+}
+
+bool DIAG::sendOrQueue(unsigned char* data, int length, ResponseListener* listener) {
+    if (listener) listener->reset();
+    if (requests.empty()) {
+        const int result = diag_callback_send_data(0, data, length);
+        logger->tracef("diag_callback_send_data(%p,%d) => %d", static_cast<void*>(data), length,
+                       result);
+        if (result == 0) requests.emplace_back(nullptr, 0, listener);
+        return result == 0;
+    }
+    logger->tracef("DIAG::sendRequest(%p,%d,%p) => queue", static_cast<void*>(data), length,
+                   static_cast<void*>(listener));
+    if (length < 1) return false;
+    Byte* copy = static_cast<Byte*>(malloc(static_cast<size_t>(length)));
+    if (!copy) return false;
+    memcpy(copy, data, static_cast<size_t>(length));
+    requests.emplace_back(copy, length, listener);
+    return true;
+}
+
+bool DIAG::awaitResponse(ResponseListener& listener) {
+    listener.waitUntilDone(responseTimeout);
+    withdraw(listener);
+    // Last: an answer that came at the last moment counts.
+    return listener.accepted;
+}
+
+void DIAG::withdraw(ResponseListener& listener) {
+    LockGuard guard(requestLock);
+    for (Request& request : requests) {
+        if (request.listener == &listener) request.listener = nullptr;
+    }
+}
+
+// --- Log listeners and masks ----------------------------------------------------------------
+
+bool DIAG::registerLogListener(unsigned short logCode, LogListener* listener) {
+    logger->tracef("DIAG::registerLogListener(%d,%p)", logCode, static_cast<void*>(listener));
+    bool registered = false;
+    while (connect()) {
+        LockGuard guard(listenerLock);
+        waitWhileMaskBusy();
+        // Another thread may have disconnected since; from the insertion on nobody can.
+        if (!connected) continue;
+        registered = insertListener(logCode, listener) && updateLogMask(logCode & 0xF000);
+        break;
+    }
+    logger->tracef("DIAG::registerLogListener(%d,%p) => %s", logCode, static_cast<void*>(listener),
+                   text(registered));
+    return registered;
+}
+
+bool DIAG::unregisterLogListener(unsigned short logCode, LogListener* listener) {
+    logger->tracef("DIAG::unregisterLogListener(%d,%p)", logCode, static_cast<void*>(listener));
+    bool unregistered = false;
+    for (;;) {
+        const bool reachable = connect();
+        LockGuard guard(listenerLock);
+        waitWhileMaskBusy();
+        if (reachable && !connected) continue;
+        unregistered =
+            eraseListener(logCode, listener) && reachable && updateLogMask(logCode & 0xF000);
+        break;
+    }
+    disconnectIfIdle();
+    logger->tracef("DIAG::unregisterLogListener(%d,%p) => %s", logCode,
+                   static_cast<void*>(listener), text(unregistered));
+    return unregistered;
+}
+
+bool DIAG::insertListener(unsigned short logCode, LogListener* listener) {
+    return logListeners.emplace(logCode, listener).second;
+}
+
+bool DIAG::eraseListener(unsigned short logCode, LogListener* listener) {
+    const auto found = logListeners.find(logCode);
+    if (found == logListeners.end() || found->second != listener) return false;
+    logListeners.erase(found);
+    return true;
+}
+
+void DIAG::waitWhileMaskBusy() {
+    while (maskBusy)
+        listenerLock.wait();
+}
+
+bool DIAG::updateLogMask(unsigned short equipmentIdBits) {
+    const unsigned equipmentId = equipmentIdBits >> 12;
+    const uint32_t items = logItemRanges[equipmentId];
+    const int length =
+        items > maxMaskItems ? 0 : static_cast<int>((items + 7) >> 3) + maskHeaderLength;
+    const std::unique_ptr<Byte, decltype(&free)> request(
+        length ? static_cast<Byte*>(calloc(1, static_cast<size_t>(length))) : nullptr, &free);
+    if (!request) {
+        logger->errorf("loggingCfgSetReq failed to allocate message buffer");
+        return false;
+    }
+    diagpkt_set_cmd_code(request.get(), logConfiguration);
+    diag_put_u32(request.get() + 4, logSetMask);
+    diag_put_u32(request.get() + 8, equipmentId);
+    diag_put_u32(request.get() + 12, items);
+    setMaskBits(equipmentIdBits, request.get(), length);
+    BusyFlag updating(maskBusy, listenerLock);
+    LockRelease released(listenerLock);
+    return exchangeLogMask(request.get(), length);
+}
+
+void DIAG::setMaskBits(unsigned short equipmentIdBits, unsigned char* request, int length) {
+    const auto last = logListeners.upper_bound(equipmentIdBits | 0x0FFF);
+    for (auto it = logListeners.lower_bound(equipmentIdBits); it != last; ++it) {
+        const int at = maskHeaderLength + ((it->first >> 3) & 0x1FF);
+        // The target has no item of a number beyond its range.
+        if (at < length) request[at] = static_cast<Byte>(request[at] | 1 << (it->first & 7));
+    }
+}
+
+bool DIAG::exchangeLogMask(unsigned char* request, int length) {
+    class LoggingCfgRspListener : public ResponseListener {
+      public:
+        bool onResponse(const unsigned char* rsp, int len) override {
+            return holds(len, 12) && isLogConfigurationDone(rsp, logSetMask);
+        }
+    };
+    LoggingCfgRspListener listener;
+    if (!sendRequest(request, length, &listener)) {
+        logger->errorf("loggingCfgSetReq send failed");
+        return false;
+    }
+    if (awaitResponse(listener)) return true;
+    logger->errorf("loggingCfgSetReq response timeout");
+    return false;
+}
+
+// --- Received data --------------------------------------------------------------------------
+
+int DIAG::onDIAGData(unsigned char* buf, int len, void* context) {
+    static_cast<DIAG*>(context)->onDIAGData(buf, len);
+    return 0;
+}
+
+void DIAG::onDIAGData(unsigned char* buf, int len) {
+    if (len <= 0) return;
+    Byte* at = buf;
+    const Byte* const end = buf + len;
+    while (at != end) {
+        const Byte* const begin = at;
+        Frame frame{};
+        if (!cutFrame(at, end, frame)) {
+            logger->warnf("DIAG::onDIAGData() dropped %d bytes without an end flag",
+                          static_cast<int>(end - begin));
+            return;
+        }
+        onFrame(frame.data, frame.length);
+    }
+}
+
+void DIAG::onFrame(unsigned char* frame, int length) {
+    if (frame[0] == logPacket) {
+        onLogFrame(frame, length);
+    } else {
+        onResponseFrame(frame, length);
+    }
+}
+
+void DIAG::onLogFrame(const unsigned char* frame, int length) {
+    if (length - 1 < logHeaderLength) {
+        logger->warnf("DIAG::onDIAGData() dropped a log packet of %d bytes", length);
+        return;
+    }
+    LockGuard guard(listenerLock);
+    const auto found = logListeners.find(diag_get_u16(frame + 6));
+    if (found == logListeners.end()) return;
+
+    const Byte* const record = frame + logRecordOffset;
+    const int following = length - logRecordOffset;
+    const int claimed = diag_get_u16(record);
+    if (claimed > following - 1) {
+        logger->warnf("DIAG::onDIAGData() dropped a log record of %d bytes that claims %d",
+                      following - 1, claimed);
+        return;
+    }
+    if (following >= readableLogRecord) {
+        found->second->onLog(record);
+        return;
+    }
+    Byte padded[readableLogRecord] = {};
+    memcpy(padded, record,
+           static_cast<size_t>(claimed < logRecordHeader ? following - 1 : claimed));
+    found->second->onLog(padded);
+}
+
+void DIAG::onResponseFrame(const unsigned char* frame, int length) {
+    LockGuard guard(requestLock);
+    if (requests.empty()) {
+        logger->warnf("DIAG::onDIAGData() received unsolicited response: %d", frame[0]);
+        return;
+    }
+    ResponseListener* const listener = requests.front().listener;
+    if (listener) listener->handOver(listener->onResponse(frame, length));
+    requests.pop_front();
+    while (!requests.empty() && !requests.front().send())
+        requests.pop_front();
+}
+
+}  // namespace tavrik

@@ -1,0 +1,196 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+
+#include "log/Logger.h"
+#include "runtime/Lock.h"
+
+namespace tavrik {
+
+// The process's session with the platform's DIAG service.
+//
+// It connects when first used: opens the driver client, switches the driver to callback delivery
+// and configures the target with four requests. Requests go out one at a time, in the order in
+// which they were sent; every received frame that is no log packet answers the oldest one. Log
+// packets go to the listener of their log code, and the target's log mask is kept in step with the
+// listeners. When an unregistration leaves no listener and no request, the session disconnects. A
+// connection that failed stays failed for the rest of the process.
+//
+// Threads: "callers" are any threads but the reader; the "reader" is the driver client's thread, on
+// which onDIAGData() and with it every onResponse() and onLog() runs. Public operations may be
+// called by callers at any time, none on the reader.
+//
+// Ownership: a singleton, never destroyed. Listeners belong to their owners.
+//
+// Locks: a thread that waits for the target or for the reader's end holds no mutex. Who may not
+// pass meanwhile is kept out by a flag: `maskBusy` (a log mask is under way) and `moving`
+// (connecting or disconnecting).
+class DIAG {
+  public:
+    // Receives the answer to one request at a time. Lives until awaitResponse() has returned.
+    class ResponseListener {
+      public:
+        ResponseListener();
+        virtual ~ResponseListener();
+        ResponseListener(const ResponseListener&) = delete;
+        ResponseListener& operator=(const ResponseListener&) = delete;
+
+        // `rsp` is an unescaped frame of `len` bytes, any check bytes and the end flag included.
+        // Returns whether it is the answer hoped for. Called on the reader with the session's
+        // requestLock held: must not call the session.
+        virtual bool onResponse(const unsigned char* rsp, int len) = 0;
+
+        // What onResponse() returned; false before that.
+        std::atomic<bool> accepted;
+
+      protected:
+        // Whether a frame of `len` bytes holds `count` bytes in front of its end flag.
+        static bool holds(int len, int count) { return len > count; }
+
+      private:
+        friend class DIAG;
+
+        void reset() EXCLUDES(lock);
+        void handOver(bool result) EXCLUDES(lock);
+        void waitUntilDone(int milliseconds) EXCLUDES(lock);
+
+        Lock lock;                   // taken after the session's requestLock
+        bool done GUARDED_BY(lock);  // the answer has come, accepted or not
+    };
+
+    // Receives the log packets of one log code.
+    class LogListener {
+      public:
+        virtual ~LogListener() = default;
+
+        // `record` is a log record (length, log code, time stamp: 12 bytes, then the payload) with
+        // at least 92 readable bytes, zeros behind a shorter record; valid during the call. Called
+        // on the reader with listenerLock held: must not register or unregister log listeners.
+        virtual void onLog(const unsigned char* record) = 0;
+    };
+
+    // The session; made on the first call, which may come from any thread.
+    static DIAG* instance();
+
+    DIAG(const DIAG&) = delete;
+    DIAG& operator=(const DIAG&) = delete;
+
+    // Connects the session if needed (may take four times 250 ms). False, with an error logged,
+    // when it cannot be or has failed before.
+    bool connect() EXCLUDES(connectLock);
+
+    // Sends `length` raw packet bytes, or queues a copy while another request is outstanding. True
+    // when sent or queued: the caller then calls awaitResponse() with the same listener, which may
+    // be null where nobody cares. False when the session is not connected or the driver refused.
+    bool sendRequest(unsigned char* data, int length, ResponseListener* listener)
+        EXCLUDES(requestLock, connectLock);
+
+    // Waits up to 250 ms for the answer to the request sent with `listener`, and takes the listener
+    // back whatever happened: it hears nothing afterwards. The request itself keeps its place in
+    // the queue. True when an answer came and was accepted; logs nothing.
+    bool awaitResponse(ResponseListener& listener) EXCLUDES(requestLock);
+
+    // Makes `listener` the one for `logCode` and sends the new log mask of its equipment id. False
+    // when not connected, when the code has a listener already, and when the mask was not accepted
+    // (error logged; the listener stays registered then).
+    bool registerLogListener(unsigned short logCode, LogListener* listener) EXCLUDES(listenerLock);
+
+    // Takes `listener` from `logCode`, sends the log mask and disconnects if nothing is in use any
+    // more. False when not connected (the listener is taken away all the same), when the code has
+    // another listener or none, and when the mask was not accepted. No onLog() runs once it
+    // returns.
+    bool unregisterLogListener(unsigned short logCode, LogListener* listener)
+        EXCLUDES(listenerLock);
+
+    // Disconnects when no listener is registered, no request queued and no mask under way.
+    void disconnectIfIdle() EXCLUDES(listenerLock, requestLock, connectLock);
+
+    // Callback of the driver client; `context` is the session. Takes a buffer of framed data apart,
+    // rewriting it in place. Malformed frames are dropped with a warning. Returns 0.
+    static int onDIAGData(unsigned char* buf, int len, void* context);
+    void onDIAGData(unsigned char* buf, int len);
+
+  private:
+    // One queued request.
+    class Request {
+      public:
+        // Takes over `bytes` (from malloc); null for a request that the driver has already.
+        Request(unsigned char* bytes, int count, ResponseListener* receiver);
+        Request(const Request& other);
+        Request& operator=(Request other);
+        ~Request();
+
+        // Hands the bytes to the driver client and frees them. True when the driver took them.
+        bool send();
+
+        ResponseListener* listener;  // not owned; null when nobody waits any more
+
+      private:
+        unsigned char* data;
+        int length;
+    };
+
+    DIAG();
+    static void createInstance();
+
+    bool openSession();
+    void switchLoggingMode(int mode, bool retryOtherForm);
+    bool configureTarget();
+    bool sendSetupRequest(unsigned char* data, int length, ResponseListener* listener)
+        EXCLUDES(requestLock);
+    bool setup(const char* name, unsigned char* data, int length, ResponseListener& listener,
+               bool mustBeSent = true);
+
+    bool sendOrQueue(unsigned char* data, int length, ResponseListener* listener)
+        REQUIRES(requestLock);
+    void withdraw(ResponseListener& listener) EXCLUDES(requestLock);
+
+    bool insertListener(unsigned short logCode, LogListener* listener) REQUIRES(listenerLock);
+    bool eraseListener(unsigned short logCode, LogListener* listener) REQUIRES(listenerLock);
+    void waitWhileMaskBusy() REQUIRES(listenerLock);
+    // Sends the log mask of the equipment id in bits 15..12 and awaits the answer. Gives the lock
+    // up meanwhile, with maskBusy set. True when the target accepted it; failures are logged.
+    bool updateLogMask(unsigned short equipmentIdBits) REQUIRES(listenerLock);
+    void setMaskBits(unsigned short equipmentIdBits, unsigned char* request, int length)
+        REQUIRES(listenerLock);
+    bool exchangeLogMask(unsigned char* request, int length);
+
+    void onFrame(unsigned char* frame, int length);
+    void onLogFrame(const unsigned char* frame, int length) EXCLUDES(listenerLock);
+    void onResponseFrame(const unsigned char* frame, int length) EXCLUDES(requestLock);
+
+    static DIAG* theInstance;
+    static Logger* logger;  // constant once theInstance is set
+
+    // Lock order: listenerLock, requestLock, connectLock (all three in disconnectIfIdle() only);
+    // an ADSPPM's lock may be taken under listenerLock, a ResponseListener's under requestLock.
+    Lock listenerLock ACQUIRED_BEFORE(requestLock);
+    Lock requestLock ACQUIRED_BEFORE(connectLock);
+    Lock connectLock;
+
+    // Whether the driver takes the logging mode by address. Used by whoever set `moving`.
+    bool switchModeByPointer;
+
+    // Written under connectLock, read anywhere. `connected` is true from the last set-up answer to
+    // the beginning of a disconnect; it is cleared under all three locks, so whoever sees it true
+    // under one of them may rely on it while holding that one.
+    std::atomic<bool> inError;
+    std::atomic<bool> connected;
+
+    bool moving GUARDED_BY(connectLock);
+
+    std::map<unsigned short, LogListener*> logListeners GUARDED_BY(listenerLock);
+    bool maskBusy GUARDED_BY(listenerLock);
+
+    // The front one is outstanding at the target, the others hold copies of their bytes.
+    std::deque<Request> requests GUARDED_BY(requestLock);
+
+    // Highest item number by equipment id. Written by the reader while connecting, constant while
+    // connected.
+    uint32_t logItemRanges[16];
+};
+
+}  // namespace tavrik
