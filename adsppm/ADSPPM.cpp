@@ -1,0 +1,402 @@
+#include "adsppm/ADSPPM.h"
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "diag_lsm/diag_bytes.h"
+#include "diag_lsm/diag_lsm_pkt.h"
+#include "server/SystemErrorMessages.h"
+
+namespace tavrik {
+
+namespace {
+
+using Byte = unsigned char;
+
+constexpr unsigned short logCode = 0x1645;
+constexpr unsigned int noPeriod = 0xFFFFFFFF;
+constexpr int limitReached = 11;
+
+// Seconds from the Unix epoch to 6 January 1980, from which the ADSP counts until a loopback has
+// shown what its clock really counts from.
+constexpr double initialTimeShift = 315964800.0;
+
+constexpr Byte loopbackSubsystem = 18;
+constexpr uint16_t loopbackCommand = 42;
+constexpr Byte powerSubsystem = 12;
+constexpr uint16_t configCommand = 0x0404;
+constexpr uint32_t configStart = 1;
+constexpr uint32_t configStop = 2;
+constexpr uint32_t configAccepted = 1;
+
+constexpr int loopbackLength = 5;
+constexpr int configLength = 20;
+constexpr int configSlots = 12;  // offset in the configuration request
+constexpr int configPeriod = 16;
+constexpr int slots = 4;
+
+// Offsets in a log record.
+constexpr int recordCode = 2;
+constexpr int recordTimeLow = 4;
+constexpr int recordTimeHigh = 8;
+constexpr int recordVersion = 12;
+constexpr int recordSlotIds = 16;
+constexpr int recordSlotCounters = 20;
+constexpr int recordValue1 = 36;
+constexpr int recordCoreClock = 40;
+constexpr int recordCounters = 44;  // of ids -3 to -7, 8 bytes each
+constexpr int firstCounterId = -3;
+constexpr int lastCounterId = -7;
+
+pthread_once_t createControl = PTHREAD_ONCE_INIT;
+
+void putSubsystemHeader(Byte* request, Byte subsystem, uint16_t command) {
+    diagpkt_set_cmd_code(request, DIAG_CMD_SUBSYSTEM);
+    request[1] = subsystem;
+    diag_put_u16(request + 2, command);
+}
+
+void buildConfigRequest(Byte* request, uint32_t command) {
+    memset(request, 0, configLength);
+    putSubsystemHeader(request, powerSubsystem, configCommand);
+    diag_put_u32(request + 4, command);
+    request[8] = 1;
+    diag_put_u32(request + configPeriod, noPeriod);
+}
+
+double seconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1000000.0;
+}
+
+// The upper 48 bits count units of 1250 microseconds; of the others only the low eight are used.
+double convert(unsigned int low, unsigned int high, double shift) {
+    const uint64_t stamp = static_cast<uint64_t>(high) << 32 | low;
+    const uint64_t microseconds = (stamp >> 16) * 1250 + ((low & 0xFF) * 25) / 1000;
+    return static_cast<double>(static_cast<int64_t>(microseconds)) / 1000000.0 + shift;
+}
+
+class LoopbackCmdRspListener : public DIAG::ResponseListener {
+  public:
+    LoopbackCmdRspListener(unsigned int* lowWord, unsigned int* highWord, timeval* responseTime)
+        : low(lowWord), high(highWord), received(responseTime) {}
+
+    bool onResponse(const unsigned char* rsp, int len) override {
+        if (!holds(len, 12)) return false;
+        if (rsp[1] != loopbackSubsystem || diag_get_u16(rsp + 2) != loopbackCommand) return false;
+        gettimeofday(received, nullptr);
+        *low = diag_get_u32(rsp + 4);
+        *high = diag_get_u32(rsp + 8);
+        return true;
+    }
+
+  private:
+    unsigned int* low;
+    unsigned int* high;
+    timeval* received;
+};
+
+class ADSPPMConfigRspListener : public DIAG::ResponseListener {
+  public:
+    // `noted` is set at once when the response is accepted; null where nobody looks.
+    explicit ADSPPMConfigRspListener(std::atomic<bool>* noted) : note(noted) {}
+
+    bool onResponse(const unsigned char* rsp, int len) override {
+        if (!holds(len, 8)) return false;
+        if (rsp[1] != powerSubsystem || diag_get_u16(rsp + 2) != configCommand) return false;
+        if (diag_get_u32(rsp + 4) != configAccepted) return false;
+        if (note) *note = true;
+        return true;
+    }
+
+  private:
+    std::atomic<bool>* note;
+};
+
+}  // namespace
+
+ADSPPM* ADSPPM::theInstance = nullptr;
+Logger* ADSPPM::logger = nullptr;
+
+ADSPPM* ADSPPM::instance() {
+    pthread_once(&createControl, createInstance);
+    return theInstance;
+}
+
+void ADSPPM::createInstance() {
+    logger = Logger::getLogger("ADSPPM");
+    theInstance = new ADSPPM;
+}
+
+ADSPPM::ADSPPM()
+    : timeShift(initialTimeShift),
+      startAccepted(false),
+      changed_(false),
+      state(idle),
+      busy(false),
+      stopping(false),
+      lastLog{},
+      lastLogTime(0.0) {
+    buildConfigRequest(configRequest, configStart);
+}
+
+ADSPPM::~ADSPPM() = default;
+
+// --- Registration ---------------------------------------------------------------------------
+
+bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string& name,
+                              unsigned int period, std::string& error) {
+    logger->tracef("ADSPPM::registerListener(%p,%d,%d)", static_cast<void*>(listener), eventId,
+                   static_cast<int>(period));
+    LockGuard guard(lock);
+    while (busy)
+        lock.wait();
+    if (state == failed) {
+        error = errorText;
+        return false;
+    }
+    const bool needsSlot = eventId >= 1 && listeners[eventId].empty();
+    if (needsSlot && !takeSlot(eventId)) {
+        guard.unlock();
+        const std::string text =
+            "Cannot add event " + name + " to ADSP PMU, the event limit has been reached.";
+        logger->warnf("ADSPPM::registerListener: %s", text.c_str());
+        SystemErrorMessages::add(limitReached, text);
+        error = text;
+        return false;
+    }
+    listeners[eventId].emplace(period, listener);
+    if (period < this->period()) setPeriod(period);
+    if (needsSlot) changed_ = true;
+    return true;
+}
+
+bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
+    logger->tracef("ADSPPM::unregisterListener(%p,%d)", static_cast<void*>(listener), eventId);
+    LockGuard guard(lock);
+    while (busy)
+        lock.wait();
+    Listeners& registered = listeners[eventId];
+    auto found = registered.begin();
+    while (found != registered.end() && found->second != listener)
+        ++found;
+    if (found == registered.end()) return true;
+
+    const unsigned int period = found->first;
+    registered.erase(found);
+    // Such a registration counts for nothing in the request, nor is its slot looked at again.
+    if (period == noPeriod) return true;
+    if (eventId >= 1 && registered.empty()) freeSlot(eventId);
+    if (!registered.empty() && period >= registered.begin()->first) return true;
+    const unsigned int smallest = smallestPeriod();
+    if (smallest != this->period()) setPeriod(smallest);
+    return true;
+}
+
+// Only the id's low byte goes to the ADSP.
+bool ADSPPM::takeSlot(int eventId) {
+    for (int slot = 0; slot < slots; ++slot) {
+        if (configRequest[configSlots + slot] != 0) continue;
+        configRequest[configSlots + slot] = static_cast<Byte>(eventId);
+        return true;
+    }
+    return false;
+}
+
+// Keeps the slots packed from the first on.
+void ADSPPM::freeSlot(int eventId) {
+    changed_ = true;
+    Byte* const first = configRequest + configSlots;
+    int slot = 0;
+    while (slot < slots && first[slot] != eventId)
+        ++slot;
+    if (slot == slots) return;
+    for (; slot < slots - 1; ++slot) {
+        first[slot] = first[slot + 1];
+        if (first[slot] == 0) break;
+    }
+    first[slots - 1] = 0;
+}
+
+unsigned int ADSPPM::smallestPeriod() const {
+    unsigned int smallest = noPeriod;
+    for (const auto& entry : listeners) {
+        if (entry.second.empty()) continue;
+        const unsigned int period = entry.second.begin()->first;
+        if (period < smallest) smallest = period;
+    }
+    return smallest;
+}
+
+unsigned int ADSPPM::period() const { return diag_get_u32(configRequest + configPeriod); }
+
+void ADSPPM::setPeriod(unsigned int period) {
+    diag_put_u32(configRequest + configPeriod, period);
+    changed_ = true;
+}
+
+// --- Start and stop -------------------------------------------------------------------------
+
+bool ADSPPM::startMetricCollection() {
+    logger->tracef("ADSPPM::startMetricCollection()");
+    LockGuard guard(lock);
+    while (busy || stopping)
+        lock.wait();
+    if (state != idle || period() == noPeriod) return false;
+
+    BusyFlag starting(busy, lock);
+    Byte request[configLength];
+    memcpy(request, configRequest, sizeof request);
+    bool started = false;
+    {
+        LockRelease released(lock);
+        started = exchangeStart(request);
+    }
+    startAccepted = false;
+    if (!started) {
+        state = failed;
+        errorText = "Failed to start ADSP PMU.";
+        return false;
+    }
+    changed_ = false;
+    state = collecting;
+    return true;
+}
+
+// A loopback that fails leaves the time shift as it was; collection does not depend on it.
+void ADSPPM::measureTimeShift() {
+    Byte request[loopbackLength] = {};
+    putSubsystemHeader(request, loopbackSubsystem, loopbackCommand);
+    unsigned int low = 0;
+    unsigned int high = 0;
+    timeval sent{};
+    timeval received{};
+    LoopbackCmdRspListener listener(&low, &high, &received);
+    gettimeofday(&sent, nullptr);
+    if (!DIAG::instance()->sendRequest(request, sizeof request, &listener)) {
+        logger->errorf("ADSPPM::startMetricCollection() ADSPLoopbackReq send failed");
+        return;
+    }
+    if (!DIAG::instance()->awaitResponse(listener)) {
+        logger->errorf("ADSPPM::startMetricCollection() ADSPLoopbackReq timeout");
+        return;
+    }
+    updateTimeShift(low, high, &sent, &received);
+}
+
+bool ADSPPM::exchangeStart(unsigned char* request) {
+    measureTimeShift();
+    DIAG* const diag = DIAG::instance();
+    diag->registerLogListener(logCode, this);
+    ADSPPMConfigRspListener listener(&startAccepted);
+    if (!diag->sendRequest(request, configLength, &listener)) {
+        logger->errorf("ADSPPM::startMetricCollection() ADSPPMConfigReq send failed");
+    } else if (diag->awaitResponse(listener)) {
+        return true;
+    } else {
+        logger->errorf("ADSPPM::startMetricCollection() ADSPPMConfigReq timeout");
+    }
+    diag->unregisterLogListener(logCode, this);
+    return false;
+}
+
+bool ADSPPM::stopMetricCollection() {
+    logger->tracef("ADSPPM::stopMetricCollection()");
+    LockGuard guard(lock);
+    while (busy || stopping)
+        lock.wait();
+    if (state != collecting) return false;
+
+    state = idle;
+    BusyFlag stop(stopping, lock);
+    bool stopped = false;
+    {
+        BusyFlag exchanging(busy, lock);
+        LockRelease released(lock);
+        stopped = exchangeStop();
+    }
+    if (!stopped) state = failed;
+    {
+        LockRelease released(lock);
+        DIAG::instance()->unregisterLogListener(logCode, this);
+    }
+    memset(lastLog, 0, sizeof lastLog);
+    return stopped;
+}
+
+bool ADSPPM::exchangeStop() {
+    Byte request[configLength];
+    buildConfigRequest(request, configStop);
+    ADSPPMConfigRspListener listener(nullptr);
+    if (!DIAG::instance()->sendRequest(request, configLength, &listener)) {
+        logger->tracef("ADSPPM::stopMetricCollection() ADSPPMConfigReq send failed");
+        return false;
+    }
+    if (DIAG::instance()->awaitResponse(listener)) return true;
+    logger->tracef("ADSPPM::stopMetricCollection() ADSPPMConfigReq timeout");
+    return false;
+}
+
+// --- Decoding -------------------------------------------------------------------------------
+
+double ADSPPM::convertTimeStamp(unsigned int low, unsigned int high) const {
+    return convert(low, high, timeShift);
+}
+
+void ADSPPM::updateTimeShift(unsigned int low, unsigned int high, const timeval* sent,
+                             const timeval* received) {
+    const double sentTime = seconds(*sent);
+    const double roundTrip = seconds(*received) - sentTime;
+    const double midpoint = sentTime + roundTrip * 0.5;
+    timeShift = initialTimeShift + (midpoint - convert(low, high, initialTimeShift));
+}
+
+void ADSPPM::onLog(const unsigned char* record) {
+    LockGuard guard(lock);
+    // The start has its answer and needs nothing more from this thread: let it finish, so that a
+    // packet right behind that answer is not taken for one in front of it.
+    while (busy && startAccepted)
+        lock.wait();
+    if (state != collecting || record[recordVersion] != 1) return;
+    const double time = convertTimeStamp(diag_get_u32(record + recordTimeLow),
+                                         diag_get_u32(record + recordTimeHigh));
+    if (diag_get_u16(lastLog + recordCode) != 0) deliverAll(record, time);
+    memcpy(lastLog, record, sizeof lastLog);
+    lastLogTime = time;
+}
+
+void ADSPPM::deliverAll(const unsigned char* record, double time) {
+    const double factor = 1000.0 / (time - lastLogTime);
+    deliverSlots(record, time, factor);
+    deliver(-1, time, diag_get_u32(record + recordValue1) / 1000000.0);
+    deliver(-2, time, diag_get_u32(record + recordCoreClock) / 1000.0);
+    for (int id = firstCounterId; id >= lastCounterId; --id) {
+        deliverCounter(id, record, recordCounters + 8 * (firstCounterId - id), time, factor);
+    }
+}
+
+// The previous counter is that of the same slot, whatever event it counted then.
+void ADSPPM::deliverSlots(const unsigned char* record, double time, double factor) {
+    for (int slot = 0; slot < slots; ++slot) {
+        const int id = record[recordSlotIds + slot];
+        if (id == 0) continue;
+        const int offset = recordSlotCounters + 4 * slot;
+        const uint32_t gained = diag_get_u32(record + offset) - diag_get_u32(lastLog + offset);
+        deliver(id, time, static_cast<double>(gained) * factor);
+    }
+}
+
+void ADSPPM::deliverCounter(int eventId, const unsigned char* record, int offset, double time,
+                            double factor) {
+    const uint64_t gained = diag_get_u64(record + offset) - diag_get_u64(lastLog + offset);
+    deliver(eventId, time, static_cast<double>(gained) * factor);
+}
+
+void ADSPPM::deliver(int eventId, double time, long double value) {
+    for (const auto& entry : listeners[eventId]) {
+        entry.second->onADSPPMInput(eventId, time, value);
+    }
+}
+
+}  // namespace tavrik

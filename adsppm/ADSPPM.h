@@ -1,0 +1,132 @@
+#pragma once
+
+#include <sys/time.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+
+#include "diag/DIAG.h"
+#include "log/Logger.h"
+#include "runtime/Lock.h"
+
+namespace tavrik {
+
+// The ADSP power manager as a source of metrics: registers listeners for events of its performance
+// monitor, starts and stops collection over DIAG, and turns the log packets that come back into
+// time-stamped values.
+//
+// Event ids: 1 to 255 are events of the performance monitor; each distinct one with a listener
+// takes one of four slots. -1 to -7 are values that every log packet carries (-2 is the core
+// clock); they take none. Registrations reach the ADSP with the next start.
+//
+// Threads: "callers" are any threads but the DIAG reader; the "reader" is DIAG's thread, on which
+// onLog() and with it every listener runs. Public operations may be called by callers at any time.
+//
+// Ownership: a singleton, never destroyed. Listeners belong to their owners.
+//
+// Locks: `lock` is held for short steps and while listeners run, never while DIAG is called. What
+// is under way keeps others out by flags: `busy` (a start or a stop exchanges requests) holds up
+// every operation of callers, `stopping` (to the very end of a stop) only the next start or stop.
+class ADSPPM : public DIAG::LogListener {
+  public:
+    // Receives the values of one event.
+    class Listener {
+      public:
+        virtual ~Listener() = default;
+
+        // `time` is the moment of the measurement in seconds since the Unix epoch. `value` is the
+        // ADSP's number divided by 1,000,000 for id -1 and by 1,000 for id -2; for the others it is
+        // what their counter gained since the previous packet, times 1,000, per second (infinite or
+        // not a number when no time passed). Called on the reader with the ADSPPM's lock held: must
+        // return soon and must not call the ADSPPM.
+        virtual void onADSPPMInput(int eventId, double time, long double value) = 0;
+    };
+
+    // The singleton; made on the first call, which may come from any thread.
+    static ADSPPM* instance();
+
+    ADSPPM(const ADSPPM&) = delete;
+    ADSPPM& operator=(const ADSPPM&) = delete;
+
+    // Adds `listener` for `eventId`; the ADSP reports every `period` or more often, if another
+    // registration asks for that. `name` appears in the refusal's text. False when all four slots
+    // are taken (warning logged, server message LIMITREACHED posted) and after a failed start or
+    // stop (nothing logged); `error` then holds the text.
+    bool registerListener(Listener* listener, int eventId, const std::string& name,
+                          unsigned int period, std::string& error) EXCLUDES(lock);
+
+    // Removes one registration of `listener` for `eventId`, the one of the smallest period. Always
+    // true. The listener is not running and is not called again for it once this returns.
+    bool unregisterListener(Listener* listener, int eventId) EXCLUDES(lock);
+
+    // Starts collection: three exchanges of up to 250 ms with the ADSP, and DIAG's connection.
+    // False when not idle or nobody is registered (nothing logged), or when the ADSP did not
+    // acknowledge (error logged); after that every start and registration fails.
+    bool startMetricCollection() EXCLUDES(lock);
+
+    // Stops collection: two exchanges of up to 250 ms. False when not collecting, or when the ADSP
+    // did not acknowledge (traced); after that every start and registration fails.
+    bool stopMetricCollection() EXCLUDES(lock);
+
+    // DIAG::LogListener: decodes one log packet and calls the listeners. The first packet after a
+    // start only primes the decoder.
+    void onLog(const unsigned char* record) override EXCLUDES(lock);
+
+    // Seconds since the Unix epoch of an ADSP time stamp, by the present time shift.
+    double convertTimeStamp(unsigned int low, unsigned int high) const;
+
+    // Sets the time shift from one loopback: the ADSP's time stamp is taken to be that of the
+    // middle between the request's and the response's host time.
+    void updateTimeShift(unsigned int low, unsigned int high, const timeval* sent,
+                         const timeval* received);
+
+  private:
+    using Listeners = std::multimap<unsigned int, Listener*>;  // by period
+    enum State { idle = 0, collecting = 1, failed = 2 };
+
+    ADSPPM();
+    ~ADSPPM() override;
+    static void createInstance();
+
+    bool takeSlot(int eventId) REQUIRES(lock);
+    void freeSlot(int eventId) REQUIRES(lock);
+    unsigned int smallestPeriod() const REQUIRES(lock);
+    unsigned int period() const REQUIRES(lock);
+    void setPeriod(unsigned int period) REQUIRES(lock);
+
+    // The exchanges with the ADSP; called with `busy` set and `lock` free.
+    void measureTimeShift();
+    bool exchangeStart(unsigned char* request);
+    bool exchangeStop();
+
+    void deliver(int eventId, double time, long double value) REQUIRES(lock);
+    void deliverSlots(const unsigned char* record, double time, double factor) REQUIRES(lock);
+    void deliverCounter(int eventId, const unsigned char* record, int offset, double time,
+                        double factor) REQUIRES(lock);
+    void deliverAll(const unsigned char* record, double time) REQUIRES(lock);
+
+    static ADSPPM* theInstance;
+    static Logger* logger;  // constant once theInstance is set
+
+    // Seconds to add to an ADSP time stamp. Written by starts, read anywhere.
+    std::atomic<double> timeShift;
+    // The reader has accepted the running start's configuration response; cleared by that start.
+    std::atomic<bool> startAccepted;
+    // The configuration request differs from the last one that the ADSP accepted. Written under
+    // `lock`, read anywhere.
+    std::atomic<bool> changed_;
+
+    // Guards the state below. Taken after DIAG's listenerLock; nothing is taken under it.
+    Lock lock;
+    int state GUARDED_BY(lock);
+    bool busy GUARDED_BY(lock);
+    bool stopping GUARDED_BY(lock);
+    std::string errorText GUARDED_BY(lock);            // of the last failed start
+    unsigned char configRequest[20] GUARDED_BY(lock);  // the next start's
+    unsigned char lastLog[92] GUARDED_BY(lock);        // log code 0: there is none
+    double lastLogTime GUARDED_BY(lock);
+    std::map<int, Listeners> listeners GUARDED_BY(lock);  // empty entries may stay
+};
+
+}  // namespace tavrik
