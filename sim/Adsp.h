@@ -1,0 +1,61 @@
+// The DSP behind the driver: executes requests, counts, makes log packets.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <string>
+
+#include "sim/Bytes.h"
+#include "sim/Request.h"
+#include "sim/Scenario.h"
+
+namespace diagsim {
+
+// What the ADSP says to one request.
+struct Answer {
+    Bytes packet{};
+    std::string title{};    // e.g. "start response"
+    std::string verdict{};  // e.g. "accepted"
+};
+
+// The state lives as long as the object: closing the device node does not stop a collection.
+// No locks; the owner serialises all calls.
+class Adsp {
+  public:
+    explicit Adsp(const Scenario& scenario);
+
+    // Executes a request. With `refuse` nothing is executed and the answer says no in the field
+    // that this request has for it; a request with an objection gets the error answer.
+    Answer execute(const Request& request, bool refuse);
+
+    // The next log packet, from its command code on, with the clock of this moment.
+    Bytes logPacket();
+
+    // The packet's title for people, with its core clock.
+    std::string logTitle() const;
+
+    // Whether a collection runs, and its log period (at least 1 microsecond).
+    bool collecting() const { return collecting_; }
+    std::chrono::microseconds period() const;
+
+    // Whether the log mask lets the power manager's packets out.
+    bool wantsLogs() const;
+
+  private:
+    void apply(const Request& request);
+
+    const Scenario::Ranges ranges_;
+    const Scenario::Dsp setup_;
+
+    std::map<uint64_t, Bytes> logMasks_{};  // by equipment id
+    Bytes slots_{0, 0, 0, 0};
+    bool collecting_;
+    std::chrono::microseconds requestedPeriod_{1000};
+    uint64_t packets_ = 0;
+};
+
+// The ADSP's clock now: 1.25 ms units since 6 January 1980 in the upper 48 bits, 25 ns units within
+// in the lower 16.
+uint64_t adspTime();
+
+}  // namespace diagsim

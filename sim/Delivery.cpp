@@ -1,0 +1,221 @@
+#include "sim/Delivery.h"
+
+#include "sim/Wire.h"
+
+namespace diagsim {
+namespace {
+
+using Placement = Fault::Placement;
+
+constexpr const char* kAdsp = "adsp";
+
+Outgoing step(Outgoing::Action action, const char* line) {
+    Outgoing outgoing;
+    outgoing.action = action;
+    outgoing.who = "driver";
+    outgoing.lines.push_back(line);
+    return outgoing;
+}
+
+// The answer packet as the fault leaves it, before framing.
+Answer spoil(Answer answer, const Fault& fault) {
+    if (fault.answer) {
+        answer.packet = *fault.answer;
+        answer.verdict = "replaced";
+    }
+    if (fault.wrongSubsystem) {
+        const bool logConfig = wordAt(answer.packet, 0, 1) == kLogConfigCommand;
+        const size_t offset = logConfig ? 4 : 1;
+        setWord(answer.packet, offset, wordAt(answer.packet, offset, 1) + 0x40, 1);
+        answer.verdict = "wrong subsystem";
+    }
+    if (fault.cutTo && *fault.cutTo < answer.packet.size()) {
+        answer.packet.resize(*fault.cutTo);
+        answer.verdict += ", cut";
+    }
+    return answer;
+}
+
+// Collects the buffers of one request in order.
+class Group {
+  public:
+    Group(const Answer& answer, const Fault& fault, Adsp& adsp)
+        : answer_(spoil(answer, fault)), fault_(fault), adsp_(adsp) {}
+
+    std::vector<Outgoing> build() {
+        addFront();
+        if (fault_.failRead) {
+            out_.push_back(step(Outgoing::Action::kFailRead, "read fails"));
+            return std::move(out_);
+        }
+        if (fault_.hangUp) {
+            out_.push_back(step(Outgoing::Action::kHangUp, "the device is gone"));
+            return std::move(out_);
+        }
+        addAnswers();
+        addBehind();
+        return std::move(out_);
+    }
+
+  private:
+    // One frame on its way into the answer's buffer.
+    struct Frame {
+        std::string title;
+        Bytes payload;
+    };
+
+    bool answered() const { return !fault_.drop && !fault_.failRead && !fault_.hangUp; }
+
+    // A log packet that has no answer to share a buffer with goes alone.
+    bool alone(Placement placement) const {
+        return placement == Placement::kOwnBuffer || (placement != Placement::kNone && !answered());
+    }
+
+    void addFront() {
+        addWhole(fault_.bufferInFront);
+        addRaw(fault_.rawInFront);
+        addStray(fault_.frameInFront);
+        if (alone(fault_.logInFront)) addLogs();
+    }
+
+    void addBehind() {
+        if (alone(fault_.logBehind)) addLogs();
+        addStray(fault_.frameBehind);
+        addRaw(fault_.rawBehind);
+        addWhole(fault_.bufferBehind);
+    }
+
+    void addAnswers() {
+        if (fault_.drop) return;
+        const Placement none = Placement::kNone;
+        addAnswer(fault_.logInFront, fault_.twice ? none : fault_.logBehind);
+        if (fault_.twice) addAnswer(none, fault_.logBehind);
+    }
+
+    void addWhole(const std::optional<Bytes>& buffer) {
+        if (buffer) out_.push_back(wholeBuffer(kAdsp, "raw buffer", *buffer));
+    }
+
+    void addRaw(const std::optional<Bytes>& data) {
+        if (!data) return;
+        Outgoing outgoing = wholeBuffer(kAdsp, "raw chunk", chunkBuffer({{*data}}));
+        outgoing.callbackModeOnly = true;
+        out_.push_back(std::move(outgoing));
+    }
+
+    void addStray(const std::optional<Bytes>& payload) {
+        if (payload) out_.push_back(frameBuffer(kAdsp, "stray frame", *payload));
+    }
+
+    void addLogs() {
+        for (int i = 0; i < fault_.logCount; ++i) {
+            const Bytes packet = adsp_.logPacket();
+            out_.push_back(frameBuffer(kAdsp, adsp_.logTitle(), packet));
+        }
+    }
+
+    void addAnswer(Placement front, Placement behind) {
+        chunks_.clear();
+        frames_.clear();
+        openChunk_ = false;
+        addSharedLogs(front, Placement::kSameBuffer);
+        addSharedLogs(front, Placement::kSameChunk);
+        addAnswerFrame();
+        addSharedLogs(behind, Placement::kSameChunk);
+        openChunk_ = false;
+        addSharedLogs(behind, Placement::kSameBuffer);
+        out_.push_back(finishAnswer());
+    }
+
+    void addSharedLogs(Placement placement, Placement wanted) {
+        if (placement != wanted) return;
+        for (int i = 0; i < fault_.logCount; ++i) {
+            const Bytes packet = adsp_.logPacket();
+            addFrame(adsp_.logTitle(), packet, frame(packet), wanted == Placement::kSameChunk);
+        }
+    }
+
+    void addAnswerFrame() {
+        Bytes framed = frame(answer_.packet);
+        if (fault_.cutFlag) framed.pop_back();
+        addFrame(answer_.title + " (" + answer_.verdict + ')', answer_.packet, framed, openChunk_);
+        chunks_.back().token = fault_.token;
+        chunks_.back().length = fault_.chunkLength;
+        openChunk_ = true;
+    }
+
+    void addFrame(const std::string& title, const Bytes& payload, const Bytes& framed, bool share) {
+        const bool join = share && openChunk_;
+        if (!join) chunks_.emplace_back();
+        append(chunks_.back().data, framed);
+        openChunk_ = share;
+        const char* const place = join ? ", same chunk" : ", same buffer";
+        frames_.push_back({title + (frames_.empty() ? "" : place), payload});
+    }
+
+    Outgoing finishAnswer() const {
+        Outgoing outgoing;
+        outgoing.bytes = chunkBuffer(chunks_, fault_.chunkCount);
+        outgoing.callbackModeOnly = true;
+        outgoing.who = kAdsp;
+        const std::string damage = damageName();
+        if (!damage.empty()) {
+            outgoing.lines.push_back(
+                describe("raw buffer, " + frames_.front().title + damage, outgoing.bytes));
+            return outgoing;
+        }
+        for (const Frame& one : frames_)
+            outgoing.lines.push_back(describe(one.title, one.payload));
+        return outgoing;
+    }
+
+    std::string damageName() const {
+        std::string name;
+        if (fault_.cutFlag) name += ", no end flag";
+        if (fault_.chunkLength) name += ", false chunk length";
+        if (fault_.chunkCount) name += ", false chunk count";
+        if (fault_.token) name += ", token";
+        return name;
+    }
+
+    const Answer answer_;
+    const Fault& fault_;
+    Adsp& adsp_;
+    std::vector<Outgoing> out_{};
+
+    // The answer's buffer while it is put together.
+    std::vector<Chunk> chunks_{};
+    std::vector<Frame> frames_{};
+    bool openChunk_ = false;  // the next frame may go into the last chunk
+};
+
+}  // namespace
+
+std::string describe(const std::string& title, const Bytes& bytes) {
+    if (bytes.empty()) return title + ", 0 bytes";
+    const char* const unit = bytes.size() == 1 ? " byte: " : " bytes: ";
+    return title + ", " + std::to_string(bytes.size()) + unit + hexDump(bytes);
+}
+
+Outgoing frameBuffer(const char* who, const std::string& title, const Bytes& payload) {
+    Outgoing outgoing;
+    outgoing.bytes = chunkBuffer({{frame(payload)}});
+    outgoing.callbackModeOnly = true;
+    outgoing.who = who;
+    outgoing.lines.push_back(describe(title, payload));
+    return outgoing;
+}
+
+Outgoing wholeBuffer(const char* who, const std::string& title, const Bytes& buffer) {
+    Outgoing outgoing;
+    outgoing.bytes = buffer;
+    outgoing.who = who;
+    outgoing.lines.push_back(describe(title, buffer));
+    return outgoing;
+}
+
+std::vector<Outgoing> composeDelivery(const Answer& answer, const Fault& fault, Adsp& adsp) {
+    return Group(answer, fault, adsp).build();
+}
+
+}  // namespace diagsim

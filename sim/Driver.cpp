@@ -1,0 +1,359 @@
+#include "sim/Driver.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "sim/ErrnoName.h"
+#include "sim/Wire.h"
+
+namespace diagsim {
+namespace {
+
+constexpr int kUsbMode = 1;
+constexpr int kMemoryMode = 2;
+constexpr int kCallbackMode = 6;
+constexpr uintptr_t kLowestPointer = 4096;  // no page below is ever mapped
+constexpr uint32_t kRemoteProcessors = 9;
+constexpr size_t kTypeSize = 4;
+constexpr size_t kTokenSize = 4;
+
+constexpr const char* kHost = "host";
+constexpr const char* kDriver = "driver";
+
+// The requests of ioctl.
+constexpr unsigned long kRegister = 0;
+constexpr unsigned long kWithdraw = 1;
+constexpr unsigned long kSwitchMode = 7;
+constexpr unsigned long kDelayedResponseId = 8;
+constexpr unsigned long kDeinitialise = 9;
+constexpr unsigned long kRemoteMask = 32;
+constexpr unsigned long kVote = 33;
+constexpr unsigned long kRealTimeStatus = 34;
+
+// The records that clients of the same word size pass to ioctl.
+struct TableRegistration {
+    char name[32];
+    uint32_t count;
+    const void* records;
+};
+struct DelayedResponseRecord {
+    uint8_t* id;
+    uint32_t size;
+    uint32_t* count;
+};
+struct Vote {
+    uint16_t processor;
+    uint8_t vote;
+    uint8_t unused;
+};
+
+template <typename T>
+T readFrom(const void* address) {
+    T value;
+    std::memcpy(&value, address, sizeof value);
+    return value;
+}
+
+Bytes messageMasks() { return {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}; }
+Bytes logMasks() { return {2, 0, 0, 0, 1, 0, 0, 0, 0xA4, 6, 0, 0, 0, 0, 0, 0}; }
+Bytes eventMasks() { return {4, 0, 0, 0, 0, 0, 0, 0}; }
+
+}  // namespace
+
+Driver::Driver(const Scenario& scenario, Trace& trace)
+    : scenario_(scenario), trace_(trace), adsp_(scenario) {}
+
+Driver::Result Driver::refuse(const std::string& call, int error, const std::string& reason) {
+    const std::string why = reason.empty() ? "" : " (refused: " + reason + ')';
+    trace_.line(kHost, call + " => -1 " + errnoName(error) + why);
+    return {-1, error};
+}
+
+Driver::Result Driver::succeed(const std::string& call, long value) {
+    trace_.line(kHost, call + " => " + std::to_string(value));
+    return {value, value < 0 ? EIO : 0};
+}
+
+Driver::Result Driver::open(Time now) {
+    const std::string call = "open /dev/diag";
+    if (scenario_.openErrno != 0) return refuse(call, scenario_.openErrno, "");
+    mode_ = kUsbMode;
+    gone_ = false;
+    trace_.line(kHost, call + " => ok");
+    const Scenario::Masks& masks = scenario_.masks;
+    const Time due = now + std::chrono::milliseconds(masks.delayMs);
+    if (masks.message) enqueue(wholeBuffer(kDriver, "message masks", messageMasks()), due);
+    if (masks.log) enqueue(wholeBuffer(kDriver, "log masks", logMasks()), due);
+    if (masks.event) enqueue(wholeBuffer(kDriver, "event masks", eventMasks()), due);
+    for (int i = 0; i < scenario_.emptyReads; ++i) {
+        enqueue(wholeBuffer(kDriver, "empty buffer", {}), due);
+    }
+    for (const Bytes& buffer : scenario_.atOpen) {
+        enqueue(wholeBuffer(kDriver, "raw buffer", buffer), due);
+    }
+    restartLogs(now);
+    return {};
+}
+
+void Driver::close() {
+    queue_.clear();
+    nextLog_.reset();
+    nextStray_.reset();
+}
+
+void Driver::vanish() {
+    close();
+    gone_ = true;
+}
+
+void Driver::restartLogs(Time now) {
+    nextLog_.reset();
+    if (adsp_.collecting()) nextLog_ = now + adsp_.period();
+}
+
+// --- queue ---
+
+void Driver::enqueue(Outgoing outgoing, Time due) { queue_.emplace(due, std::move(outgoing)); }
+
+void Driver::producePeriodic(Time now) {
+    // A tick that was missed altogether is not made up for: the queue would only grow.
+    if (nextLog_ && *nextLog_ <= now) {
+        if (mode_ == kCallbackMode && adsp_.wantsLogs()) {
+            const Bytes packet = adsp_.logPacket();
+            enqueue(frameBuffer("adsp", adsp_.logTitle(), packet), *nextLog_);
+        }
+        *nextLog_ = std::max(*nextLog_ + adsp_.period(), now);
+    }
+    if (nextStray_ && *nextStray_ <= now) {
+        enqueue(frameBuffer("adsp", "stray frame", scenario_.unsolicited.frame), *nextStray_);
+        const std::chrono::microseconds period(scenario_.unsolicited.periodUs);
+        *nextStray_ = std::max(*nextStray_ + period, now);
+    }
+}
+
+const Outgoing* Driver::due(Time now) {
+    while (!queue_.empty() && queue_.begin()->first <= now) {
+        const Outgoing& first = queue_.begin()->second;
+        if (!first.callbackModeOnly || mode_ == kCallbackMode) return &first;
+        for (const std::string& line : first.lines) {
+            trace_.line(first.who, line + " => dropped, not in callback mode");
+        }
+        pop();
+    }
+    return nullptr;
+}
+
+std::optional<Driver::Time> Driver::nextDue() const {
+    std::optional<Time> next;
+    if (!queue_.empty()) next = queue_.begin()->first;
+    for (const std::optional<Time>& other : {nextLog_, nextStray_}) {
+        if (other && (!next || *other < *next)) next = other;
+    }
+    return next;
+}
+
+// --- write ---
+
+Driver::Result Driver::write(const Bytes& data, Time now) {
+    if (gone_) return refuse(describe("write", data), ENODEV, "");
+    if (data.size() < kTypeSize) {
+        return refuse(describe("write", data), EINVAL, "shorter than a data type");
+    }
+    const uint64_t type = wordAt(data, 0, kTypeSize);
+    const Bytes payload(data.begin() + kTypeSize, data.end());
+    switch (type) {
+        case kCallbackType:
+            return callbackData(payload, now);
+        case kPacketResponseType:
+            return succeed(describe("packet response", payload), 0);
+        case kDelayedResponseType:
+            return succeed(describe("delayed response", payload), 0);
+        default:
+            return refuse(describe("write", data), EINVAL, "data type " + std::to_string(type));
+    }
+}
+
+Driver::Result Driver::callbackData(const Bytes& payload, Time now) {
+    if (mode_ != kCallbackMode) {
+        return refuse(describe("callback data", payload), EINVAL, "not in callback mode");
+    }
+    const uint32_t processor = 0u - static_cast<uint32_t>(wordAt(payload, 0, kTokenSize));
+    if (processor >= 1 && processor <= kRemoteProcessors) return remoteRequest(payload, processor);
+    if (payload.empty()) {
+        return refuse(describe("callback data", payload), EINVAL, "no request in it");
+    }
+    return localRequest(payload, now);
+}
+
+Driver::Result Driver::remoteRequest(const Bytes& payload, uint32_t processor) {
+    const Bytes request(payload.begin() + kTokenSize, payload.end());
+    const std::string call =
+        describe("request for processor " + std::to_string(processor), request);
+    if ((scenario_.remoteMask & processor) != processor) {
+        return refuse(call, EINVAL, "no such processor");
+    }
+    if (request.empty()) return refuse(call, EINVAL, "no request in it");
+    return succeed(call, 0);
+}
+
+Driver::Result Driver::localRequest(const Bytes& payload, Time now) {
+    const Request request = decodeRequest(payload, scenario_.ranges);
+    const Fault& fault = pickFault(requestKey(request.kind));
+    const std::string detail = request.detail.empty() ? "" : " (" + request.detail + ')';
+    const std::string call =
+        describe(std::string(requestTitle(request.kind)) + " request" + detail, payload);
+    if (fault.writeResult) return failWrite(call, fault);
+    const Result result = succeed(call, 0);
+    const Answer answer = adsp_.execute(request, fault.refuse);
+    const Time due = now + std::chrono::milliseconds(fault.delayMs);
+    for (Outgoing& outgoing : composeDelivery(answer, fault, adsp_)) {
+        enqueue(std::move(outgoing), due);
+    }
+    const bool changed = request.kind == RequestKind::kStart || request.kind == RequestKind::kStop;
+    if (changed) restartLogs(now);
+    return result;
+}
+
+const Fault& Driver::pickFault(const std::string& key) {
+    static const Fault* const none = new Fault;
+    const int all = ++occurrences_["any"];
+    const int own = ++occurrences_[key];
+    for (const auto& [name, occurrence] :
+         {std::pair(key, own), std::pair(std::string("any"), all)}) {
+        const auto faults = scenario_.requests.find(name);
+        if (faults == scenario_.requests.end()) continue;
+        for (const Fault& fault : faults->second) {
+            const bool always = fault.on.empty();
+            if (always || std::count(fault.on.begin(), fault.on.end(), occurrence) > 0) {
+                return fault;
+            }
+        }
+    }
+    return *none;
+}
+
+Driver::Result Driver::failWrite(const std::string& call, const Fault& fault) {
+    const int value = *fault.writeResult;
+    const int error = value >= 0 ? 0 : fault.writeErrno != 0 ? fault.writeErrno : EIO;
+    const std::string name = error == 0 ? "" : ' ' + errnoName(error);
+    trace_.line(kHost, call + " => " + std::to_string(value) + name);
+    return {value, error};
+}
+
+// --- ioctl ---
+
+Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
+    const std::string call = "ioctl " + std::to_string(request);
+    if (gone_) return refuse(call, ENODEV, "");
+    switch (request) {
+        case kRegister:
+            return registerTables(argument);
+        case kWithdraw:
+            return succeed(call + " withdraw command tables", scenario_.withdrawResult);
+        case kSwitchMode:
+            return switchMode(argument, now);
+        case kDelayedResponseId:
+            return delayedResponseId(argument);
+        case kDeinitialise:
+            return deinitialise(now);
+        case kRemoteMask:
+            return remoteMask(argument);
+        case kVote:
+            return voteRealTime(argument);
+        case kRealTimeStatus:
+            return realTimeStatus(argument);
+        default:
+            return refuse(call, ENOTTY, "unknown request");
+    }
+}
+
+Driver::Result Driver::registerTables(void* argument) {
+    const std::string call = "ioctl 0 register command tables";
+    if (argument == nullptr) return refuse(call, EFAULT, "no record");
+    const auto table = readFrom<TableRegistration>(argument);
+    const std::string name(table.name, strnlen(table.name, sizeof table.name));
+    const std::string whole = call + ": " + std::to_string(table.count) + " of " + name;
+    const bool good = table.count > 0 && table.records != nullptr;
+    return succeed(whole, good ? 1 : 0);
+}
+
+Driver::Result Driver::switchMode(void* argument, Time now) {
+    const auto value = reinterpret_cast<uintptr_t>(argument);
+    const bool byValue = value < kLowestPointer;
+    const std::string call =
+        std::string("ioctl 7 logging mode by ") + (byValue ? "value: " : "pointer: ");
+    const int mode = byValue ? static_cast<int>(value) : readFrom<int>(argument);
+    const bool accepted = byValue ? scenario_.modeByValue : scenario_.modeByPointer;
+    if (!accepted) {
+        return refuse(call + std::to_string(mode), EINVAL, "this form is not taken here");
+    }
+    return setMode(call + std::to_string(mode), mode, now);
+}
+
+Driver::Result Driver::setMode(const std::string& call, int mode, Time now) {
+    if (mode != kUsbMode && mode != kMemoryMode && mode != kCallbackMode) {
+        return refuse(call, EINVAL, "no such mode");
+    }
+    mode_ = mode;
+    nextStray_.reset();
+    const int strayPeriod = scenario_.unsolicited.periodUs;
+    if (mode == kCallbackMode && strayPeriod > 0) {
+        nextStray_ = now + std::chrono::microseconds(strayPeriod);
+    }
+    return succeed(call, 1);
+}
+
+Driver::Result Driver::delayedResponseId(void* argument) {
+    const std::string call = "ioctl 8 delayed response id";
+    if (argument == nullptr) return refuse(call, EFAULT, "no record");
+    const auto record = readFrom<DelayedResponseRecord>(argument);
+    if (record.id == nullptr || record.count == nullptr) {
+        return refuse(call, EFAULT, "no place for the id");
+    }
+    if (record.size != sizeof delayedResponses_) return refuse(call, EINVAL, "size is not 2");
+    ++delayedResponses_;
+    const uint32_t count = sizeof delayedResponses_;
+    std::memcpy(record.id, &delayedResponses_, sizeof delayedResponses_);
+    std::memcpy(record.count, &count, sizeof count);
+    return succeed(call + ": " + std::to_string(delayedResponses_), 0);
+}
+
+Driver::Result Driver::deinitialise(Time now) {
+    const Scenario::Deinit& deinit = scenario_.deinit;
+    const Result result = succeed("ioctl 9 de-initialise", deinit.result);
+    if (deinit.announce) {
+        Bytes buffer;
+        appendWord(buffer, kDeinitType, kTypeSize);
+        enqueue(wholeBuffer(kDriver, "de-initialisation", buffer),
+                now + std::chrono::milliseconds(deinit.delayMs));
+    }
+    return result;
+}
+
+Driver::Result Driver::remoteMask(void* argument) {
+    const std::string call = "ioctl 32 remote processors";
+    if (argument == nullptr) return refuse(call, EFAULT, "no place for the mask");
+    std::memcpy(argument, &scenario_.remoteMask, sizeof scenario_.remoteMask);
+    return succeed(call + ": mask " + std::to_string(scenario_.remoteMask), 1);
+}
+
+Driver::Result Driver::voteRealTime(void* argument) {
+    const std::string call = "ioctl 33 real-time vote";
+    if (argument == nullptr) return refuse(call, EFAULT, "no record");
+    const auto vote = readFrom<Vote>(argument);
+    const std::string whole = call + ": processor " + std::to_string(vote.processor) + ", vote " +
+                              std::to_string(vote.vote);
+    if (vote.processor != 2 || vote.vote > 1) return refuse(whole, EINVAL, "no such vote");
+    return succeed(whole, 0);
+}
+
+Driver::Result Driver::realTimeStatus(void* argument) {
+    const std::string call = "ioctl 34 real-time status";
+    if (argument == nullptr) return refuse(call, EFAULT, "no place for the status");
+    const int status = 1;
+    std::memcpy(argument, &status, sizeof status);
+    return succeed(call + ": 1", 0);
+}
+
+}  // namespace diagsim

@@ -1,0 +1,98 @@
+// The character device driver in front of the ADSP: what open, write and ioctl on the node do, and
+// which buffers read will return when.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "sim/Adsp.h"
+#include "sim/Delivery.h"
+#include "sim/Scenario.h"
+#include "sim/Trace.h"
+
+namespace diagsim {
+
+// No locks and no descriptors: the owner serialises all calls, and takes what is due() to the
+// client. Every call writes its own trace line.
+class Driver {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+
+    // What the client's call returns; with a negative value, `error` is its errno.
+    struct Result {
+        long value = 0;
+        int error = 0;
+    };
+
+    // `trace` outlives the driver.
+    Driver(const Scenario& scenario, Trace& trace);
+
+    // Begins a session: logging mode 1, the masks on their way. A negative value: refused.
+    Result open(Time now);
+
+    // Ends the session; what was not delivered is dropped.
+    void close();
+
+    // The node's write and ioctl.
+    Result write(const Bytes& data, Time now);
+    Result ioctl(unsigned long request, void* argument, Time now);
+
+    // Puts a buffer into the queue, behind everything that is due now.
+    void enqueue(Outgoing outgoing, Time due);
+
+    // Makes the periodic log packets and stray frames whose time has come.
+    void producePeriodic(Time now);
+
+    // The first of the queue when its time has come, else null. Drops what the present logging mode
+    // does not let out. Valid until the next call.
+    const Outgoing* due(Time now);
+
+    // Removes what due() returned.
+    void pop() { queue_.erase(queue_.begin()); }
+
+    // When there is something to do next; nothing: not before a call.
+    std::optional<Time> nextDue() const;
+
+    // From now on every write and ioctl fails with ENODEV.
+    void vanish();
+
+    // A log packet as the ADSP would send it now.
+    Bytes logPacket() { return adsp_.logPacket(); }
+
+  private:
+    Result refuse(const std::string& call, int error, const std::string& reason);
+    Result succeed(const std::string& call, long value);
+
+    Result callbackData(const Bytes& data, Time now);
+    Result remoteRequest(const Bytes& payload, uint32_t processor);
+    Result localRequest(const Bytes& payload, Time now);
+    const Fault& pickFault(const std::string& key);
+    Result failWrite(const std::string& call, const Fault& fault);
+    void restartLogs(Time now);
+
+    Result registerTables(void* argument);
+    Result switchMode(void* argument, Time now);
+    Result setMode(const std::string& call, int mode, Time now);
+    Result delayedResponseId(void* argument);
+    Result deinitialise(Time now);
+    Result remoteMask(void* argument);
+    Result voteRealTime(void* argument);
+    Result realTimeStatus(void* argument);
+
+    const Scenario scenario_;
+    Trace& trace_;
+    Adsp adsp_;
+
+    int mode_ = 1;
+    bool gone_ = false;
+    std::multimap<Time, Outgoing> queue_{};  // equal times stay in the order of insertion
+    std::optional<Time> nextLog_{};
+    std::optional<Time> nextStray_{};
+    std::map<std::string, int> occurrences_{};  // of each request, and of "any"
+    uint16_t delayedResponses_ = 0;
+};
+
+}  // namespace diagsim

@@ -1,0 +1,62 @@
+// The diagnostic requests that the ADSP understands.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "sim/Bytes.h"
+#include "sim/Scenario.h"
+
+namespace diagsim {
+
+// The log packet that the ADSP's power manager sends: equipment 1, item 0x645.
+constexpr uint16_t kPowerLogCode = 0x1645;
+
+// First byte of a packet.
+enum CommandCode : uint8_t {
+    kLogPacketCommand = 0x10,
+    kErrorCommand = 0x13,
+    kSubsystemCommand = 0x4B,
+    kEventReportCommand = 0x60,
+    kLogConfigCommand = 0x73,
+    kMessageConfigCommand = 0x7D,
+};
+
+// Operation word of a log configuration packet.
+enum LogOperation : uint32_t { kLogDisable = 0, kLogRanges = 1, kLogSetMask = 3 };
+
+enum class RequestKind {
+    kMessageMasks,
+    kEventReport,
+    kLogDisable,
+    kLogRanges,
+    kLogMask,
+    kLogMaskClear,
+    kLoopback,
+    kStart,
+    kStop,
+    kUnknown,
+};
+
+// One request as it came, decoded.
+struct Request {
+    RequestKind kind = RequestKind::kUnknown;
+    Bytes bytes{};
+    std::string detail{};     // for people, e.g. "0x1645"; may be empty
+    std::string objection{};  // why the ADSP refuses it; empty when it is well-formed
+};
+
+// Decodes and checks a request packet byte by byte; `ranges` are the item ranges that its log mask
+// has to match.
+Request decodeRequest(const Bytes& bytes, const Scenario::Ranges& ranges);
+
+// The request's name in a scenario file, e.g. "log_mask"; "unknown" for an unknown one.
+const char* requestKey(RequestKind kind);
+
+// The request's name for people, e.g. "log mask".
+const char* requestTitle(RequestKind kind);
+
+// Every name that a scenario may use, "any" included.
+const std::vector<std::string>& requestKeys();
+
+}  // namespace diagsim

@@ -1,0 +1,105 @@
+// How the simulated device behaves and misbehaves; read from a JSON file or filled in by a test.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "sim/Bytes.h"
+
+namespace diagsim {
+
+// A scenario that cannot be read; what() is one line: file, place, what is wrong, what is known.
+class ScenarioError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// What goes wrong with one request. Fields have the names and meanings of the file's keys
+// (sim/README.md); a default-constructed fault changes nothing.
+struct Fault {
+    // Where an additional log packet stands relative to the answer.
+    enum class Placement { kNone, kOwnBuffer, kSameBuffer, kSameChunk };
+
+    std::vector<int> on{};  // occurrences of the request, 1-based; empty: all
+    bool drop = false;
+    int delayMs = 0;
+    bool refuse = false;
+    std::optional<size_t> cutTo{};  // "short"
+    bool twice = false;
+    bool wrongSubsystem = false;
+    std::optional<Bytes> answer{};
+    std::optional<int> writeResult{};
+    int writeErrno = 0;  // 0: EIO
+    bool failRead = false;
+    bool hangUp = false;
+    Placement logInFront = Placement::kNone;
+    Placement logBehind = Placement::kNone;
+    int logCount = 1;
+    std::optional<Bytes> frameInFront{};
+    std::optional<Bytes> frameBehind{};
+    std::optional<Bytes> rawInFront{};
+    std::optional<Bytes> rawBehind{};
+    std::optional<Bytes> bufferInFront{};
+    std::optional<Bytes> bufferBehind{};
+    bool cutFlag = false;
+    std::optional<uint32_t> chunkLength{};
+    std::optional<uint32_t> chunkCount{};
+    std::optional<uint32_t> token{};  // two's complement
+};
+
+struct Scenario {
+    static constexpr size_t kEquipmentIds = 16;
+    using Ranges = std::array<uint32_t, kEquipmentIds>;
+
+    struct Masks {
+        bool message = true;
+        bool log = true;
+        bool event = true;
+        int delayMs = 0;
+    };
+    struct Deinit {
+        int result = 1;
+        bool announce = true;
+        int delayMs = 0;
+    };
+    struct Unsolicited {
+        int periodUs = 0;  // 0: none
+        Bytes frame{0x79, 0x00, 0x00, 0x00};
+    };
+    struct Dsp {
+        bool collecting = false;
+        int periodUs = 0;  // 0: as requested
+        bool ignoreLogMask = false;
+        uint8_t version = 1;
+        size_t recordLength = 92;
+        int claimedLength = -1;  // negative: the truth
+        uint32_t clockKhz = 576000;
+    };
+
+    int openErrno = 0;  // 0: open succeeds
+    Masks masks{};
+    bool modeByPointer = true;
+    bool modeByValue = false;
+    int withdrawResult = 1;
+    Deinit deinit{};
+    uint16_t remoteMask = 0;
+    std::vector<Bytes> atOpen{};
+    int emptyReads = 0;
+    Unsolicited unsolicited{};
+    Ranges ranges{{0, 1700, 0, 0, 2400, 1200, 0, 1024, 0, 0, 512, 3000, 0, 0, 0, 0}};
+    Dsp adsp{};
+    std::map<std::string, std::vector<Fault>> requests{};  // by request name or "any"
+
+    // Reads a scenario from text; `nameForErrors` stands for it in messages. Throws ScenarioError.
+    static Scenario parse(const std::string& json, const std::string& nameForErrors);
+
+    // Reads the file. Throws ScenarioError, also when it cannot be opened.
+    static Scenario load(const std::string& path);
+};
+
+}  // namespace diagsim

@@ -1,0 +1,103 @@
+#include "sim/Session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace diagsim {
+namespace {
+
+// Room for a burst of small buffers, and for a message that fills the largest read.
+constexpr int kSendBuffer = 1 << 20;
+
+timespec timeLeft(Session::Time until) {
+    using std::chrono::nanoseconds;
+    const auto left =
+        std::max(nanoseconds(until - std::chrono::steady_clock::now()), nanoseconds::zero());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    timespec result{};
+    result.tv_sec = static_cast<time_t>(seconds.count());
+    result.tv_nsec = static_cast<long>((left - seconds).count());
+    return result;
+}
+
+}  // namespace
+
+std::unique_ptr<Session> Session::create(int flags) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
+    auto session = std::make_unique<Session>();
+    session->client_.reset(ends[0]);
+    session->device_.reset(ends[1]);
+    session->wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (session->wake_.get() < 0) return nullptr;
+    setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+    if ((flags & O_NONBLOCK) != 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    return session;
+}
+
+bool Session::start(std::function<void()> body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    int error = 0;
+    try {
+        thread_ = std::thread([body = std::move(body)] {
+            pthread_setname_np(pthread_self(), "diagsim");
+            // The default slack of 50 microseconds would be most of an immediate answer's time.
+            prctl(PR_SET_TIMERSLACK, 1000);
+            body();
+        });
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return error == 0;
+}
+
+void Session::join() {
+    if (thread_.joinable()) thread_.join();
+}
+
+int Session::close() {
+    device_.reset();
+    return client_.reset();
+}
+
+void Session::wake() { eventfd_write(wake_.get(), 1); }
+
+void Session::wait(const Wait& wait) {
+    pollfd fds[] = {{wake_.get(), POLLIN, 0}, {wait.room ? device_.get() : -1, POLLOUT, 0}};
+    const timespec left = wait.until ? timeLeft(*wait.until) : timespec{};
+    ppoll(fds, 2, wait.until ? &left : nullptr, nullptr);
+    eventfd_t count;
+    eventfd_read(wake_.get(), &count);
+}
+
+Session::Sent Session::send(const Bytes& buffer) {
+    if (device_.get() < 0) return Sent::kLost;
+    const ssize_t sent =
+        ::send(device_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) return Sent::kYes;
+    return errno == EAGAIN || errno == ENOBUFS ? Sent::kBlocked : Sent::kLost;
+}
+
+void Session::failRead() {
+    // A socket that closes with unread data resets its peer.
+    ::send(client_.get(), "", 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    device_.reset();
+}
+
+void Session::hangUp() { device_.reset(); }
+
+}  // namespace diagsim

@@ -1,0 +1,69 @@
+// One open of the node: the pair of sockets between client and model, and the device thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "sim/Bytes.h"
+#include "sim/Libc.h"
+
+namespace diagsim {
+
+// The client end is what open() returns: read() on it is the kernel's own. Between start() and
+// join() the functions send(), failRead(), hangUp() and wait() belong to the device thread. wake()
+// may be called by any thread.
+//
+// Stopping: the owner makes the thread's body return, calls wake(), then join(), then closes.
+class Session {
+  public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    enum class Sent {
+        kYes,
+        kBlocked,  // the client does not read fast enough; wait for room
+        kLost,     // nothing can be delivered any more, or the buffer is too big for any message
+    };
+
+    // What the device thread waits for.
+    struct Wait {
+        std::optional<Time> until{};
+        bool room = false;  // also until a blocked send may succeed
+    };
+
+    // Creates the sockets; `flags` are those of open(), of which O_NONBLOCK counts. Null, with
+    // errno set, when the system has no descriptors left.
+    static std::unique_ptr<Session> create(int flags);
+
+    // Starts the device thread, with all signals blocked. False, with errno set, when it cannot.
+    bool start(std::function<void()> body);
+    void join();
+
+    int clientFd() const { return client_.get(); }
+
+    // Closes both ends; a client that still blocks in read() gets 0. The result is that of close().
+    int close();
+
+    void wake();
+    void wait(const Wait& wait);
+
+    // Sends one message without blocking.
+    Sent send(const Bytes& buffer);
+
+    // Lets the client's blocked read fail with ECONNRESET; later reads return what was unread, then
+    // 0.
+    void failRead();
+
+    // Lets reads return 0 behind what is unread.
+    void hangUp();
+
+  private:
+    UniqueFd client_{};
+    UniqueFd device_{};
+    UniqueFd wake_{};
+    std::thread thread_{};
+};
+
+}  // namespace diagsim
