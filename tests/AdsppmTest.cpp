@@ -1,0 +1,331 @@
+// ADSPPM: registration, start and stop against the simulated ADSP, decoding.
+#include <cmath>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include "adsppm/ADSPPM.h"
+#include "server/SystemErrorMessages.h"
+#include "tests/SimSupport.h"
+
+using tavrik::ADSPPM;
+using tavrik::SystemErrorMessages;
+
+namespace {
+
+struct Value {
+    int id;
+    double time;
+    long double value;
+};
+
+struct Inbox : ADSPPM::Listener, Collector<Value> {
+    void onADSPPMInput(int eventId, double time, long double value) override {
+        put({eventId, time, value});
+    }
+};
+
+ADSPPM& adsppm() { return *ADSPPM::instance(); }
+
+std::string refusal;
+bool add(ADSPPM::Listener& listener, int id, unsigned period = 100000) {
+    return adsppm().registerListener(&listener, id, "EVENT", period, refusal);
+}
+
+class Adsppm : public SimTest {
+  protected:
+    // The bytes of the slots and the period in the request that a start sends now.
+    std::string startRequest() {
+        const size_t before = lines("host    start request").size();
+        EXPECT_TRUE(adsppm().startMetricCollection());
+        EXPECT_TRUE(adsppm().stopMetricCollection());
+        const std::vector<std::string> starts = lines("host    start request");
+        if (starts.size() != before + 1) return "none";
+        const std::string& line = starts.back();
+        return line.substr(line.find("01 00 00 00 01 00 00 00 ") + 24, 23);
+    }
+};
+
+// A log record with what the decoder reads; everything else is 0xEE.
+class Record {
+  public:
+    explicit Record(uint64_t stamp) : bytes(92, 0xEE) {
+        put(2, 0x1645, 2);
+        put(4, stamp, 8);
+        put(12, 1, 1);
+        put(16, 0, 4);
+    }
+    Record& put(size_t offset, uint64_t value, int size) {
+        for (int i = 0; i < size; ++i)
+            bytes[offset + i] = static_cast<unsigned char>(value >> 8 * i);
+        return *this;
+    }
+    void receive() const { adsppm().onLog(bytes.data()); }
+
+  private:
+    Bytes bytes;
+};
+
+constexpr uint64_t millisecond = 65536 * 8 / 10;  // of the ADSP's clock: 1.25 ms are 65536
+
+}  // namespace
+
+TEST_F(Adsppm, RegistrationsMakeTheRequest) {
+    Inbox a, b;
+    EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody registered";
+    EXPECT_TRUE(device().trace().empty());
+    EXPECT_TRUE(add(a, -2, 0xFFFFFFFF));
+    EXPECT_FALSE(adsppm().startMetricCollection()) << "no period";
+    EXPECT_TRUE(add(a, 5, 100));
+    EXPECT_EQ(startRequest(), "05 00 00 00 64 00 00 00");
+    EXPECT_TRUE(add(a, 7, 300) && add(b, 9, 200) && add(b, 5, 50) && add(a, -7, 60));
+    EXPECT_EQ(startRequest(), "05 07 09 00 32 00 00 00");
+    EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
+    EXPECT_EQ(startRequest(), "05 09 00 00 32 00 00 00");
+    EXPECT_TRUE(adsppm().unregisterListener(&b, 5)) << "5 keeps a's registration";
+    EXPECT_EQ(startRequest(), "05 09 00 00 3C 00 00 00");
+    EXPECT_TRUE(adsppm().unregisterListener(&b, -7)) << "unknown there";
+    EXPECT_TRUE(adsppm().unregisterListener(&a, -7));
+    EXPECT_TRUE(adsppm().unregisterListener(&a, 5));
+    EXPECT_EQ(startRequest(), "09 00 00 00 C8 00 00 00");
+    EXPECT_TRUE(add(a, 0x103, 500));  // only the low byte, and never freed again
+    EXPECT_TRUE(adsppm().unregisterListener(&a, 0x103));
+    EXPECT_TRUE(add(a, 11, 0xFFFFFFFF));
+    EXPECT_TRUE(adsppm().unregisterListener(&a, 11)) << "keeps its slot";
+    EXPECT_EQ(startRequest(), "09 03 0B 00 C8 00 00 00");
+    EXPECT_TRUE(adsppm().unregisterListener(&b, 9));
+    EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody left";
+}
+
+TEST_F(Adsppm, TheFifthEventIsRefused) {
+    Inbox inbox;
+    for (int id = 1; id <= 4; ++id)
+        EXPECT_TRUE(add(inbox, id));
+    const std::string text =
+        "Cannot add event FIFTH to ADSP PMU, the event limit has been reached.";
+    EXPECT_EQ(
+        occurrences(outputOf([&] {
+                        EXPECT_FALSE(adsppm().registerListener(&inbox, 5, "FIFTH", 1, refusal));
+                    }),
+                    "[ADSPPM]: WARN ADSPPM::registerListener: " + text + "\n"),
+        1);
+    EXPECT_EQ(refusal, text);
+    const tavrik::error_message_t* message = SystemErrorMessages::nextMessage();
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(message->code, 11);
+    EXPECT_EQ(message->text, text);
+    EXPECT_TRUE(add(inbox, 4)) << "a second listener needs no slot";
+    EXPECT_TRUE(add(inbox, -1));
+}
+
+TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
+    plug(R"({"requests": {"start": {"refuse": true}}})");
+    Inbox inbox;
+    EXPECT_TRUE(add(inbox, -2));
+    EXPECT_FALSE(adsppm().stopMetricCollection()) << "not collecting";
+    EXPECT_EQ(
+        occurrences(outputOf([] { EXPECT_FALSE(adsppm().startMetricCollection()); }),
+                    "[ADSPPM]: ERROR ADSPPM::startMetricCollection() ADSPPMConfigReq timeout\n"),
+        1);
+    EXPECT_FALSE(device().isOpen()) << "unregistered and disconnected";
+    const size_t before = device().trace().size();
+    EXPECT_FALSE(add(inbox, -3));
+    EXPECT_EQ(refusal, "Failed to start ADSP PMU.");
+    EXPECT_FALSE(adsppm().startMetricCollection());
+    EXPECT_FALSE(adsppm().stopMetricCollection());
+    EXPECT_EQ(device().trace().size(), before);
+}
+
+TEST_F(Adsppm, AFailedStopKeepsTheOldText) {
+    plug(R"({"requests": {"stop": {"refuse": true}}})");
+    Inbox inbox;
+    EXPECT_TRUE(add(inbox, -2));
+    EXPECT_TRUE(adsppm().startMetricCollection());
+    EXPECT_FALSE(adsppm().startMetricCollection()) << "collecting already";
+    tavrik::LogLevel::_init();
+    tavrik::Logger::getLogger("ADSPPM")->setLevel(*tavrik::LogLevel::LVL_TRACE);
+    EXPECT_EQ(occurrences(outputOf([] { EXPECT_FALSE(adsppm().stopMetricCollection()); }),
+                          "TRACE ADSPPM::stopMetricCollection() ADSPPMConfigReq timeout\n"),
+              1);
+    tavrik::Logger::getLogger("ADSPPM")->setLevel(*tavrik::LogLevel::LVL_INFO);
+    refusal = "untouched";
+    EXPECT_FALSE(add(inbox, -3));
+    EXPECT_EQ(refusal, "");
+    EXPECT_FALSE(adsppm().startMetricCollection());
+}
+
+// The messages of all log lines, with "P" for every pointer.
+static std::vector<std::string> messagesOf(const std::string& output) {
+    static const std::regex prefix("^.*\\]: [A-Z]+ "), pointer("0x[0-9a-f]+");
+    std::vector<std::string> messages;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        messages.push_back(std::regex_replace(std::regex_replace(line, prefix, ""), pointer, "P"));
+    }
+    return messages;
+}
+
+static std::vector<std::string> sending(const std::string& length,
+                                        std::vector<std::string> inside = {}) {
+    const std::string call = "DIAG::sendRequest(P," + length + ",P)";
+    inside.insert(inside.begin(), call);
+    inside.push_back("diag_callback_send_data(P," + length + ") => 0");
+    inside.push_back(call + " => true");
+    return inside;
+}
+
+static void append(std::vector<std::string>& to, const std::vector<std::string>& more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
+
+TEST_F(Adsppm, OneRunTracesItsSteps) {
+    tavrik::LogLevel::_init();
+    for (const char* name : {"ADSPPM", "DIAG"}) {
+        tavrik::Logger::getLogger(name)->setLevel(*tavrik::LogLevel::LVL_TRACE);
+    }
+    Inbox inbox;
+    const std::string output = outputOf([&] {
+        EXPECT_TRUE(add(inbox, -2, 100));
+        EXPECT_TRUE(adsppm().startMetricCollection());
+        EXPECT_TRUE(adsppm().stopMetricCollection());
+        EXPECT_TRUE(adsppm().unregisterListener(&inbox, -2));
+    });
+    std::vector<std::string> connecting;
+    for (const char* length : {"8", "2", "12", "12"})
+        append(connecting, sending(length));
+    std::vector<std::string> expected = {"ADSPPM::registerListener(P,-2,100)",
+                                         "ADSPPM::startMetricCollection()", "DIAG::DIAG"};
+    append(expected, sending("5", connecting));
+    append(expected, {"DIAG::registerLogListener(5701,P)"});
+    append(expected, sending("229"));
+    append(expected, {"DIAG::registerLogListener(5701,P) => true"});
+    append(expected, sending("20"));
+    append(expected, {"ADSPPM::stopMetricCollection()"});
+    append(expected, sending("20"));
+    append(expected, {"DIAG::unregisterLogListener(5701,P)"});
+    append(expected, sending("229"));
+    append(expected,
+           {"DIAG::disconnectIfIdle() => disconnect", "DIAG::unregisterLogListener(5701,P) => true",
+            "ADSPPM::unregisterListener(P,-2)"});
+    EXPECT_EQ(messagesOf(output), expected);
+}
+
+// --- Decoding ---------------------------------------------------------------------------------
+
+TEST_F(Adsppm, TimeStampsBecomeHostTime) {
+    EXPECT_DOUBLE_EQ(adsppm().convertTimeStamp(0, 0), 315964800.0);
+    EXPECT_DOUBLE_EQ(adsppm().convertTimeStamp(0x000100FF, 0), 315964800.0 + 0.001256);
+    EXPECT_DOUBLE_EQ(adsppm().convertTimeStamp(0xFF00, 1), 315964800.0 + 65536 * 0.00125);
+    timeval sent = {1000, 900000}, received = {1001, 100000};
+    adsppm().updateTimeShift(800 << 16, 0, &sent, &received);  // 1 s, read at 1001.0
+    EXPECT_NEAR(adsppm().convertTimeStamp(800 << 16, 0), 1001.0, 1e-6);
+    EXPECT_NEAR(adsppm().convertTimeStamp(1600 << 16, 0), 1002.0, 1e-6);
+}
+
+TEST_F(Adsppm, PacketsBecomeValues) {
+    Inbox inbox, second;
+    for (int id : {3, 4, -1, -2, -3, -4, -5, -6, -7})
+        ASSERT_TRUE(add(inbox, id));
+    ASSERT_TRUE(add(second, 3, 50000));
+    const auto record = [](uint64_t stamp, uint32_t gained) {
+        Record packet(stamp);
+        packet.put(16, 0x00040003, 4);
+        packet.put(20, 0xFFFFFFF0 + gained, 4).put(28, gained, 4);
+        packet.put(36, 2500000, 4).put(40, 576500, 4);
+        for (int i = 0; i < 5; ++i) {
+            packet.put(44 + 8 * i, 0xFFFFFFFFFFFFFF00 + gained * 16ull * (i + 1), 8);
+        }
+        return packet;
+    };
+    record(0, 0).receive();
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    record(1000 * millisecond, 0).receive();
+    EXPECT_TRUE(inbox.take().empty()) << "the first packet only primes";
+    record(1500 * millisecond, 32).put(12, 2, 1).receive();
+    EXPECT_TRUE(inbox.take().empty()) << "another version";
+
+    record(3000 * millisecond, 32).receive();  // 2 s later
+    const std::vector<Value> values = inbox.take();
+    const std::vector<std::pair<int, long double>> expected = {
+        {3, 16000},   {4, 16000},   {-1, 2.5L},    {-2, 576.5L}, {-3, 256000},
+        {-4, 512000}, {-5, 768000}, {-6, 1024000}, {-7, 1280000}};
+    ASSERT_EQ(values.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(values[i].id, expected[i].first);
+        EXPECT_NEAR(static_cast<double>(values[i].value), static_cast<double>(expected[i].second),
+                    expected[i].second * 1e-4);
+        EXPECT_EQ(values[i].time, values[0].time);
+    }
+    EXPECT_EQ(second.take().size(), 1u);
+
+    record(3000 * millisecond, 64).receive();  // no time has passed
+    EXPECT_TRUE(std::isinf(inbox.take()[0].value));
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    record(4000 * millisecond, 0).receive();
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    record(5000 * millisecond, 0).receive();
+    EXPECT_TRUE(inbox.take().empty()) << "a stop forgets the last packet";
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
+// --- Interleavings ----------------------------------------------------------------------------
+
+// The packet right behind the start's response primes; otherwise the one after it would.
+TEST_F(Adsppm, APacketBehindTheStartResponsePrimes) {
+    plug(R"({"requests": {"start": {"log_behind": "same_chunk"}}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    for (size_t round = 1; round <= 50; ++round) {
+        ASSERT_TRUE(adsppm().startMetricCollection());
+        device().deliverFrame(device().logPacket());
+        EXPECT_EQ(inbox.waitFor(round).size(), round);
+        ASSERT_TRUE(adsppm().stopMetricCollection());
+    }
+}
+
+// A start that comes while a stop still clears the log mask waits for it, and then gets values.
+TEST_F(Adsppm, AStartWaitsForTheEndOfAStop) {
+    plug(R"({"requests": {"log_mask_clear": {"on": [1], "delay_ms": 100}}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    std::thread stopper([] { EXPECT_TRUE(adsppm().stopMetricCollection()); });
+    ASSERT_TRUE(seen("host    log mask clear request"));
+    ASSERT_TRUE(add(inbox, -1)) << "a registration need not wait";
+    EXPECT_TRUE(lines("adsp    log mask clear response").empty());
+    EXPECT_TRUE(adsppm().startMetricCollection());
+    stopper.join();
+    for (int i = 0; i < 2; ++i)
+        device().deliverFrame(device().logPacket());
+    EXPECT_EQ(inbox.waitFor(2).size(), 2u);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
+TEST_F(Adsppm, ManyCallersAtOnce) {
+    plug(R"({"adsp": {"period_us": 200}})");
+    Inbox keeper;
+    ASSERT_TRUE(add(keeper, -2));
+    std::atomic<int> starts{0}, stops{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 50; ++round) {
+                if (adsppm().startMetricCollection()) ++starts;
+                if (adsppm().stopMetricCollection()) ++stops;
+            }
+        });
+        threads.emplace_back([i] {
+            Inbox inbox;
+            std::string error;
+            for (int round = 0; round < 200; ++round) {
+                EXPECT_TRUE(adsppm().registerListener(&inbox, i + 1, "EVENT", 10, error));
+                EXPECT_TRUE(adsppm().unregisterListener(&inbox, i + 1));
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_GT(starts, 0);
+    EXPECT_EQ(starts, stops);
+    EXPECT_FALSE(adsppm().stopMetricCollection());
+}

@@ -1,0 +1,389 @@
+// The driver client: reader, callbacks, sends, packet service, pools, wake lock, memory device.
+#include <cstdio>
+#include <fstream>
+
+#include <sys/ioctl.h>
+
+#include "diag_lsm/diag_lsm.h"
+#include "diag_lsm/diag_lsm_pkt.h"
+#include "diag_lsm/diagsvc_malloc.h"
+#include "diag_lsm/src/memory_device.h"
+#include "tests/SimSupport.h"
+
+namespace {
+
+struct Inbox : Collector<Bytes> {
+    static int callback(unsigned char* data, int len, void* context) {
+        static_cast<Inbox*>(context)->put(Bytes(data, data + len));
+        return -1;  // reported inside the library, and delivery goes on
+    }
+};
+
+Bytes words(const std::vector<uint32_t>& values, const Bytes& rest = {}) {
+    Bytes bytes;
+    for (uint32_t value : values)
+        diagsim::appendWord(bytes, value, 4);
+    bytes.insert(bytes.end(), rest.begin(), rest.end());
+    return bytes;
+}
+
+class DiagLsm : public SimTest {
+  protected:
+    void TearDown() override {
+        if (fd != -1) Diag_LSM_DeInit();
+        SimTest::TearDown();
+    }
+    void open(const std::string& scenario = "{}") {
+        plug(scenario);
+        ASSERT_EQ(Diag_LSM_Init(nullptr), 1);
+        switchTo(DIAG_MODE_CALLBACK);
+    }
+    static void switchTo(int mode) {
+        logging_mode = mode;
+        ASSERT_GE(ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, &logging_mode), 0);
+    }
+};
+
+}  // namespace
+
+TEST_F(DiagLsm, OpensAndCloses) {
+    open();
+    EXPECT_EQ(gdwClientID, getpid());
+    EXPECT_EQ(diag_sync_mask, 7);
+    EXPECT_EQ(client_tbl[0].registered, -1);
+    const int before = openDescriptors();
+    EXPECT_EQ(Diag_LSM_Init(nullptr), 1);  // on an open handle: no second one
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(lines("host").back(), "host    close => 0");
+    EXPECT_EQ(Diag_LSM_DeInit(), 1) << "harmless when closed";
+
+    diag_sync_mask = 0;
+    plug(R"({"masks": {"log": false}})");
+    EXPECT_EQ(Diag_LSM_Init(nullptr), 0);
+    EXPECT_EQ(diag_sync_mask, 5);
+    EXPECT_NE(fd, -1) << "stays open";
+}
+
+TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
+    open(R"({"remote_mask": 3})");
+    Inbox local, remote;
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 0, &remote), -1);
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 10, &remote), -1);
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 4, &remote), -1) << "not present";
+    EXPECT_EQ(diag_register_remote_callback(nullptr, 2, &remote), -1);
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 2, &remote), 0);
+    diag_register_callback(nullptr, nullptr);
+    EXPECT_EQ(client_tbl[0].registered, -1);
+
+    device().deliver(words({32, 1, 1}, {9}));  // nobody there for processor 0 yet
+    device().deliver(words({32, 1, 0xFFFFFFFE, 1}, {1}));
+    remote.waitFor(1);
+    diag_register_callback(Inbox::callback, &local);
+    EXPECT_EQ(client_tbl[0].registered, 1);
+
+    Bytes buffer = words({32, 3, 2}, {1, 2});
+    diagsim::append(buffer, words({0xFFFFFFFE, 3}, {3, 4, 5}));
+    diagsim::appendWord(buffer, 0, 4);  // an empty chunk
+    device().deliver(buffer);
+    EXPECT_EQ(local.waitFor(2), (std::vector<Bytes>{{1, 2}, {}}));
+    EXPECT_EQ(remote.waitFor(2), (std::vector<Bytes>{{1}, {3, 4, 5}}));
+}
+
+// Whatever stands in a buffer: the chunks in front of the bad place arrive, then the next buffer
+// does.
+TEST_F(DiagLsm, MalformedBuffersAreDroppedAndTheStreamGoesOn) {
+    const std::vector<std::pair<Bytes, size_t>> malformed = {
+        {{16}, 0},  // shorter than a data type: not the end of the reader
+        {{16, 0, 0}, 0},
+        {words({32}), 0},
+        {words({32, 1}), 0},
+        {words({32, 0}), 0},
+        {words({32, 1, 1}), 0},
+        {words({32, 1, 5}, {1, 2}), 0},
+        {words({32, 1, 0x7FFFFFFF}, {1, 2}), 0},
+        {words({32, 1, 0xFFFFFFFF}), 0},              // a token without a length
+        {words({32, 1, 0xFFFFFFFF, 0xFFFFFFFF}), 0},  // a negative length
+        {words({32, 1, 0x80000000, 1}, {1}), 0},      // a token of nobody
+        {words({32, 1, 0xFFFFFFF6, 1}, {1}), 0},
+        {words({32, 0xFFFFFFFF, 1}, {7}), 1},
+        {words({32, 2, 1}, {7, 0xFF, 0xFF}), 1},
+        {words({8}), 0},
+        {words({8}, {75, 1}), 0},
+        {words({77, 1, 1}, {1}), 0},
+    };
+    open();
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
+    size_t expected = 0;
+    for (const auto& each : malformed) {
+        device().deliver(each.first);
+        device().deliver(words({32, 1, 2}, {0xAA, 0xBB}));
+        expected += each.second + 1;
+        const std::vector<Bytes> chunks = inbox.waitFor(expected);
+        ASSERT_EQ(chunks.size(), expected);
+        ASSERT_EQ(chunks.back(), (Bytes{0xAA, 0xBB}));
+    }
+}
+
+TEST_F(DiagLsm, SendsTheRequestBehindItsDataType) {
+    open(R"({"remote_mask": 2})");
+    Bytes request = {0x4B, 0x12, 0x2A, 0x00, 0x00};
+    EXPECT_EQ(diag_callback_send_data(0, request.data(), 5), 0);
+    EXPECT_TRUE(seen("loopback request, 5 bytes: 4B 12 2A 00 00 => 0"));
+    const size_t before = device().trace().size();
+    EXPECT_EQ(diag_callback_send_data(10, request.data(), 5), -1);
+    EXPECT_EQ(diag_callback_send_data(-1, request.data(), 5), -1);
+    EXPECT_EQ(diag_callback_send_data(0, request.data(), 0), -1);
+    EXPECT_EQ(diag_callback_send_data(0, request.data(), 65537), -1);
+    EXPECT_EQ(diag_callback_send_data(0, nullptr, 5), -1);
+    EXPECT_LE(device().trace().size(), before + 1) << "the answer at most, nothing sent";
+    EXPECT_EQ(diag_callback_send_data(3, request.data(), 5), -1) << "processor 3 needs both bits";
+    EXPECT_EQ(diag_callback_send_data(2, request.data(), 5), 0);
+    Bytes longest(65536, 0x55);
+    EXPECT_EQ(diag_callback_send_data(0, longest.data(), 65536), 0);
+    unsigned char dci[8] = {64};
+    EXPECT_EQ(diag_send_data(dci, sizeof dci), 1006);
+
+    EXPECT_EQ(diag_vote_md_real_time(1), 0);
+    EXPECT_EQ(diag_vote_md_real_time(2), -1);
+    int status = -1;
+    EXPECT_GE(diag_get_real_time_status(&status), 0);
+    EXPECT_EQ(diag_get_real_time_status(nullptr), -1);
+}
+
+// However the device behaves, DeInit ends and joins the reader and closes the descriptor after
+// that.
+TEST_F(DiagLsm, DeInitEndsTheReaderWhateverTheDriverDoes) {
+    const struct {
+        const char* scenario;
+        const char* happened;  // to wait for, once the loopback was sent
+        int result;
+        long least, most;  // milliseconds
+    } cases[] = {
+        {R"({"deinit": {"result": 0, "announce": false}})", "adsp", 0, 0, 900},
+        {R"({"deinit": {"result": 1, "announce": false}})", "adsp", 1, 900, 5000},
+        {R"({"deinit": {"result": 1, "delay_ms": 50}})", "adsp", 1, 50, 900},
+        {R"({"withdraw": {"result": 0}})", "adsp", 0, 0, 900},
+        {R"({"empty_reads": 3})", "adsp", 1, 0, 900},
+        {R"({"requests": {"loopback": {"fail_read": true}}})", "read fails", 1, 0, 900},
+        {R"({"requests": {"loopback": {"hang_up": true}}})", "the device is gone", 0, 0, 900},
+    };
+    for (const auto& each : cases) {
+        open(each.scenario);
+        const int descriptors = openDescriptors();
+        Bytes request = {0x4B, 0x12, 0x2A, 0x00, 0x00};
+        diag_callback_send_data(0, request.data(), 5);
+        ASSERT_TRUE(seen(each.happened));
+        const Stopwatch watch;
+        EXPECT_EQ(Diag_LSM_DeInit(), each.result) << each.scenario;
+        EXPECT_GE(watch.milliseconds(), each.least) << each.scenario;
+        EXPECT_LT(watch.milliseconds(), each.most) << each.scenario;
+        EXPECT_EQ(fd, -1);
+        EXPECT_LT(openDescriptors(), descriptors);
+    }
+}
+
+// --- Packet service ---------------------------------------------------------------------------
+
+namespace {
+
+void* answer(void* request, unsigned length) {
+    const unsigned char code = diagpkt_get_cmd_code(request);
+    if (code == DIAG_CMD_SUBSYSTEM_V2) {
+        return diagpkt_subsys_alloc_v2(diagpkt_subsys_get_id(request),
+                                       diagpkt_subsys_get_cmd_code(request), 12);
+    }
+    return diagpkt_err_rsp(code, request, length);
+}
+void* silent(void*, unsigned) { return nullptr; }
+
+const diagpkt_user_entry plainEntries[] = {{10, 10, nullptr}, {10, 12, answer}};
+const diagpkt_user_entry subsystemEntries[] = {{0x100, 0x1FF, answer}};
+const diagpkt_user_entry silentEntries[] = {{0, 0xFFFF, silent}};
+
+}  // namespace
+
+TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
+    const diagpkt_user_table_desc tables[] = {
+        {0, 255, 255, 2, 0, plainEntries},
+        {0, 255, 7, 1, 0, subsystemEntries},
+        {1, 128, 8, 1, 0, subsystemEntries},
+        {0, 255, 7, 1, 0, silentEntries},
+    };
+    EXPECT_EQ(diagpkt_alloc(1, 10), nullptr) << "closed";
+    open();
+    for (const auto& table : tables)
+        diagpkt_tbl_reg(&table);
+    EXPECT_TRUE(seen("ioctl 0", 4));
+
+    device().deliver(words({8}, {11, 1, 2}));  // table of plain commands, second entry
+    EXPECT_TRUE(seen("0B 0B 01 02"));
+    device().deliver(words({8}, {75, 7, 0x23, 0x01}));
+    EXPECT_TRUE(seen("4B 4B 07 23 01"));
+    device().deliver(words({8}, {128, 8, 0x23, 0x01}));  // delayed: with an id of the driver's
+    EXPECT_TRUE(seen("ioctl 8"));
+    EXPECT_TRUE(seen("80 08 23 01 00 00 00 00"));
+    const size_t before = lines("host").size();
+    device().deliver(words({8}, {75, 7, 0x23, 0x02}));  // only the silent table
+    device().deliver(words({8}, {75, 9, 0x23, 0x01}));  // no table
+    device().deliver(words({8}, {13}));
+    device().deliver(words({8}, {12}));
+    EXPECT_TRUE(seen("0C 0C"));
+    EXPECT_EQ(lines("host").size(), before + 1);
+    EXPECT_EQ(gPkt_commit_fail, 0);
+}
+
+TEST_F(DiagLsm, ATableBeyondTheLastSlotIsAnnouncedButNeverAsked) {
+    open();
+    const diagpkt_user_table_desc filler = {0, 255, 1, 1, 0, silentEntries};
+    for (int i = 0; i < DIAGPKT_TABLE_SLOTS; ++i)
+        diagpkt_tbl_reg(&filler);
+    const diagpkt_user_table_desc late = {0, 255, 255, 2, 0, plainEntries};
+    diagpkt_tbl_reg(&late);
+    EXPECT_TRUE(seen("ioctl 0", DIAGPKT_TABLE_SLOTS + 1));
+    const size_t before = lines("host").size();
+    device().deliver(words({8}, {11}));
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
+    device().deliver(words({32, 1, 1}, {1}));
+    inbox.waitFor(1);  // so the command has been dealt with
+    EXPECT_EQ(lines("host").size(), before);
+}
+
+TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
+    open();
+    const Bytes request(40, 0x33);
+    auto* error = static_cast<unsigned char*>(diagpkt_err_rsp(19, request.data(), 40));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(Bytes(error, error + 19)[16], 0x33);
+    EXPECT_EQ(error[17], 0xDE) << "17 bytes, then the guard";
+    EXPECT_EQ(error[18], 0xAD);
+    diagpkt_shorten(error, 17);
+    EXPECT_EQ(error[17], 0xDE);
+    diagpkt_shorten(error, 3);
+    EXPECT_EQ(error[3], 0xDE);
+    EXPECT_EQ(error[4], 0xAD);
+    diagpkt_commit(error);
+    EXPECT_TRUE(seen("13 33 33 =>"));
+
+    EXPECT_EQ(diagpkt_alloc(1, 0xFFFFFFFF - 20), nullptr) << "length + 26 must not wrap";
+    EXPECT_EQ(diagpkt_subsys_alloc(1, 2, 3), nullptr) << "no room for the header";
+    EXPECT_EQ(diagpkt_delay_alloc(1, 0xFFFFFFFC), nullptr);
+    diagpkt_delay_commit(diagpkt_subsys_alloc_v2_delay(5, 0x0102, 0x0304, 12));
+    EXPECT_TRUE(seen("80 05 02 01 00 00 00 00 04 03 01 00 =>"));
+
+    switchTo(DIAG_MODE_CALLBACK);
+    Diag_LSM_DeInit();
+    diagpkt_commit(nullptr);
+    diagpkt_free(nullptr);
+}
+
+TEST(DiagPkt, AccessorsOfForeignPackets) {
+    unsigned char log[4] = {16, 1, 2, 3};
+    EXPECT_EQ(diagpkt_subsys_get_id(log), 255);
+    EXPECT_EQ(diagpkt_subsys_get_cmd_code(log), 65535);
+    EXPECT_EQ(diagpkt_subsys_get_id(nullptr), 0);
+    EXPECT_EQ(diagpkt_subsys_get_cmd_code(nullptr), 0);
+    EXPECT_EQ(diagpkt_get_cmd_code(nullptr), 0);
+    EXPECT_DEATH(diagpkt_subsys_set_status(log, 1),
+                 "src/diag_lsm_pkt.*diagpkt_subsys_set_status.*pkt_ptr->command_code == 128");
+    EXPECT_DEATH(diagpkt_subsys_get_delayed_rsp_id(nullptr), "pkt_ptr != \\(\\(void \\*\\)0\\)");
+}
+
+TEST(DiagSvcMalloc, BlocksComeFromThePoolWhileItHasThem) {
+    EXPECT_EQ(DiagSvc_Malloc(10, 1), nullptr) << "not initialised";
+    ASSERT_EQ(DiagSvc_Malloc_Init(), 1);
+    EXPECT_EQ(DiagSvc_Malloc(10, 0), nullptr);
+    EXPECT_EQ(DiagSvc_Malloc(10, 3), nullptr);
+    void* first = DiagSvc_Malloc(2000, 1);
+    DiagSvc_Free(first, 1);
+    EXPECT_EQ(DiagSvc_Malloc(1, 1), first) << "a block of the pool, again";
+    std::vector<void*> blocks;
+    for (int i = 0; i < 10; ++i)
+        blocks.push_back(DiagSvc_Malloc(2000, 1));  // one more than it has
+    void* large = DiagSvc_Malloc(2001, 2);
+    memset(large, 1, 2001);
+    DiagSvc_Free(large, 2);
+    DiagSvc_Free(blocks.back(), 1);
+    blocks.pop_back();
+
+    DiagSvc_Malloc_Exit();  // blocks in use outlive the pool
+    memset(first, 2, 2000);
+    DiagSvc_Free(first, 1);
+    ASSERT_EQ(DiagSvc_Malloc_Init(), 1);
+    for (void* block : blocks)
+        DiagSvc_Free(block, 1);
+    DiagSvc_Malloc_Exit();
+}
+
+// --- Wake lock and memory device --------------------------------------------------------------
+
+TEST(WakeLock, WritesItsNameToTheTwoFiles) {
+    const std::string lockFile = testing::TempDir() + "wake_lock";
+    const std::string unlockFile = testing::TempDir() + "wake_unlock";
+    std::ofstream(lockFile).close();
+    std::ofstream(unlockFile).close();
+    device().redirect("/sys/power/wake_lock", lockFile);
+    device().redirect("/sys/power/wake_unlock", unlockFile);
+    diag_wakelock_acquire();  // not initialised: nothing happens
+    diag_wakelock_init("");
+    EXPECT_EQ(diag_is_wakelock_init(), 0);
+    diag_wakelock_init("a name of more than twenty-four");
+    diag_wakelock_init("another");
+    EXPECT_EQ(diag_is_wakelock_init(), 1);
+    diag_wakelock_acquire();
+    diag_wakelock_release();
+    diag_wakelock_destroy();
+    EXPECT_EQ(diag_is_wakelock_init(), 0);
+    for (const std::string& name : {lockFile, unlockFile}) {
+        std::string text;
+        std::getline(std::ifstream(name), text);
+        EXPECT_EQ(text, "a name of more than twen");
+        std::remove(name.c_str());
+    }
+}
+
+namespace {
+
+size_t takePool(int pool) {
+    size_t total = 0;
+    const bool taken = memory_device_take(
+        pool,
+        [](const unsigned char*, unsigned length, void* sum) {
+            *static_cast<size_t*>(sum) += length;
+        },
+        &total);
+    return taken ? total : 0;
+}
+
+}  // namespace
+
+TEST_F(DiagLsm, MemoryDeviceFillsItsPoolsInTurn) {
+    open();
+    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    const size_t payload = 99996;
+    const Bytes buffer = words({32}, Bytes(payload, 0x11));
+    // Three buffers of a pool take one payload each; the fourth goes to the other pool.
+    for (int i = 0; i < 4; ++i)
+        device().deliver(buffer);
+    EXPECT_EQ(takePool(0), 3 * payload);
+    for (int i = 0; i < 3; ++i)
+        device().deliver(buffer);
+    EXPECT_EQ(takePool(1), 3 * payload);
+
+    memory_device_set_write_in_progress(1);
+    memory_device_set_flush(1);
+    device().deliver(buffer);  // wakes the reader, which drops it and hands over what there is
+    memory_device_set_write_in_progress(0);
+    EXPECT_EQ(takePool(0), payload);
+    memory_device_set_flush(0);
+
+    // With both pools full and no writer the reader waits, and DeInit still ends it.
+    for (int i = 0; i < 9; ++i)
+        device().deliver(buffer);
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
+    EXPECT_EQ(takePool(0) + takePool(1), 6 * payload);
+    logging_mode = DIAG_MODE_USB;
+}

@@ -1,0 +1,136 @@
+// What the tests share that drive the framework against the linked simulated device.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "diag/DIAG.h"
+#include "log/LogLevel.h"
+#include "log/Logger.h"
+#include "sim/Device.h"
+
+using diagsim::Bytes;
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TESTS_SANITIZED
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(TESTS_SANITIZED)
+constexpr bool sanitized = true;
+#else
+constexpr bool sanitized = false;
+#endif
+
+constexpr int patience = 10000;  // milliseconds for what must happen anyway
+
+inline diagsim::Device& device() { return diagsim::Device::instance(); }
+
+// Each test gets a device of its own; the sessions of a process share their singletons, so a test
+// that leaves one failed wants a process of its own, which ctest gives it.
+class SimTest : public ::testing::Test {
+  protected:
+    void SetUp() override { plug("{}"); }
+    void TearDown() override {
+        if (!device().isOpen()) device().unplug();
+    }
+    static void plug(const std::string& scenario) {
+        device().plug(diagsim::Scenario::parse(scenario, "test"));
+    }
+    static bool seen(const std::string& text, int count = 1) {
+        return device().waitForTrace(text, count, patience);
+    }
+    // The lines that contain `text`.
+    static std::vector<std::string> lines(const std::string& text) {
+        std::vector<std::string> found;
+        for (const std::string& line : device().trace()) {
+            if (line.find(text) != std::string::npos) found.push_back(line);
+        }
+        return found;
+    }
+};
+
+// What a piece of code wrote to standard output.
+template <typename Code>
+std::string outputOf(Code code) {
+    tavrik::Logger::flushAll();
+    testing::internal::CaptureStdout();
+    code();
+    tavrik::Logger::flushAll();
+    return testing::internal::GetCapturedStdout();
+}
+
+inline int occurrences(const std::string& text, const std::string& part) {
+    int count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++count;
+    return count;
+}
+
+// What callbacks were handed on the reader, for the test to wait for.
+template <typename T>
+class Collector {
+  public:
+    void put(T item) {
+        std::lock_guard<std::mutex> guard(mutex);
+        items.push_back(std::move(item));
+        changed.notify_all();
+    }
+    // Waits until `count` items have come in all.
+    std::vector<T> waitFor(size_t count) {
+        std::unique_lock<std::mutex> guard(mutex);
+        changed.wait_for(guard, std::chrono::milliseconds(patience),
+                         [&] { return items.size() >= count; });
+        return items;
+    }
+    std::vector<T> take() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return std::exchange(items, {});
+    }
+
+  private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<T> items;
+};
+
+class Stopwatch {
+  public:
+    long milliseconds() const {
+        return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                     std::chrono::steady_clock::now() - begin)
+                                     .count());
+    }
+
+  private:
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
+};
+
+inline int entriesOf(const char* directory) {
+    DIR* dir = opendir(directory);
+    int count = 0;
+    while (readdir(dir))
+        ++count;
+    closedir(dir);
+    return count;
+}
+inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
+inline int runningThreads() { return entriesOf("/proc/self/task"); }
+
+// A thread that was joined may stay listed for a moment.
+inline bool threadsComeTo(int count) {
+    const Stopwatch watch;
+    while (runningThreads() != count && watch.milliseconds() < patience)
+        std::this_thread::yield();
+    return runningThreads() == count;
+}

@@ -1,0 +1,244 @@
+// The simulated device, seen as a client of the node sees it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <stdexcept>
+
+#include "tests/SimSupport.h"
+
+namespace diagsim {
+namespace {
+
+const Bytes kMessageMasks{0x7D, 5, 0, 0, 0, 0, 0, 0};
+const Bytes kEventReport{0x60, 0};
+const Bytes kLogDisable{0x73, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kStart{0x4B, 0x0C, 4, 4, 1, 0, 0, 0, 1, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0};
+const Bytes kStop{0x4B, 0x0C, 4, 4, 2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255};
+const Bytes kEventAnswer{0x60, 0, 0};
+const Bytes kDeinit{16, 0, 0, 0};
+
+Bytes logMask(uint8_t bits) {
+    Bytes request{0x73, 0, 0, 0, 3, 0, 0, 0, 1, 0, 0, 0, 0xA4, 6, 0, 0};
+    request.resize(16 + (1700 + 7) / 8, 0);
+    request[16 + 200] = bits;
+    return request;
+}
+
+class Client : public testing::Test {
+  protected:
+    void TearDown() override {
+        if (fd_ >= 0) ::close(fd_);
+        Device::instance().unplug();
+    }
+
+    // Opens a device of this scenario in callback mode, the masks read.
+    void start(const std::string& json) {
+        device_.plug(Scenario::parse(json, "test.json"));
+        fd_ = ::open("/dev/diag", O_RDWR);
+        ASSERT_GE(fd_, 0);
+        for (uint8_t type : {1, 2, 4})
+            ASSERT_EQ(readBuffer().at(0), type);
+        ASSERT_EQ(switchMode(6), 1);
+    }
+
+    int switchMode(int mode) const { return ::ioctl(fd_, 7, &mode); }
+
+    Bytes readBuffer() const {
+        Bytes buffer(100000);
+        const ssize_t count = ::read(fd_, buffer.data(), buffer.size());
+        EXPECT_GE(count, 0) << errno;
+        buffer.resize(count < 0 ? 0 : static_cast<size_t>(count));
+        return buffer;
+    }
+
+    // The payloads of a one-chunk buffer's frames.
+    std::vector<Bytes> readFrames() const {
+        const Bytes buffer = readBuffer();
+        EXPECT_EQ(wordAt(buffer, 0, 4), 32u);
+        EXPECT_EQ(wordAt(buffer, 4, 4), 1u);
+        EXPECT_EQ(wordAt(buffer, 8, 4), buffer.size() - 12);
+        return unframe(Bytes(buffer.begin() + 12, buffer.end()));
+    }
+
+    long send(const Bytes& request, uint32_t type = 128) const {
+        Bytes buffer;
+        appendWord(buffer, type, 4);
+        append(buffer, request);
+        return ::write(fd_, buffer.data(), buffer.size());
+    }
+
+    Bytes ask(const Bytes& request) const {
+        EXPECT_EQ(send(request), 0);
+        return readFrames().at(0);
+    }
+
+    Device& device_ = Device::instance();
+    int fd_ = -1;
+};
+
+TEST_F(Client, CollectsAndEndsAsTold) {
+    start("{}");
+    EXPECT_EQ(ask(kMessageMasks), (Bytes{0x7D, 5, 1, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(ask(kEventReport), kEventAnswer);
+    const Bytes ranges = ask({0x73, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0});
+    ASSERT_EQ(ranges.size(), 76u);
+    EXPECT_EQ(wordAt(ranges, 12 + 4, 4), 1700u);
+    const Bytes clock = ask({0x4B, 0x12, 0x2A, 0, 0});
+    const double seconds = static_cast<double>(wordAt(clock, 4, 8) >> 16) * 0.00125 + 315964800.0;
+    EXPECT_NEAR(seconds, static_cast<double>(::time(nullptr)), 30.0);
+
+    // Nothing may come before the mask lets it: the clear request's answer is the next buffer.
+    EXPECT_EQ(ask(kStart), (Bytes{0x4B, 0x0C, 4, 4, 1, 0, 0, 0}));
+    EXPECT_EQ(wordAt(ask(logMask(0)), 8, 4), 0u);
+    EXPECT_EQ(wordAt(ask(logMask(0x20)), 4, 4), 3u);
+    const Bytes first = readFrames().at(0);
+    const Bytes second = readFrames().at(0);
+    ASSERT_EQ(first.size(), 4u + 92u);
+    EXPECT_EQ(wordAt(first, 6, 2), 0x1645u);
+    EXPECT_EQ(first[4 + 16], 5);
+    EXPECT_GT(wordAt(second, 4 + 20, 4), wordAt(first, 4 + 20, 4));
+
+    EXPECT_EQ(send(kStop), 0);
+    ASSERT_TRUE(device_.waitForTrace("stop response (accepted)", 1, 10000));
+    EXPECT_EQ(switchMode(1), 1);
+    int id = 0;
+    EXPECT_EQ(::ioctl(fd_, 1, &id), 1);
+    EXPECT_EQ(::ioctl(fd_, 9, 0), 1);
+    Bytes buffer;
+    do
+        buffer = readBuffer();
+    while (wordAt(buffer, 0, 4) == 32);
+    EXPECT_EQ(buffer, kDeinit);
+}
+
+TEST_F(Client, RefusesWhatTheDriverRefuses) {
+    start(R"({"remote_mask": 2})");
+    const std::pair<Bytes, uint32_t> refused[] = {{{}, 128},
+                                                  {{1, 2}, 64},
+                                                  {{0xFD, 0xFF, 0xFF, 0xFF, 0x60, 0}, 128},
+                                                  {{0xFE, 0xFF, 0xFF, 0xFF}, 128}};
+    for (const auto& [data, type] : refused) {
+        errno = 0;
+        EXPECT_EQ(send(data, type), -1) << hexDump(data);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(::write(fd_, "abc", 3), -1);
+    EXPECT_EQ(send({0xFE, 0xFF, 0xFF, 0xFF, 0x60, 0}), 0) << "a processor in the mask";
+    EXPECT_EQ(send({0x4B, 1}, 3), 0);
+
+    uint16_t mask = 0;
+    EXPECT_EQ(::ioctl(fd_, 32, &mask), 1);
+    EXPECT_EQ(mask, 2);
+    EXPECT_EQ(::ioctl(fd_, 77, 0), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    EXPECT_EQ(::ioctl(fd_, 7, 6), -1) << "by value";
+    EXPECT_EQ(switchMode(5), -1);
+    EXPECT_EQ(switchMode(2), 1);
+    EXPECT_EQ(send(kEventReport), -1) << "outside of callback mode";
+    EXPECT_EQ(::open("/dev/diag", O_RDWR), -1);
+    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(device_.waitForTrace("(refused: ", 10, 0))
+        << testing::PrintToString(device_.trace());
+}
+
+TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
+    start("{}");
+    Bytes wrongCount = logMask(0x20);
+    wrongCount[12] ^= 1;
+    for (Bytes request : {Bytes{1}, Bytes{0x60, 0, 0}, wrongCount, Bytes{0x73}}) {
+        const Bytes answer = ask(request);
+        request.resize(std::min<size_t>(16, request.size()));
+        request.insert(request.begin(), 19);
+        EXPECT_EQ(answer, request);
+    }
+}
+
+TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {
+    EXPECT_EQ(checkSequence({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x906E);
+    EXPECT_EQ(frame({0x7E, 0x7D, 0x60}), (Bytes{0x7D, 0x5E, 0x7D, 0x5D, 0x60, 0xB5, 0x75, 0x7E}));
+    EXPECT_EQ(frame({0x60, 0x54}), (Bytes{0x60, 0x54, 0xB3, 0x7D, 0x5E, 0x7E}))
+        << "check bytes too";
+    Bytes all;
+    for (int i = 0; i < 256; ++i)
+        all.push_back(static_cast<uint8_t>(i));
+    start("{}");
+    device_.deliverFrame(all);
+    EXPECT_EQ(readFrames(), std::vector<Bytes>{all});
+    const Bytes large(100000, 0x7D);
+    device_.deliver(large);
+    EXPECT_EQ(readBuffer(), large) << "one message, whole";
+}
+
+TEST_F(Client, LogPacketsShareBufferOrChunkWithTheAnswer) {
+    start(R"({"requests": {"event_report": [
+        {"on": [1], "log_in_front": "same_buffer", "log_behind": "same_chunk"},
+        {"on": [2], "log_in_front": "same_chunk", "log_count": 2, "log_behind": "own_buffer"},
+        {"on": [3], "drop": true, "log_in_front": "same_chunk", "buffer_behind": "10000000"}]}})");
+    const auto isLog = [](const Bytes& payload) {
+        return payload.size() == 96 && payload[0] == 16;
+    };
+    ASSERT_EQ(send(kEventReport), 0);
+    const Bytes buffer = readBuffer();
+    ASSERT_EQ(wordAt(buffer, 4, 4), 2u);
+    const size_t length = wordAt(buffer, 8, 4);
+    EXPECT_TRUE(isLog(unframe(Bytes(buffer.begin() + 12, buffer.end())).at(0)));
+    const auto second =
+        unframe(Bytes(buffer.begin() + 16 + static_cast<long>(length), buffer.end()));
+    ASSERT_EQ(second.size(), 2u);
+    EXPECT_EQ(second[0], kEventAnswer);
+    EXPECT_TRUE(isLog(second[1]));
+
+    ASSERT_EQ(send(kEventReport), 0);
+    const auto frames = readFrames();
+    ASSERT_EQ(frames.size(), 3u);
+    EXPECT_TRUE(isLog(frames[0]) && isLog(frames[1]));
+    EXPECT_EQ(frames[2], kEventAnswer);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(isLog(readFrames().at(0)));
+
+    ASSERT_EQ(send(kEventReport), 0);
+    EXPECT_TRUE(isLog(readFrames().at(0)));
+    EXPECT_EQ(readBuffer(), kDeinit);
+}
+
+TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
+    start(R"({"unsolicited": {"period_us": 1}, "requests": {"any": {"log_in_front": "own_buffer",
+        "log_count": 20000}}})");
+    ASSERT_EQ(send(kEventReport), 0);
+    ASSERT_TRUE(device_.waitForTrace("log packet", 50, 10000));
+    EXPECT_EQ(::close(fd_), 0);
+    fd_ = -1;
+}
+
+TEST_F(Client, ScenarioMistakesAreNamed) {
+    const auto message = [](const std::string& json) -> std::string {
+        try {
+            Scenario::parse(json, "f.json");
+        } catch (const ScenarioError& error) {
+            return error.what();
+        }
+        return "no error";
+    };
+    const std::pair<const char*, const char*> mistakes[] = {
+        {R"({"opne": {}})", "f.json: unknown key \"opne\" in the scenario (known: open, "},
+        {R"({"requests": {"start": {"dorp": true}}})",
+         "f.json: unknown key \"dorp\" in requests.start (known: on, drop, "},
+        {R"({"requests": {"any": [{}, {"drop": 1}]}})",
+         "f.json: requests.any[1].drop: expected true or false"},
+        {R"({"open": {"errno": "EWHAT"}})",
+         "f.json: open.errno: unknown value \"EWHAT\" (known: EACCES, "},
+        {R"({"ranges": {"1": 18446744073709551615}})", "f.json: ranges.1: expected a whole number"},
+        {"{", "f.json: not valid JSON: "},
+    };
+    for (const auto& [json, expected] : mistakes) {
+        EXPECT_EQ(message(json).rfind(expected, 0), 0u) << json << " gives " << message(json);
+    }
+    EXPECT_THROW(Scenario::load("/nonexistent/f.json"), ScenarioError);
+}
+
+}  // namespace
+}  // namespace diagsim
