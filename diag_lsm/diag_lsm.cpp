@@ -58,6 +58,10 @@ bool reader_stop GUARDED_BY(reader_mutex) = false;
 StaticMutex mask_sync_mutex;
 StaticCondition mask_sync_cond;
 
+// Guards changes of client_tbl, so that a callback is called with its own context; taken alone, and
+// never held during a call.
+StaticMutex client_mutex;
+
 // Guards the sink's buffer; innermost.
 StaticMutex diagnostics_mutex;
 char diagnostics[256] GUARDED_BY(diagnostics_mutex);
@@ -204,14 +208,18 @@ bool next_chunk(ChunkReader& reader, chunk& next) {
 
 // False when nobody is there to call.
 bool invoke_callback(const chunk& received) {
-    diag_client& client = client_tbl[received.proc];
-    const diag_callback callback = client.callback.load(std::memory_order_acquire);
+    diag_callback callback = nullptr;
+    void* context = nullptr;
+    {
+        StaticMutexLock guard(client_mutex);
+        callback = client_tbl[received.proc].callback;
+        context = client_tbl[received.proc].context;
+    }
     if (!callback) {
         qsprintf("diag: no callback function registered for proc %d", received.proc);
         return false;
     }
-    const int result =
-        callback(received.data, static_cast<int>(received.length), client.context.load());
+    const int result = callback(received.data, static_cast<int>(received.length), context);
     if (result < 0) qsprintf("diag: failed to invoke callback funtion %d\n", result);
     return true;
 }
@@ -369,6 +377,7 @@ int join_reader(bool end_announced) {
 }
 
 void reset_clients() {
+    StaticMutexLock guard(client_mutex);
     for (diag_client& client : client_tbl) {
         client.registered = -1;
         client.callback = nullptr;
@@ -395,8 +404,9 @@ bool open_device() {
 bool init_services() { return Diag_LSM_Log_Init() && Diag_LSM_Msg_Init() && Diag_LSM_Event_Init(); }
 
 void register_client(int proc, diag_callback callback, void* context) {
+    StaticMutexLock guard(client_mutex);
     client_tbl[proc].context = context;
-    client_tbl[proc].callback.store(callback, std::memory_order_release);
+    client_tbl[proc].callback = callback;
     client_tbl[proc].registered = 1;
 }
 
@@ -444,13 +454,13 @@ int Diag_LSM_DeInit(void) {
     // The reader itself got here: it still reads from the descriptor.
     if (error == EDEADLK) return result;
 
-    const int closed = close(fd);
+    // Closed to everybody else before the number can stand for another file.
+    const int closed = close(fd.exchange(-1));
     if (closed < 0) {
         qsprintf("diag: In %s, error closing file, ret: %d, errno: %d\n", "Diag_LSM_DeInit", closed,
                  errno);
         result = 0;
     }
-    fd = -1;
     return result;
 }
 

@@ -3,7 +3,8 @@
 // One client per process: free functions over module-level state. Diag_LSM_Init() opens the device
 // and starts the reader thread, which sorts what the driver delivers by data type; user-space data
 // goes to the registered callbacks in callback mode. Diag_LSM_Init() and Diag_LSM_DeInit() must not
-// run at the same time, nor on the reader thread; everything else may be called on any thread.
+// run at the same time, nor on the reader thread, and Diag_LSM_DeInit() not while another thread
+// sends; everything else may be called on any thread at any time.
 //
 // Threads: "reader thread" is the one that Diag_LSM_Init() starts; every callback and command
 // handler runs on it. Signal 12 (SIGUSR2) is blocked in the thread that calls Diag_LSM_Init() and
@@ -62,7 +63,7 @@ struct diag_client {
     int unused;
     std::atomic<int> registered;  // -1 after initialisation, 1 once a callback is registered
     std::atomic<diag_callback> callback;
-    std::atomic<void*> context;  // published before `callback`
+    std::atomic<void*> context;
 };
 
 // Handle of the device; -1 while closed.

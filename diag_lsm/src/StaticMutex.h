@@ -29,6 +29,13 @@ class SCOPED_CAPABILITY StaticMutexLock {
     StaticMutex& mutex;
 };
 
+// Whether the C library can wait on the monotonic clock.
+#if defined(__GLIBC__)
+#if __GLIBC_PREREQ(2, 30)
+#define DIAG_HAS_CLOCKWAIT
+#endif
+#endif
+
 // A point on the clock that StaticCondition waits by: the monotonic one where the C library can
 // wait on it (a device that sets its time at boot must not stretch a wait), else the wall clock.
 class StaticDeadline {
@@ -43,7 +50,7 @@ class StaticDeadline {
         }
     }
 
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 30)
+#if defined(DIAG_HAS_CLOCKWAIT)
     static constexpr clockid_t clock = CLOCK_MONOTONIC;
     int wait(pthread_cond_t* condition, pthread_mutex_t* mutex) const {
         return pthread_cond_clockwait(condition, mutex, clock, &at);

@@ -120,7 +120,7 @@ void memory_device_flush(void) {
         {
             memory_pool& pool = pools[curr_read];
             StaticMutexLock guard(pool.mutex);
-            hand_over(pool);
+            if (!pool.full) hand_over(pool);
         }
         StaticMutexLock guard(stop_mutex);
         while (flush_log && !flush_stopped)
