@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <sys/ioctl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -35,9 +34,9 @@ constexpr uint32_t logSetMask = 3;
 
 constexpr int responseTimeout = 250;  // milliseconds
 
-constexpr int logHeaderLength = 8;  // of a frame: up to and including the log code
-constexpr int logRecordOffset = 4;  // in a frame
-constexpr int logRecordHeader = 12;
+constexpr int logHeaderLength = 8;     // of a frame: up to and including the log code
+constexpr int logRecordOffset = 4;     // in a frame
+constexpr int checkBytes = 2;          // in front of the flag, where the target sends them
 constexpr int readableLogRecord = 92;  // decoders do not check lengths
 constexpr int maskHeaderLength = 16;
 constexpr uint32_t maxMaskItems = 65536;
@@ -210,24 +209,50 @@ void DIAG::switchLoggingMode(int mode, bool retryOtherForm) {
 }
 
 bool DIAG::configureTarget() {
+    return silenceMessages() && silenceEvents() && disableLogs() && retrieveRanges();
+}
+
+bool DIAG::silenceMessages() {
     class ExtendedMsgCfgRspListener : public ResponseListener {
       public:
         bool onResponse(const unsigned char* rsp, int len) override {
             return holds(len, 3) && rsp[1] == 5 && rsp[2] == 1;
         }
     };
+    Byte request[8] = {0, 5};
+    diagpkt_set_cmd_code(request, extendedMessageConfiguration);
+    ExtendedMsgCfgRspListener listener;
+    return setup("extendedMsgCfgSetAllMasksReq", request, sizeof request, listener);
+}
+
+bool DIAG::silenceEvents() {
     class EventRepCtrlRspListener : public ResponseListener {
       public:
         bool onResponse(const unsigned char* rsp, int len) override {
             return holds(len, 3) && diag_get_u16(rsp + 1) == 0;
         }
     };
+    Byte request[2] = {};
+    diagpkt_set_cmd_code(request, eventReportControl);
+    EventRepCtrlRspListener listener;
+    return setup("eventReportCtrlReq", request, sizeof request, listener, false);
+}
+
+bool DIAG::disableLogs() {
     class LoggingCfgDisableRspListener : public ResponseListener {
       public:
         bool onResponse(const unsigned char* rsp, int len) override {
             return holds(len, 12) && isLogConfigurationDone(rsp, logDisable);
         }
     };
+    Byte request[12] = {};
+    diagpkt_set_cmd_code(request, logConfiguration);
+    diag_put_u32(request + 4, logDisable);
+    LoggingCfgDisableRspListener listener;
+    return setup("loggingCfgDisableReq", request, sizeof request, listener);
+}
+
+bool DIAG::retrieveRanges() {
     class LoggingCfgRetrieveRangesRspListener : public ResponseListener {
       public:
         explicit LoggingCfgRetrieveRangesRspListener(uint32_t* target) : ranges(target) {}
@@ -243,33 +268,11 @@ bool DIAG::configureTarget() {
       private:
         uint32_t* ranges;
     };
-
-    Byte messageMasks[8] = {0, 5};
-    diagpkt_set_cmd_code(messageMasks, extendedMessageConfiguration);
-    ExtendedMsgCfgRspListener messageListener;
-    if (!setup("extendedMsgCfgSetAllMasksReq", messageMasks, sizeof messageMasks,
-               messageListener)) {
-        return false;
-    }
-
-    Byte eventReport[2] = {};
-    diagpkt_set_cmd_code(eventReport, eventReportControl);
-    EventRepCtrlRspListener eventListener;
-    if (!setup("eventReportCtrlReq", eventReport, sizeof eventReport, eventListener, false)) {
-        return false;
-    }
-
-    Byte disable[12] = {};
-    diagpkt_set_cmd_code(disable, logConfiguration);
-    diag_put_u32(disable + 4, logDisable);
-    LoggingCfgDisableRspListener disableListener;
-    if (!setup("loggingCfgDisableReq", disable, sizeof disable, disableListener)) return false;
-
-    Byte retrieve[12] = {};
-    diagpkt_set_cmd_code(retrieve, logConfiguration);
-    diag_put_u32(retrieve + 4, logRetrieveRanges);
-    LoggingCfgRetrieveRangesRspListener rangesListener(logItemRanges);
-    return setup("loggingCfgRetrieveRangesReq", retrieve, sizeof retrieve, rangesListener);
+    Byte request[12] = {};
+    diagpkt_set_cmd_code(request, logConfiguration);
+    diag_put_u32(request + 4, logRetrieveRanges);
+    LoggingCfgRetrieveRangesRspListener listener(logItemRanges);
+    return setup("loggingCfgRetrieveRangesReq", request, sizeof request, listener);
 }
 
 bool DIAG::setup(const char* name, unsigned char* data, int length, ResponseListener& listener,
@@ -288,13 +291,11 @@ bool DIAG::setup(const char* name, unsigned char* data, int length, ResponseList
 }
 
 bool DIAG::sendSetupRequest(unsigned char* data, int length, ResponseListener* listener) {
-    logger->tracef("DIAG::sendRequest(%p,%d,%p)", static_cast<void*>(data), length,
-                   static_cast<void*>(listener));
+    traceSend(data, length, listener, "");
     LockGuard guard(requestLock);
     const bool sent = sendOrQueue(data, length, listener);
     guard.unlock();
-    logger->tracef("DIAG::sendRequest(%p,%d,%p) => %s", static_cast<void*>(data), length,
-                   static_cast<void*>(listener), text(sent));
+    traceSend(data, length, listener, sent ? " => true" : " => false");
     return sent;
 }
 
@@ -316,9 +317,14 @@ void DIAG::disconnectIfIdle() {
 
 // --- Requests -------------------------------------------------------------------------------
 
+void DIAG::traceSend(const unsigned char* data, int length, const ResponseListener* listener,
+                     const char* outcome) {
+    logger->tracef("DIAG::sendRequest(%p,%d,%p)%s", static_cast<const void*>(data), length,
+                   static_cast<const void*>(listener), outcome);
+}
+
 bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listener) {
-    logger->tracef("DIAG::sendRequest(%p,%d,%p)", static_cast<void*>(data), length,
-                   static_cast<void*>(listener));
+    traceSend(data, length, listener, "");
     bool sent = false;
     while (connect()) {
         LockGuard guard(requestLock);
@@ -327,22 +333,22 @@ bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listen
         sent = sendOrQueue(data, length, listener);
         break;
     }
-    logger->tracef("DIAG::sendRequest(%p,%d,%p) => %s", static_cast<void*>(data), length,
-                   static_cast<void*>(listener), text(sent));
+    traceSend(data, length, listener, sent ? " => true" : " => false");
     return sent;
 }
 
 bool DIAG::sendOrQueue(unsigned char* data, int length, ResponseListener* listener) {
     if (listener) listener->reset();
     if (requests.empty()) {
+        // Before it is sent: what the driver has taken must not be missing in the queue.
+        requests.emplace_back(nullptr, 0, listener);
         const int result = diag_callback_send_data(0, data, length);
         logger->tracef("diag_callback_send_data(%p,%d) => %d", static_cast<void*>(data), length,
                        result);
-        if (result == 0) requests.emplace_back(nullptr, 0, listener);
+        if (result != 0) requests.pop_back();
         return result == 0;
     }
-    logger->tracef("DIAG::sendRequest(%p,%d,%p) => queue", static_cast<void*>(data), length,
-                   static_cast<void*>(listener));
+    traceSend(data, length, listener, " => queue");
     if (length < 1) return false;
     Byte* copy = static_cast<Byte*>(malloc(static_cast<size_t>(length)));
     if (!copy) return false;
@@ -512,13 +518,15 @@ void DIAG::onLogFrame(const unsigned char* frame, int length) {
                       following - 1, claimed);
         return;
     }
-    if (following >= readableLogRecord) {
+    // Where the frame holds more than check bytes behind it, the length field was never filled in.
+    const bool honest = following - 1 - claimed <= checkBytes;
+    const int held = honest ? claimed : following - 1;
+    if (held >= readableLogRecord) {
         found->second->onLog(record);
         return;
     }
     Byte padded[readableLogRecord] = {};
-    memcpy(padded, record,
-           static_cast<size_t>(claimed < logRecordHeader ? following - 1 : claimed));
+    memcpy(padded, record, static_cast<size_t>(held));
     found->second->onLog(padded);
 }
 

@@ -138,12 +138,19 @@ class DIAG {
 
     bool openSession();
     void switchLoggingMode(int mode, bool retryOtherForm);
+    // The four set-up requests, each awaited. False when one failed for good (error logged).
     bool configureTarget();
+    bool silenceMessages();
+    bool silenceEvents();
+    bool disableLogs();
+    bool retrieveRanges();
     bool sendSetupRequest(unsigned char* data, int length, ResponseListener* listener)
         EXCLUDES(requestLock);
     bool setup(const char* name, unsigned char* data, int length, ResponseListener& listener,
                bool mustBeSent = true);
 
+    static void traceSend(const unsigned char* data, int length, const ResponseListener* listener,
+                          const char* outcome);
     bool sendOrQueue(unsigned char* data, int length, ResponseListener* listener)
         REQUIRES(requestLock);
     void withdraw(ResponseListener& listener) EXCLUDES(requestLock);

@@ -191,14 +191,17 @@ TEST_F(Session, LogRecordsAreCheckedAndPadded) {
     };
     EXPECT_EQ(warnings(packet(92, 92)), "");
     EXPECT_EQ(warnings(packet(20, 22)), "") << "short but honest, with two check bytes";
-    EXPECT_EQ(warnings(packet(0, 30)), "");
+    EXPECT_EQ(warnings(packet(0, 30)), "") << "length not filled in";
+    EXPECT_EQ(warnings(packet(90, 92)), "");
     const std::vector<Bytes> records = log.take();
-    ASSERT_EQ(records.size(), 3u);
+    ASSERT_EQ(records.size(), 4u);
     EXPECT_EQ(records[0][91], 0x33);
     EXPECT_EQ(records[1][19], 0x33);
     EXPECT_EQ(records[1][20], 0) << "neither check bytes nor flag";
     EXPECT_EQ(records[2][29], 0x33);
     EXPECT_EQ(records[2][30], 0);
+    EXPECT_EQ(records[3][89], 0x33);
+    EXPECT_EQ(records[3][90], 0);
     for (const Bytes& bad : {packet(93, 92), packet(0xFFFF, 92), packet(31, 30),
                              Bytes{16, 0, 0, 0, 4, 0, 0x45, 0x7E}, Bytes{16, 0x7E}}) {
         EXPECT_EQ(occurrences(warnings(bad), "DIAG::onDIAGData() dropped a log "), 1);
