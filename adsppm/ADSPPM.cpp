@@ -185,7 +185,7 @@ bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
 
     const unsigned int period = found->first;
     registered.erase(found);
-    // Such a registration counts for nothing in the request, nor is its slot looked at again.
+    // Such a registration does not count for the period, nor is its slot looked at again.
     if (period == noPeriod) return true;
     if (eventId >= 1 && registered.empty()) freeSlot(eventId);
     if (!registered.empty() && period >= registered.begin()->first) return true;
@@ -245,6 +245,7 @@ bool ADSPPM::startMetricCollection() {
         lock.wait();
     if (state != idle || period() == noPeriod) return false;
 
+    startAccepted = false;
     BusyFlag starting(busy, lock);
     Byte request[configLength];
     memcpy(request, configRequest, sizeof request);

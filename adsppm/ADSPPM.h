@@ -60,9 +60,9 @@ class ADSPPM : public DIAG::LogListener {
     // true. The listener is not running and is not called again for it once this returns.
     bool unregisterListener(Listener* listener, int eventId) EXCLUDES(lock);
 
-    // Starts collection: three exchanges of up to 250 ms with the ADSP, and DIAG's connection.
-    // False when not idle or nobody is registered (nothing logged), or when the ADSP did not
-    // acknowledge (error logged); after that every start and registration fails.
+    // Starts collection: three exchanges of up to 250 ms with the ADSP, a fourth if it fails, and
+    // DIAG's connection. False when not idle or nobody is registered (nothing logged), or when the
+    // ADSP did not acknowledge (error logged); after that every start and registration fails.
     bool startMetricCollection() EXCLUDES(lock);
 
     // Stops collection: two exchanges of up to 250 ms. False when not collecting, or when the ADSP

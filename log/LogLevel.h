@@ -13,6 +13,8 @@ namespace tavrik {
 // life of the process, also after the level was assigned to.
 class LogLevel {
   public:
+    // Not to be read by static initialisers of other files, which may run before these are set; the
+    // rest of the class may.
     static const std::string& OFF_NAME;
     static const std::string& FATAL_NAME;
     static const std::string& ERROR_NAME;

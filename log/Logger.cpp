@@ -95,48 +95,44 @@ void Logger::setMasterLogLevel(const LogLevel& newLevel) {
     setOrOverwrite(masterLogLevel, newLevel);
 }
 
-bool Logger::admits(int number) const {
-    return level.getLevel() >= number &&
-           masterLogLevel.load(std::memory_order_acquire)->getLevel() >= number;
+void Logger::vlogIfAdmitted(int number, const char* fmt, va_list args) {
+    if (level.getLevel() < number) return;
+    if (masterLogLevel.load(std::memory_order_acquire)->getLevel() < number) return;
+    vlog(*LogLevel::valueOf(number), fmt, args);
 }
 
 void Logger::errorf(const char* fmt, ...) {
-    if (!admits(ERROR)) return;
     va_list args;
     va_start(args, fmt);
-    vlog(*LogLevel::valueOf(ERROR), fmt, args);
+    vlogIfAdmitted(ERROR, fmt, args);
     va_end(args);
 }
 
 void Logger::warnf(const char* fmt, ...) {
-    if (!admits(WARN)) return;
     va_list args;
     va_start(args, fmt);
-    vlog(*LogLevel::valueOf(WARN), fmt, args);
+    vlogIfAdmitted(WARN, fmt, args);
     va_end(args);
 }
 
 void Logger::infof(const char* fmt, ...) {
-    if (!admits(INFO)) return;
     va_list args;
     va_start(args, fmt);
-    vlog(*LogLevel::valueOf(INFO), fmt, args);
+    vlogIfAdmitted(INFO, fmt, args);
     va_end(args);
 }
 
 void Logger::debugf(const char* fmt, ...) {
-    if (!admits(DEBUG)) return;
     va_list args;
     va_start(args, fmt);
-    vlog(*LogLevel::valueOf(DEBUG), fmt, args);
+    vlogIfAdmitted(DEBUG, fmt, args);
     va_end(args);
 }
 
 void Logger::tracef(const char* fmt, ...) {
-    if (!admits(TRACE)) return;
     va_list args;
     va_start(args, fmt);
-    vlog(*LogLevel::valueOf(TRACE), fmt, args);
+    vlogIfAdmitted(TRACE, fmt, args);
     va_end(args);
 }
 

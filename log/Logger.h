@@ -93,7 +93,8 @@ class Logger {
     static void setLogAdapter(LogAdapter* adapter);
 
   private:
-    bool admits(int number) const;
+    void vlogIfAdmitted(int number, const char* fmt, va_list args)
+        __attribute__((format(printf, 3, 0)));
     int print(const LogLevel& messageLevel, const char* message) const;
 
     // Set once and then changed in place, never freed; null while unset.

@@ -1,0 +1,112 @@
+#include "log/Time.h"
+
+#include <fcntl.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+
+#include "log/Logger.h"
+
+namespace {
+
+using tavrik::Logger;
+
+constexpr double notComputed = -1.0;
+constexpr size_t textSize = 80;
+
+std::atomic<double> fakeTimeOffset{0.0};
+std::atomic<double> systemStartTime{notComputed};
+
+Logger* timeLogger() {
+    static std::atomic<Logger*> logger{nullptr};
+    if (!logger) logger = Logger::getLogger("Time");
+    return logger;
+}
+
+// False when the file cannot be opened. `fields` is how many numbers it held.
+bool readUptime(double& uptime, double& idletime, double& now, int& fields) {
+    const int file = open("/proc/uptime", O_RDONLY | O_CLOEXEC);
+    if (file < 0) return false;
+    char text[128];
+    const ssize_t length = read(file, text, sizeof text - 1);
+    text[length < 0 ? 0 : length] = '\0';
+    fields = sscanf(text, "%lf %lf", &uptime, &idletime);
+    now = getNow();
+    close(file);
+    return true;
+}
+
+double computeStartTime() {
+    double uptime = 0.0;
+    double idletime = 0.0;
+    double now = 0.0;
+    int fields = 0;
+    if (!readUptime(uptime, idletime, now, fields)) {
+        timeLogger()->errorf("getSystemStartTime: Could not open /proc/uptime");
+        return 0.0;
+    }
+    if (fields <= 0) {
+        timeLogger()->errorf("getSystemStartTime: Could not parse /proc/uptime");
+        return 0.0;
+    }
+    timeLogger()->debugf("getSystemStartTime: uptime=%f, idletime=%f, now=%f", uptime, idletime,
+                         now);
+    timeLogger()->infof("The system start time is %f", now - uptime);
+    return now - uptime;
+}
+
+// Truncates toward zero; what does not fit becomes the nearest number that does, no number becomes
+// 0.
+int32_t toInt32(double value) {
+    if (!(value == value)) return 0;
+    if (value >= std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();
+    if (value <= std::numeric_limits<int32_t>::min()) return std::numeric_limits<int32_t>::min();
+    return static_cast<int32_t>(value);
+}
+
+}  // namespace
+
+double getNow() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_usec) / 1e6 +
+           fakeTimeOffset;
+}
+
+void setFakeTimeOffset(double offset) {
+    if (fakeTimeOffset.exchange(offset) == offset) return;
+    timeLogger()->infof("Fake time offset has been set to %f", offset);
+}
+
+double getFakeTimeOffset() { return fakeTimeOffset; }
+
+double getSystemStartTime() {
+    // Two threads that are first compute it both; either result is right.
+    if (systemStartTime == notComputed) systemStartTime = computeStartTime();
+    return systemStartTime;
+}
+
+size_t timeToString(double t, char* out) {
+    const int32_t secs = toInt32(t);
+    const int32_t millis = toInt32((t - secs) * 1000.0);
+    char format[textSize];
+    snprintf(format, sizeof format, "%%x %%X.%d", static_cast<int>(millis));
+    const time_t seconds = secs;
+    tm broken{};
+    gmtime_r(&seconds, &broken);
+    out[0] = '\0';
+    const size_t length = strftime(out, textSize, format, &broken);
+    if (length == 0) out[0] = '\0';
+    return length;
+}
+
+void timeToString(double t, std::string& out) {
+    char text[textSize + 4];
+    timeToString(t, text);
+    out = text;
+}
