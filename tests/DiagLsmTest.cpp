@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include <signal.h>
 #include <sys/ioctl.h>
 
 #include "diag_lsm/diag_lsm.h"
@@ -51,6 +52,11 @@ TEST_F(DiagLsm, OpensAndCloses) {
     EXPECT_EQ(gdwClientID, getpid());
     EXPECT_EQ(diag_sync_mask, 7);
     EXPECT_EQ(client_tbl[0].registered, -1);
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_TRUE(sigismember(&blocked, SIGUSR2));
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
     const int before = openDescriptors();
     EXPECT_EQ(Diag_LSM_Init(nullptr), 1);  // on an open handle: no second one
     EXPECT_EQ(openDescriptors(), before);
@@ -59,6 +65,10 @@ TEST_F(DiagLsm, OpensAndCloses) {
     EXPECT_EQ(lines("host").back(), "host    close => 0");
     EXPECT_EQ(Diag_LSM_DeInit(), 1) << "harmless when closed";
 
+    plug("{}");
+    EXPECT_EQ(Diag_LSM_Init(nullptr), 1);
+    EXPECT_EQ(client_tbl[0].registered, -1) << "forgotten";
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
     diag_sync_mask = 0;
     plug(R"({"masks": {"log": false}})");
     EXPECT_EQ(Diag_LSM_Init(nullptr), 0);
@@ -77,7 +87,8 @@ TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
     diag_register_callback(nullptr, nullptr);
     EXPECT_EQ(client_tbl[0].registered, -1);
 
-    device().deliver(words({32, 1, 1}, {9}));  // nobody there for processor 0 yet
+    // Nobody is there for processor 0 yet, and that ends the buffer.
+    device().deliver(words({32, 2, 1}, {9, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 8}));
     device().deliver(words({32, 1, 0xFFFFFFFE, 1}, {1}));
     remote.waitFor(1);
     diag_register_callback(Inbox::callback, &local);
@@ -102,6 +113,8 @@ TEST_F(DiagLsm, MalformedBuffersAreDroppedAndTheStreamGoesOn) {
         {words({32, 0}), 0},
         {words({32, 1, 1}), 0},
         {words({32, 1, 5}, {1, 2}), 0},
+        {words({32, 1, 0, 1, 0x55}), 1},
+        {words({32, 1}, {2, 0, 0}), 0},  // the previous buffer's next byte completes a length
         {words({32, 1, 0x7FFFFFFF}, {1, 2}), 0},
         {words({32, 1, 0xFFFFFFFF}), 0},              // a token without a length
         {words({32, 1, 0xFFFFFFFF, 0xFFFFFFFF}), 0},  // a negative length
@@ -140,6 +153,7 @@ TEST_F(DiagLsm, SendsTheRequestBehindItsDataType) {
     EXPECT_EQ(diag_callback_send_data(0, nullptr, 5), -1);
     EXPECT_LE(device().trace().size(), before + 1) << "the answer at most, nothing sent";
     EXPECT_EQ(diag_callback_send_data(3, request.data(), 5), -1) << "processor 3 needs both bits";
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 3, nullptr), -1);
     EXPECT_EQ(diag_callback_send_data(2, request.data(), 5), 0);
     Bytes longest(65536, 0x55);
     EXPECT_EQ(diag_callback_send_data(0, longest.data(), 65536), 0);
@@ -201,23 +215,25 @@ void* silent(void*, unsigned) { return nullptr; }
 
 const diagpkt_user_entry plainEntries[] = {{10, 10, nullptr}, {10, 12, answer}};
 const diagpkt_user_entry subsystemEntries[] = {{0x100, 0x1FF, answer}};
+const diagpkt_user_entry laterEntries[] = {{0x200, 0x2FF, answer}};
 const diagpkt_user_entry silentEntries[] = {{0, 0xFFFF, silent}};
 
 }  // namespace
 
 TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
     const diagpkt_user_table_desc tables[] = {
-        {0, 255, 255, 2, 0, plainEntries},
-        {0, 255, 7, 1, 0, subsystemEntries},
-        {1, 128, 8, 1, 0, subsystemEntries},
+        {0, 255, 255, 2, 0, plainEntries},   {0, 255, 7, 1, 0, subsystemEntries},
+        {1, 128, 8, 1, 0, subsystemEntries}, {0, 128, 8, 1, 0, laterEntries},
         {0, 255, 7, 1, 0, silentEntries},
     };
     EXPECT_EQ(diagpkt_alloc(1, 10), nullptr) << "closed";
     open();
     for (const auto& table : tables)
         diagpkt_tbl_reg(&table);
-    EXPECT_TRUE(seen("ioctl 0", 4));
+    EXPECT_TRUE(seen("ioctl 0", 5));
 
+    device().deliver(words({8}, {10}));  // the first entry has no handler
+    EXPECT_TRUE(seen("0A 0A =>"));
     device().deliver(words({8}, {11, 1, 2}));  // table of plain commands, second entry
     EXPECT_TRUE(seen("0B 0B 01 02"));
     device().deliver(words({8}, {75, 7, 0x23, 0x01}));
@@ -228,11 +244,21 @@ TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
     const size_t before = lines("host").size();
     device().deliver(words({8}, {75, 7, 0x23, 0x02}));  // only the silent table
     device().deliver(words({8}, {75, 9, 0x23, 0x01}));  // no table
+    device().deliver(words({8}, {75, 8, 0x23, 0x01}));  // a version-2 table only
+    device().deliver(words({8}, {128, 8}));             // cut
     device().deliver(words({8}, {13}));
     device().deliver(words({8}, {12}));
     EXPECT_TRUE(seen("0C 0C"));
     EXPECT_EQ(lines("host").size(), before + 1);
     EXPECT_EQ(gPkt_commit_fail, 0);
+    Diag_LSM_DeInit();
+    open();
+    device().deliver(words({8}, {12}));
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
+    device().deliver(words({32, 1, 1}, {1}));
+    inbox.waitFor(1);
+    EXPECT_TRUE(lines("0C 0C").empty()) << "the tables went with the session";
 }
 
 TEST_F(DiagLsm, ATableBeyondTheLastSlotIsAnnouncedButNeverAsked) {
@@ -267,6 +293,12 @@ TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
     EXPECT_EQ(error[4], 0xAD);
     diagpkt_commit(error);
     EXPECT_TRUE(seen("13 33 33 =>"));
+    error = static_cast<unsigned char*>(diagpkt_err_rsp(19, request.data(), 17));
+    EXPECT_EQ(error[17], 0xDE);
+    const size_t before = lines("host").size();
+    diagpkt_shorten(error, 0);
+    diagpkt_commit(error);
+    EXPECT_EQ(lines("host").size(), before) << "an empty packet is not sent";
 
     EXPECT_EQ(diagpkt_alloc(1, 0xFFFFFFFF - 20), nullptr) << "length + 26 must not wrap";
     EXPECT_EQ(diagpkt_subsys_alloc(1, 2, 3), nullptr) << "no room for the header";
@@ -385,5 +417,33 @@ TEST_F(DiagLsm, MemoryDeviceFillsItsPoolsInTurn) {
         device().deliver(buffer);
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     EXPECT_EQ(takePool(0) + takePool(1), 6 * payload);
+    logging_mode = DIAG_MODE_USB;
+}
+
+TEST_F(DiagLsm, MemoryDeviceHandsOverAboveTheThresholdAndStartsAnew) {
+    open();
+    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    const Bytes half = words({32}, Bytes(71680, 0x22)), buffer = words({32}, Bytes(99996, 0x11));
+    device().deliver(half);
+    device().deliver(half);
+    EXPECT_EQ(takePool(0), 2u * 71680) << "both in one buffer, which is then above the threshold";
+    for (int i = 0; i < 10; ++i)
+        device().deliver(buffer);
+    for (int pool : {1, 0, 1})
+        EXPECT_EQ(takePool(pool), 3u * 99996);
+    memory_device_set_flush(1);  // the reader stays in there until DeInit
+    device().deliver(buffer);
+    EXPECT_EQ(takePool(0), 99996u);
+    std::thread writer([] { EXPECT_EQ(takePool(1), 0u); });
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
+    writer.join();
+    memory_device_set_flush(0);
+
+    open();
+    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    for (int i = 0; i < 4; ++i)
+        device().deliver(buffer);
+    EXPECT_EQ(takePool(0), 3u * 99996) << "a new session starts with empty pools";
+    Diag_LSM_DeInit();
     logging_mode = DIAG_MODE_USB;
 }

@@ -102,6 +102,7 @@ TEST_F(Session, OneRequestIsOutstandingAtATime) {
     plug(R"({"requests": {"loopback": {"delay_ms": 30}}})");
     Answer first, second, third(false);
     EXPECT_TRUE(send(first) && send(second) && send(third));
+    EXPECT_FALSE(DIAG::instance()->sendRequest(loopback().data(), 0, &third)) << "nothing to queue";
     EXPECT_TRUE(DIAG::instance()->awaitResponse(second));
     EXPECT_TRUE(first.accepted) << "answered before";
     const Stopwatch watch;
@@ -133,6 +134,7 @@ TEST_F(Session, ARefusedSendQueuesNothing) {
     EXPECT_FALSE(send(answer));
     EXPECT_TRUE(exchange(answer));
     EXPECT_FALSE(send(answer));
+    EXPECT_FALSE(answer.accepted) << "nothing is left of an earlier answer";
 }
 
 TEST_F(Session, AQueuedRequestThatCannotBeSentMakesWay) {
@@ -271,6 +273,10 @@ TEST_F(Session, NoBitLeavesTheBufferWhateverTheRange) {
         EXPECT_TRUE(lines("host    log mask").empty());
     }
     EXPECT_EQ(registered("65536", 0x1FFF), "");
+    EXPECT_EQ(lines("host    log mask request").size(), 1u) << "the last code of an equipment id";
+    plug(R"({"ranges": {"15": 4096}})");
+    EXPECT_TRUE(DIAG::instance()->registerLogListener(0xFFFF, &log));
+    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(0xFFFF, &log));
     EXPECT_EQ(registered("8", 0x1008), "") << "the item behind the last byte";
     EXPECT_EQ(lines("host    log mask clear request").size(), 2u) << "no bit fits";
     EXPECT_EQ(registered("0", 0x1000), "");
@@ -281,7 +287,7 @@ TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
     DIAG* const diag = DIAG::instance();
     ASSERT_TRUE(diag->registerLogListener(code, &log));
     EXPECT_TRUE(diag->unregisterLogListener(code, &log));
-    plug(R"({"requests": {"log_ranges": {"refuse": true}}})");
+    plug(R"({"requests": {"log_ranges": {"short": 73}}})");
     Answer answer;
     EXPECT_EQ(occurrences(outputOf([&] { EXPECT_FALSE(send(answer)); }),
                           "[DIAG]: ERROR loggingCfgRetrieveRangesReq response timeout\n"),
@@ -301,6 +307,7 @@ TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
 
 // Each thread's last unregistration may find the session idle while the others are about to use it.
 TEST_F(Session, WhoMeetsAnIdleDisconnectConnectsAgain) {
+    plug(R"({"requests": {"log_mask_clear": {"log_behind": "own_buffer", "log_count": 20}}})");
     constexpr int rounds = 150;
     std::vector<std::thread> threads;
     for (int i = 0; i < 3; ++i) {
@@ -318,6 +325,42 @@ TEST_F(Session, WhoMeetsAnIdleDisconnectConnectsAgain) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_FALSE(device().isOpen());
+    EXPECT_EQ(lines("log ranges request").size(), lines("host    close").size());
+}
+
+// The first mask outlasts its time-out; one sent meanwhile would share its fate.
+TEST_F(Session, AMaskWaitsForTheOneUnderWay) {
+    plug(R"({"requests": {"log_mask": {"on": [1], "delay_ms": 400}}})");
+    DIAG* const diag = DIAG::instance();
+    Log a, b;
+    std::thread first([&] { EXPECT_FALSE(diag->registerLogListener(0x1001, &a)); });
+    ASSERT_TRUE(seen("host    log mask request"));
+    EXPECT_TRUE(diag->registerLogListener(0x1002, &b));
+    first.join();
+    EXPECT_TRUE(diag->unregisterLogListener(0x1001, &a));
+    EXPECT_TRUE(diag->unregisterLogListener(0x1002, &b));
+}
+
+TEST_F(Session, ADisconnectLetsTheReaderFinish) {
+    std::string strays;
+    for (int i = 0; i < 200; ++i)
+        strays += "797E";
+    plug(R"({"requests": {"log_mask_clear": {"log_behind": "own_buffer", "raw_behind": ")" +
+         strays + "\"}}}");
+    Log log;
+    outputOf([&] {
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_TRUE(DIAG::instance()->registerLogListener(code, &log));
+            EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
+        }
+    });
+}
+
+TEST_F(Session, ARefusedMaskLeavesTheListener) {
+    plug(R"({"requests": {"log_mask": {"refuse": true}}})");
+    Log log;
+    EXPECT_FALSE(DIAG::instance()->registerLogListener(code, &log));
+    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
 }
 
 namespace {

@@ -108,6 +108,10 @@ class Run:
     def messages(self):
         lines = [LINE.match(line) for line in self.output.splitlines()]
         assert all(lines), "not in the form of a log line:\n" + self.output
+        for logger, level, text in (line.groups() for line in lines):
+            warning = text == "eventReportCtrlReq send failed" or DROPPED.search(text)
+            assert level == ("WARN" if warning else "ERROR"), self.output
+            assert logger == ("ADSPPM" if text.startswith("ADSPPM::") else "DIAG"), self.output
         return [line.group(3) for line in lines]
 
     def acknowledged(self):
