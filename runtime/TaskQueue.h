@@ -1,0 +1,140 @@
+#pragma once
+
+#include <atomic>
+#include <deque>
+
+#include "runtime/Lock.h"
+#include "runtime/Runnable.h"
+#include "runtime/ThreadGroup.h"
+
+namespace tavrik {
+
+// A queue of T that is drained, in order, on a thread of a group: one drain task at a time, which
+// runs until it finds the queue empty. Entries come in while others are drained.
+//
+// Threads: "the drain" is the worker on which run() and exec() happen. Everything else may be
+// called on any thread.
+//
+// Stopping: close() drops what comes later and waits for the drain. A derived class calls it first
+// thing in its own destructor: the base's comes too late for exec(). The group must stay open
+// longer than the queue.
+//
+// Must not be done, because it would wait for itself for ever: close() or destruction from exec();
+// add() from exec() to a full queue with a limit.
+template <typename T>
+class TaskQueue : public Runnable {
+  public:
+    // `limit` is how many entries may wait before producers do; 0: as many as come.
+    TaskQueue(ThreadGroup* drainGroup, int entryLimit) : group(drainGroup), limit(entryLimit) {}
+    ~TaskQueue() override { TaskQueue::close(); }
+    TaskQueue(const TaskQueue&) = delete;
+    TaskQueue& operator=(const TaskQueue&) = delete;
+
+    // Queues an entry, waiting for room if there is a limit. Dropped when closed.
+    void add(const T& entry) EXCLUDES(lock) {
+        LockGuard guard(lock);
+        append(entry, guard);
+    }
+
+    // Waits until the drain has ended and no producer waits. What is queued is drained before.
+    virtual void close() EXCLUDES(lock) {
+        LockGuard guard(lock);
+        if (!group) return;
+        group = nullptr;
+        lock.notifyAll();
+        while (running || blockedProducers != 0)
+            lock.wait();
+    }
+
+    // The drain; called by the group.
+    void run() override EXCLUDES(lock) {
+        LockGuard guard(lock);
+        while (std::deque<T>* const batch = nextBatch()) {
+            LockRelease released(lock);
+            drain(*batch);
+        }
+    }
+
+    // Whether a drain is under way or about to begin.
+    bool isRunning() const { return running; }
+    // Entries that wait or are being drained; the largest batch so far.
+    int getSize() const { return size; }
+    int getMaxSize() const { return maxSize; }
+
+  protected:
+    // Called on the drain for each entry, with no lock of the queue's held; `index` counts from 1
+    // to `count` in each batch.
+    virtual void exec(const T& entry, int index, int count) = 0;
+
+    // As add(), for callers that do more under the lock. May give `guard`, of the queue's lock, up for
+    // good once the entry is queued.
+    void append(const T& entry, LockGuard& guard) REQUIRES(lock) NO_THREAD_SAFETY_ANALYSIS {
+        if (!waitForRoom()) return;
+        input->push_back(entry);
+        ++size;
+        if (running) return;
+        running = true;
+        ThreadGroup* const drainGroup = group;
+        // Without the lock: the group hands over under a worker's lock, and a drain takes this one
+        // under its worker's. While `running` is set nobody closes the queue behind our back.
+        guard.unlock();
+        drainGroup->spawn(this, false);
+    }
+
+    // Guards the queues and what follows them; held while nothing else is but a worker's lock.
+    Lock lock;
+
+  private:
+    // False when closed.
+    bool waitForRoom() REQUIRES(lock) {
+        if (!group) return false;
+        if (limit == 0 || static_cast<int>(input->size()) < limit) return true;
+        ++blockedProducers;
+        while (group && static_cast<int>(input->size()) >= limit)
+            lock.wait();
+        --blockedProducers;
+        if (group) return true;
+        lock.notifyAll();
+        return false;
+    }
+
+    // Swaps the queues; null, with the drain at its end, when nothing has come in.
+    std::deque<T>* nextBatch() REQUIRES(lock) {
+        std::deque<T>* const batch = input;
+        if (batch->empty()) {
+            running = false;
+            if (!group) lock.notifyAll();
+            return nullptr;
+        }
+        input = batch == &queueA ? &queueB : &queueA;
+        if (blockedProducers != 0) lock.notifyAll();
+        return batch;
+    }
+
+    // The batch is the drain's own: producers have the other queue.
+    void drain(std::deque<T>& batch) {
+        const int count = static_cast<int>(batch.size());
+        if (count > maxSize) maxSize = count;
+        for (int index = 1; index <= count; ++index) {
+            exec(batch.front(), index, count);
+            batch.pop_front();
+            --size;
+        }
+    }
+
+    // Changed under the lock, read anywhere.
+    std::atomic<bool> running{false};
+
+    ThreadGroup* group GUARDED_BY(lock);  // null once closed
+    std::deque<T> queueA;                 // the input queue is guarded by the lock, the other one
+    std::deque<T> queueB;                 // belongs to the drain
+    std::deque<T>* input GUARDED_BY(lock) = &queueA;
+    int blockedProducers GUARDED_BY(lock) = 0;
+    const int limit;
+
+    // For the metrics.
+    std::atomic<int> size{0};
+    std::atomic<int> maxSize{0};
+};
+
+}  // namespace tavrik

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <string>
+
+#include "log/Logger.h"
+#include "runtime/Runnable.h"
+#include "runtime/SelfDestructingObject.h"
+
+namespace tavrik {
+
+// A detached thread that runs one Runnable, or an overridden run().
+//
+// Ownership: made with new and shared by references; the running thread holds one of its own, so a
+// thread that nobody else holds deletes itself when it has run. The Runnable is not owned.
+//
+// Stopping: a thread ends when run() returns; nobody can join it.
+class Thread : public Runnable, public SelfDestructingObject {
+  public:
+    // How urgent a thread is: 0 runs when nothing else does, any other value is a real-time step.
+    class Priority {
+      public:
+        explicit Priority(int step) : value(step) {}
+        int value;
+    };
+
+    explicit Thread(const std::string& name);
+    explicit Thread(const char* name);
+    Thread(const std::string& name, Runnable* runnable);
+    Thread(const char* name, Runnable* runnable);
+    ~Thread() override;
+
+    // Starts the thread, at most once; the kernel sees the first 15 characters of its name. A
+    // failure is printed to standard error; the thread then counts as started, never runs and keeps
+    // the reference that would have been its own.
+    void start() EXCLUDES(stateLock);
+
+    // Does nothing before start() and after the thread has ended. Whether the system granted the
+    // priority is not told.
+    void setPriority(const Priority& priority) EXCLUDES(stateLock);
+
+    // Called on the new thread: runs the Runnable, if there is one.
+    void run() override;
+
+  protected:
+    // Whether start() was called and could not create the thread. Any thread.
+    bool hasFailedToStart() const { return startFailed; }
+
+  private:
+    static void* bootstrap(void* thread);
+    bool create() REQUIRES(stateLock);
+    void runNamed();
+
+    static std::atomic<Logger*> logger;
+
+    // Constant after construction.
+    const std::string name;
+    Runnable* const runnable;
+
+    std::atomic<bool> startFailed{false};
+
+    // Guards what follows; innermost but for the logger's.
+    Lock stateLock;
+    pthread_t* threadInfo GUARDED_BY(stateLock) = nullptr;  // set once started
+    bool alive GUARDED_BY(stateLock) = false;               // *threadInfo names a thread
+};
+
+}  // namespace tavrik

@@ -1,0 +1,167 @@
+#include "runtime/ThreadGroup.h"
+
+#include "metric/MetricRegistry.h"
+
+namespace tavrik {
+
+std::atomic<Logger*> ThreadGroup::logger{nullptr};
+
+// --- WorkerThread ---------------------------------------------------------------------------
+
+ThreadGroup::WorkerThread::WorkerThread(ThreadGroup* owner)
+    : Thread(owner->workerName), group(owner) {}
+
+void ThreadGroup::WorkerThread::assign(Runnable* task, bool deleteUnrun) {
+    LockGuard guard(lock);
+    if (stopped) {
+        if (deleteUnrun) delete task;
+        return;
+    }
+    runnable = task;
+    autoDelete = deleteUnrun;
+    lock.notifyAll();
+}
+
+void ThreadGroup::WorkerThread::run() {
+    LockGuard guard(lock);
+    while (waitForTask()) {
+        runnable->run();
+        runnable = nullptr;
+        group->putWorker(this);
+    }
+    dropTask();
+    lock.notifyAll();
+}
+
+// False when the worker is to end.
+bool ThreadGroup::WorkerThread::waitForTask() {
+    while (!runnable && !stopped)
+        lock.wait();
+    return !stopped;
+}
+
+void ThreadGroup::WorkerThread::dropTask() {
+    if (autoDelete) delete runnable;
+    runnable = nullptr;
+}
+
+void ThreadGroup::WorkerThread::stop() {
+    LockGuard guard(lock);
+    if (stopped) return;
+    stopped = true;
+    lock.notifyAll();
+    // There is no thread that could clear it.
+    if (hasFailedToStart()) dropTask();
+    while (runnable)
+        lock.wait();
+}
+
+// --- ThreadGroup ----------------------------------------------------------------------------
+
+ThreadGroup::ThreadGroup(const char* groupName) : ThreadGroup(std::string(groupName)) {}
+
+ThreadGroup::ThreadGroup(const std::string& groupName)
+    : name(groupName), workerName(groupName + " Worker") {
+    if (!logger) logger = Logger::getLogger("ThreadGroup");
+    logger.load()->tracef("constructor: this:%p name:%s", static_cast<void*>(this), name.c_str());
+    busyMetric.owner = this;
+    publish(busyMetric, "Busy Count", "the number of thread group worker threads that are in use.");
+    countMetric.owner = this;
+    publish(countMetric, "Worker Count", "the number of worker threads allocated for thread group");
+}
+
+ThreadGroup::~ThreadGroup() {
+    MetricRegistry::Instance()->removeMetric(&busyMetric);
+    MetricRegistry::Instance()->removeMetric(&countMetric);
+    close();
+    logger.load()->tracef("destructor: name:%s", name.c_str());
+}
+
+void ThreadGroup::publish(Metric& metric, const char* metricName, const char* description) {
+    metric.category = "Thread Group";
+    metric.instance = name;
+    metric.name = metricName;
+    metric.description = description;
+    MetricRegistry::Instance()->addMetric(&metric);
+}
+
+void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) {
+    // With a reference: once out of the idle ones, a worker may be stopped and let go by close().
+    WorkerThread* const worker = takeWorker(true);
+    if (!worker) return;
+    logger.load()->debugf("spawn: group:%s worker:%p runner:%p", name.c_str(),
+                          static_cast<void*>(worker), static_cast<void*>(runnable));
+    worker->assign(runnable, autoDelete);
+    worker->release();
+}
+
+ThreadGroup::WorkerThread* ThreadGroup::getWorker() { return takeWorker(false); }
+
+ThreadGroup::WorkerThread* ThreadGroup::takeWorker(bool reserved) {
+    if (closed) return nullptr;
+    LockGuard guard(lock);
+    if (closed) return nullptr;
+    WorkerThread* worker = nullptr;
+    if (idleWorkers.empty()) {
+        worker = addWorker();
+    } else {
+        worker = idleWorkers.back();
+        idleWorkers.pop_back();
+    }
+    mirrorSizes();
+    if (reserved) worker->reserve();
+    return worker;
+}
+
+ThreadGroup::WorkerThread* ThreadGroup::addWorker() {
+    WorkerThread* const worker = new WorkerThread(this);
+    worker->reserve();
+    worker->start();
+    workers.push_back(worker);
+    logger.load()->debugf(
+        "getWorker: group:%s worker:%p new worker created.  There are %d workers.", name.c_str(),
+        static_cast<void*>(worker), static_cast<int>(workers.size()));
+    return worker;
+}
+
+void ThreadGroup::putWorker(WorkerThread* worker) {
+    if (closed) return;
+    logger.load()->debugf("putWorker: group:%s worker:%p has returned", name.c_str(),
+                          static_cast<void*>(worker));
+    LockGuard guard(lock);
+    if (closed) return;
+    idleWorkers.push_back(worker);
+    mirrorSizes();
+}
+
+void ThreadGroup::close() {
+    std::vector<WorkerThread*> leaving;
+    {
+        LockGuard guard(lock);
+        if (closed) return;
+        closed = true;
+        leaving.swap(workers);
+        idleWorkers.clear();
+        mirrorSizes();
+    }
+    // Without the lock: a worker whose task ends takes it while it holds its own.
+    for (WorkerThread* const worker : leaving) {
+        worker->stop();
+        worker->release();
+    }
+}
+
+void ThreadGroup::mirrorSizes() {
+    workerCount = static_cast<unsigned>(workers.size());
+    idleCount = static_cast<unsigned>(idleWorkers.size());
+}
+
+double ThreadGroup::BusyMetric::collect() {
+    // The other order could show an idle worker that is not counted yet.
+    const unsigned idle = owner->idleCount;
+    return static_cast<double>(owner->workerCount) - idle;
+}
+
+double ThreadGroup::CountMetric::collect() { return owner->workerCount; }
+
+}  // namespace tavrik

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "log/Logger.h"
+#include "metric/Metric.h"
+#include "runtime/Thread.h"
+
+namespace tavrik {
+
+// A pool of worker threads that grows on demand: every task gets an idle worker or, when there is
+// none, a new one. Reports two metrics of category "Thread Group".
+//
+// Threads: every operation may be called on any thread. Ownership: the group holds a reference on
+// each of its workers; tasks belong to their owners (autoDelete concerns tasks that never ran).
+//
+// Stopping: close() waits for the tasks at hand and ends all workers; the destructor closes too.
+//
+// Must not be done, because it would wait for itself for ever: close() or destruction of a group
+// from one of its own tasks.
+class ThreadGroup {
+  public:
+    class WorkerThread : public Thread {
+      public:
+        explicit WorkerThread(ThreadGroup* group);
+
+        // Gives an idle worker its task. A stopped worker drops it, deleting it if `autoDelete`.
+        void assign(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
+
+        // Ends the worker for good; waits until the task at hand has run. A task that the worker
+        // has not begun is dropped, and deleted if it was assigned so.
+        void stop() EXCLUDES(lock);
+
+        // The thread's body: runs task after task, each with this worker's lock held.
+        void run() override EXCLUDES(lock);
+
+      private:
+        bool waitForTask() REQUIRES(lock);
+        void dropTask() REQUIRES(lock);
+
+        ThreadGroup* const group;  // not touched once stop() has returned
+
+        // Guards what follows; held while a task runs. Taken before the group's lock.
+        Lock lock;
+        bool stopped GUARDED_BY(lock) = false;
+        bool autoDelete GUARDED_BY(lock) = false;
+        Runnable* runnable GUARDED_BY(lock) = nullptr;  // null: idle
+    };
+
+    explicit ThreadGroup(const char* name);
+    explicit ThreadGroup(const std::string& name);
+    virtual ~ThreadGroup();
+    ThreadGroup(const ThreadGroup&) = delete;
+    ThreadGroup& operator=(const ThreadGroup&) = delete;
+
+    // Runs a task on a worker. The task must live until it has run; it is deleted only if it never
+    // ran and `autoDelete` is set. A closed group neither runs nor deletes it.
+    void spawn(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
+
+    // An idle worker for the caller to assign a task to, the one that returned last, or a new one;
+    // null when closed. The caller sees to it that the group is not closed before it has assigned.
+    WorkerThread* getWorker() EXCLUDES(lock);
+
+    // Takes a worker back; called by the worker itself after each task, with its own lock held.
+    // Does nothing when closed.
+    void putWorker(WorkerThread* worker) EXCLUDES(lock);
+
+    // Stops all workers, in the order of their creation, and lets them go. Only the first call
+    // waits.
+    void close() EXCLUDES(lock);
+
+  private:
+    // Workers that are neither idle nor new; all workers. Read from mirrors, without the lock.
+    class BusyMetric : public Metric {
+      public:
+        double collect() override;
+        const ThreadGroup* owner = nullptr;
+    };
+    class CountMetric : public Metric {
+      public:
+        double collect() override;
+        const ThreadGroup* owner = nullptr;
+    };
+
+    // With `reserved`, the caller gets a reference of its own.
+    WorkerThread* takeWorker(bool reserved) EXCLUDES(lock);
+    WorkerThread* addWorker() REQUIRES(lock);
+    void mirrorSizes() REQUIRES(lock);
+    void publish(Metric& metric, const char* metricName, const char* description);
+
+    static std::atomic<Logger*> logger;
+
+    // Constant after construction.
+    const std::string name;
+    const std::string workerName;
+
+    // Guards the vectors, and changes of `closed`. Taken after a worker's lock; only a new worker's
+    // own locks are taken under it.
+    Lock lock;
+    std::vector<WorkerThread*> workers GUARDED_BY(lock);      // in order of creation
+    std::vector<WorkerThread*> idleWorkers GUARDED_BY(lock);  // the one that returned last is last
+    std::atomic<bool> closed{false};
+
+    // Sizes of the vectors, for the metrics.
+    std::atomic<unsigned> workerCount{0};
+    std::atomic<unsigned> idleCount{0};
+
+    BusyMetric busyMetric;
+    CountMetric countMetric;
+};
+
+}  // namespace tavrik
