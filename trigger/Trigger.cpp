@@ -1,0 +1,125 @@
+#include "trigger/Trigger.h"
+
+#include "log/Time.h"
+#include "metric/MetricRegistry.h"
+#include "runtime/DefaultThreadGroup.h"
+
+namespace tavrik {
+
+std::atomic<Logger*> Trigger::logger{nullptr};
+
+// --- Notifier -------------------------------------------------------------------------------
+
+Trigger::Notifier::Notifier(Trigger* owner)
+    : TaskQueue<NotifierEntry>(DefaultThreadGroup::Instance(), 0), trigger(owner) {}
+
+Trigger::Notifier::~Notifier() { close(); }
+
+void Trigger::Notifier::exec(const NotifierEntry& entry, int, int) {
+    if (entry.time != 0.0) {
+        trigger->_setValue(entry.value, entry.time);
+    } else {
+        trigger->subscribers.optimize();
+    }
+}
+
+// --- Trigger --------------------------------------------------------------------------------
+
+Trigger::Trigger(const std::string& triggerName) : notifier(this), name(triggerName) {
+    if (!logger) logger = Logger::getLogger("Trigger");
+    publish(queueSizeMetric, "Queue Size", "the size of the queue that manages pending changes.");
+    publish(queueMaxSizeMetric, "Max Queue Size",
+            "the maxium number of events that waited in the queue.");
+    publish(setCountMetric, "Set Count", "the number of times the trigger has been set.");
+    publish(changeCountMetric, "Change Count", "the number of times the trigger has been changed.");
+    publish(listenerCountMetric, "Subscriber Count",
+            "the number of subscribers for trigger events.");
+}
+
+Trigger::~Trigger() {
+    for (Metric* const metric :
+         {static_cast<Metric*>(&queueSizeMetric), static_cast<Metric*>(&queueMaxSizeMetric),
+          static_cast<Metric*>(&setCountMetric), static_cast<Metric*>(&changeCountMetric),
+          static_cast<Metric*>(&listenerCountMetric)}) {
+        MetricRegistry::Instance()->removeMetric(metric);
+    }
+    // While the subscribers are still there.
+    notifier.close();
+}
+
+void Trigger::publish(TriggerMetric& metric, const char* metricName, const char* description) {
+    metric.owner = this;
+    metric.category = "Trigger";
+    metric.instance = name;
+    metric.name = metricName;
+    metric.description = description;
+    MetricRegistry::Instance()->addMetric(&metric);
+}
+
+void Trigger::setValue(int newValue) {
+    ++setCount;
+    LockGuard guard(notifier.lock);
+    if (newValue == requestedValue) return;
+    requestedValue = newValue;
+    if (!enabled && !notifier.isRunning()) {
+        apply(newValue, getNow());
+        return;
+    }
+    notifier.append({newValue, getNow()}, guard);
+}
+
+int Trigger::setValueQuietly(int newValue) {
+    ++setCount;
+    if (newValue != value) apply(newValue, getNow());
+    return value;
+}
+
+void Trigger::_setValue(int newValue, double newTime) {
+    apply(newValue, newTime);
+    if (enabled) tellSubscribers(&Listener::onTriggerValueChange);
+}
+
+void Trigger::apply(int newValue, double newTime) {
+    LockGuard guard(valueLock);
+    previousTime = time.load();
+    previousValue = value.load();
+    value = newValue;
+    time = newTime;
+    ++changeCount;
+}
+
+void Trigger::setEnabled(bool enable) {
+    if (enabled.exchange(enable) == enable) return;
+    (enable ? enabledTime : disabledTime) = getNow();
+    tellSubscribers(enable ? &Listener::onTriggerEnabled : &Listener::onTriggerDisabled);
+}
+
+void Trigger::tellSubscribers(void (Listener::*notify)(Trigger*)) {
+    struct Teller : XReference::Visitor {
+        bool visitReference(SelfDestructingResource* resource) override {
+            (static_cast<Listener*>(resource)->*notify)(trigger);
+            return false;
+        }
+        Trigger* trigger = nullptr;
+        void (Listener::*notify)(Trigger*) = nullptr;
+    } teller;
+    teller.trigger = this;
+    teller.notify = notify;
+    subscribers.visit(teller);
+}
+
+void Trigger::subscribe(Listener* listener) { subscribers.add(listener); }
+
+void Trigger::unsubscribe(Listener* listener) {
+    subscribers.remove(listener);
+    // The removal is applied behind every value that was queued before it.
+    notifier.add({0, 0.0});
+}
+
+double Trigger::QueueSizeMetric::collect() { return owner->notifier.getSize(); }
+double Trigger::QueueMaxSizeMetric::collect() { return owner->notifier.getMaxSize(); }
+double Trigger::SetCountMetric::collect() { return owner->setCount; }
+double Trigger::ChangeCountMetric::collect() { return owner->changeCount; }
+double Trigger::ListenerCountMetric::collect() { return owner->subscribers.getSize(); }
+
+}  // namespace tavrik
