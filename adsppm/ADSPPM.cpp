@@ -7,7 +7,10 @@
 
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm_pkt.h"
+#include "runtime/SelfDestructingObject.h"
 #include "server/SystemErrorMessages.h"
+#include "trigger/TavrikConstants.h"
+#include "trigger/TriggerRegistry.h"
 
 namespace tavrik {
 
@@ -139,9 +142,37 @@ ADSPPM::ADSPPM()
       lastLog{},
       lastLogTime(0.0) {
     buildConfigRequest(configRequest, configStart);
+    subscribeToRunLevel();
 }
 
 ADSPPM::~ADSPPM() = default;
+
+// The listener lives as long as the trigger, which is for ever.
+void ADSPPM::subscribeToRunLevel() {
+    // Counted once, although the count's interface is inherited on two paths.
+    class TriggerListener : public Trigger::Listener, public SelfDestructingObject {
+      public:
+        explicit TriggerListener(ADSPPM* creator) : owner(creator) {}
+
+        void reserve() override { SelfDestructingObject::reserve(); }
+        bool release() override { return SelfDestructingObject::release(); }
+
+        void onTriggerValueChange(Trigger*) override {
+            const bool changed = owner->changed_;
+            logger->tracef("ADSPPM: onTriggerValueChange() changed_=%d", changed ? 1 : 0);
+            if (!changed) return;
+            logger->debugf("ADSPPM: updating metric configuration");
+            owner->stopMetricCollection();
+            owner->startMetricCollection();
+        }
+
+      private:
+        ADSPPM* const owner;
+    };
+    TriggerListener* const listener = new TriggerListener(this);
+    listener->reserve();
+    TriggerRegistry::getTrigger(TavrikConstants::TRIGGER_RUN_LEVEL)->subscribe(listener);
+}
 
 // --- Registration ---------------------------------------------------------------------------
 

@@ -18,7 +18,9 @@ namespace tavrik {
 //
 // Event ids: 1 to 255 are events of the performance monitor; each distinct one with a listener
 // takes one of four slots. -1 to -7 are values that every log packet carries (-2 is the core
-// clock); they take none. Registrations reach the ADSP with the next start.
+// clock); they take none. Registrations reach the ADSP with the next start, or when the trigger
+// "_RunLevel" is enabled and changes its value: collection is then restarted if they changed the
+// request.
 //
 // Threads: "callers" are any threads but the DIAG reader; the "reader" is DIAG's thread, on which
 // onLog() and with it every listener runs. Public operations may be called by callers at any time.
@@ -88,6 +90,7 @@ class ADSPPM : public DIAG::LogListener {
     ADSPPM();
     ~ADSPPM() override;
     static void createInstance();
+    void subscribeToRunLevel();
 
     bool takeSlot(int eventId) REQUIRES(lock);
     void freeSlot(int eventId) REQUIRES(lock);

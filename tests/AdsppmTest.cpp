@@ -5,8 +5,10 @@
 #include <thread>
 
 #include "adsppm/ADSPPM.h"
+#include "runtime/SelfDestructingObject.h"
 #include "server/SystemErrorMessages.h"
 #include "tests/SimSupport.h"
+#include "trigger/TriggerRegistry.h"
 
 using tavrik::ADSPPM;
 using tavrik::SystemErrorMessages;
@@ -116,6 +118,9 @@ TEST_F(Adsppm, TheFifthEventIsRefused) {
     EXPECT_EQ(message->text, text);
     EXPECT_TRUE(add(inbox, 4)) << "a second listener needs no slot";
     EXPECT_TRUE(add(inbox, -1));
+    EXPECT_TRUE(add(inbox, 0)) << "no slot";
+    EXPECT_TRUE(adsppm().unregisterListener(&inbox, 1));
+    EXPECT_EQ(startRequest(), "02 03 04 00 A0 86 01 00");
 }
 
 TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
@@ -224,7 +229,7 @@ TEST_F(Adsppm, TimeStampsBecomeHostTime) {
 
 TEST_F(Adsppm, PacketsBecomeValues) {
     Inbox inbox, second;
-    for (int id : {3, 4, -1, -2, -3, -4, -5, -6, -7})
+    for (int id : {0, 3, 4, -1, -2, -3, -4, -5, -6, -7})
         ASSERT_TRUE(add(inbox, id));
     ASSERT_TRUE(add(second, 3, 50000));
     const auto record = [](uint64_t stamp, uint32_t gained) {
@@ -294,10 +299,103 @@ TEST_F(Adsppm, AStartWaitsForTheEndOfAStop) {
     ASSERT_TRUE(add(inbox, -1)) << "a registration need not wait";
     EXPECT_TRUE(lines("adsp    log mask clear response").empty());
     EXPECT_TRUE(adsppm().startMetricCollection());
+    EXPECT_EQ(lines("host    close").size(), 1u) << "the stop was through";
     stopper.join();
     for (int i = 0; i < 2; ++i)
         device().deliverFrame(device().logPacket());
     EXPECT_EQ(inbox.waitFor(2).size(), 2u);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
+TEST_F(Adsppm, ARegistrationWaitsForAStart) {
+    plug(R"({"requests": {"start": [{"on": [1], "delay_ms": 50},
+                                    {"on": [2], "delay_ms": 50, "refuse": true}]}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2) && add(inbox, -3));
+    std::thread first([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
+    ASSERT_TRUE(seen("host    start request"));
+    EXPECT_TRUE(adsppm().unregisterListener(&inbox, -3));
+    EXPECT_EQ(lines("adsp    start response").size(), 1u);
+    first.join();
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    std::thread second([] { EXPECT_FALSE(adsppm().startMetricCollection()); });
+    ASSERT_TRUE(seen("host    start request", 2));
+    EXPECT_FALSE(add(inbox, -1)) << "the start failed";
+    second.join();
+}
+
+TEST_F(Adsppm, NoValuesOnceAStopBegan) {
+    plug(R"({"requests": {"stop": {"log_in_front": "same_chunk"},
+                          "start": {"log_behind": "same_chunk"}}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    EXPECT_TRUE(inbox.take().empty());
+}
+
+TEST_F(Adsppm, TheLoopbackSetsTheTime) {
+    plug(R"({"requests": {"loopback": {"on": [1], "refuse": true}}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    outputOf([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
+    EXPECT_DOUBLE_EQ(adsppm().convertTimeStamp(0, 0), 315964800.0) << "unchanged";
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    timeval zero{};
+    adsppm().updateTimeShift(0, 0, &zero, &zero);
+    EXPECT_TRUE(adsppm().startMetricCollection());
+    for (int i = 0; i < 2; ++i)
+        device().deliverFrame(device().logPacket());
+    const std::vector<Value> values = inbox.waitFor(1);
+    ASSERT_FALSE(values.empty());
+    EXPECT_NEAR(values[0].time, static_cast<double>(time(nullptr)), 2);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
+// Hears of the run level too, so that a test can wait until a change has been dealt with: the next
+// one is not told before.
+struct Follower : tavrik::Trigger::Listener, tavrik::SelfDestructingObject, Collector<int> {
+    void reserve() override { SelfDestructingObject::reserve(); }
+    bool release() override { return SelfDestructingObject::release(); }
+    void onTriggerValueChange(tavrik::Trigger* trigger) override { put(trigger->getValue()); }
+};
+
+TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    tavrik::Trigger* const level = tavrik::TriggerRegistry::getTrigger("_RunLevel");
+    auto* const follower = new Follower;
+    level->subscribe(follower);
+    level->setEnabled(true);
+    auto change = [&, told = size_t{0}](int value) mutable {
+        level->setValue(value);
+        level->setValue(value + 1);
+        follower->waitFor(told += 2);
+    };
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    ASSERT_TRUE(add(inbox, 7, 50));
+    change(1);
+    std::vector<std::string> steps;
+    for (const std::string& line : device().trace()) {
+        const size_t end = line.find(" request");
+        if (line.rfind("host", 0) == 0 && end != std::string::npos)
+            steps.push_back(line.substr(8, end - 8));
+    }
+    steps.erase(steps.begin(), steps.begin() + 7);  // up to the first start
+    EXPECT_EQ(steps, (std::vector<std::string>{"stop", "log mask clear", "message mask",
+                                               "event report", "log disable", "log ranges",
+                                               "loopback", "log mask", "start"}));
+    EXPECT_NE(lines("host    start request").back().find("07 00 00 00 32 00 00 00"),
+              std::string::npos);
+    change(3);
+    EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    change(5);
+    EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
+    ASSERT_TRUE(adsppm().unregisterListener(&inbox, 7));
+    change(7);
+    EXPECT_EQ(lines("host    start request").size(), 3u) << "started from idle";
+    EXPECT_EQ(lines("host    stop request").size(), 2u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
