@@ -17,7 +17,7 @@ namespace tavrik {
 //
 // Stopping: close() drops what comes later and waits for the drain. A derived class calls it first
 // thing in its own destructor: the base's comes too late for exec(). The group must stay open
-// longer than the queue.
+// longer than the queue; a drain whose thread could not be created is waited for for ever.
 //
 // Must not be done, because it would wait for itself for ever: close() or destruction from exec();
 // add() from exec() to a full queue with a limit.
@@ -33,7 +33,7 @@ class TaskQueue : public Runnable {
     // Queues an entry, waiting for room if there is a limit. Dropped when closed.
     void add(const T& entry) EXCLUDES(lock) {
         LockGuard guard(lock);
-        append(entry, guard);
+        append(entry);
     }
 
     // Waits until the drain has ended and no producer waits. What is queued is drained before.
@@ -66,22 +66,17 @@ class TaskQueue : public Runnable {
     // to `count` in each batch.
     virtual void exec(const T& entry, int index, int count) = 0;
 
-    // As add(), for callers that do more under the lock. May give `guard`, of the queue's lock, up for
-    // good once the entry is queued.
-    void append(const T& entry, LockGuard& guard) REQUIRES(lock) NO_THREAD_SAFETY_ANALYSIS {
+    // As add(), for callers that do more under the lock.
+    void append(const T& entry) REQUIRES(lock) {
         if (!waitForRoom()) return;
         input->push_back(entry);
         ++size;
         if (running) return;
         running = true;
-        ThreadGroup* const drainGroup = group;
-        // Without the lock: the group hands over under a worker's lock, and a drain takes this one
-        // under its worker's. While `running` is set nobody closes the queue behind our back.
-        guard.unlock();
-        drainGroup->spawn(this, false);
+        group->spawn(this, false);
     }
 
-    // Guards the queues and what follows them; held while nothing else is but a worker's lock.
+    // Guards the queues and what follows them. Taken before the group's lock and a worker's.
     Lock lock;
 
   private:

@@ -13,6 +13,10 @@ ThreadGroup::WorkerThread::WorkerThread(ThreadGroup* owner)
 
 void ThreadGroup::WorkerThread::assign(Runnable* task, bool deleteUnrun) {
     LockGuard guard(lock);
+    // A worker without a thread keeps the last task it was given, to drop it in the end.
+    if (hasFailedToStart()) dropTask();
+    while (runnable && !stopped)
+        lock.wait();
     if (stopped) {
         if (deleteUnrun) delete task;
         return;
@@ -25,9 +29,14 @@ void ThreadGroup::WorkerThread::assign(Runnable* task, bool deleteUnrun) {
 void ThreadGroup::WorkerThread::run() {
     LockGuard guard(lock);
     while (waitForTask()) {
-        runnable->run();
+        Runnable* const task = runnable;
+        {
+            LockRelease released(lock);
+            task->run();
+        }
         runnable = nullptr;
         group->putWorker(this);
+        lock.notifyAll();
     }
     dropTask();
     lock.notifyAll();

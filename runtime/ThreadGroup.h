@@ -19,21 +19,22 @@ namespace tavrik {
 // Stopping: close() waits for the tasks at hand and ends all workers; the destructor closes too.
 //
 // Must not be done, because it would wait for itself for ever: close() or destruction of a group
-// from one of its own tasks.
+// from one of its own tasks, assign() to the worker that runs the calling task.
 class ThreadGroup {
   public:
     class WorkerThread : public Thread {
       public:
         explicit WorkerThread(ThreadGroup* group);
 
-        // Gives an idle worker its task. A stopped worker drops it, deleting it if `autoDelete`.
+        // Gives the worker a task, waiting while it has one. A stopped worker drops it, deleting it
+        // if `autoDelete`.
         void assign(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
 
         // Ends the worker for good; waits until the task at hand has run. A task that the worker
         // has not begun is dropped, and deleted if it was assigned so.
         void stop() EXCLUDES(lock);
 
-        // The thread's body: runs task after task, each with this worker's lock held.
+        // The thread's body: runs task after task.
         void run() override EXCLUDES(lock);
 
       private:
@@ -42,7 +43,8 @@ class ThreadGroup {
 
         ThreadGroup* const group;  // not touched once stop() has returned
 
-        // Guards what follows; held while a task runs. Taken before the group's lock.
+        // Guards what follows. Free while a task runs: `runnable` stays set then, and that is what
+        // assign() and stop() wait for. Taken before the group's lock.
         Lock lock;
         bool stopped GUARDED_BY(lock) = false;
         bool autoDelete GUARDED_BY(lock) = false;
@@ -63,8 +65,8 @@ class ThreadGroup {
     // null when closed. The caller sees to it that the group is not closed before it has assigned.
     WorkerThread* getWorker() EXCLUDES(lock);
 
-    // Takes a worker back; called by the worker itself after each task, with its own lock held.
-    // Does nothing when closed.
+    // Takes a worker back; called by the worker itself after each task, under its own lock. Does
+    // nothing when closed.
     void putWorker(WorkerThread* worker) EXCLUDES(lock);
 
     // Stops all workers, in the order of their creation, and lets them go. Only the first call

@@ -65,7 +65,7 @@ void Trigger::setValue(int newValue) {
         apply(newValue, getNow());
         return;
     }
-    notifier.append({newValue, getNow()}, guard);
+    notifier.append({newValue, getNow()});
 }
 
 int Trigger::setValueQuietly(int newValue) {
