@@ -1,5 +1,4 @@
 // The DIAG session: connection, request queue, response hand-over, frames, log masks.
-#include <fstream>
 #include <thread>
 
 #include "diag_lsm/diag_lsm.h"
@@ -363,20 +362,6 @@ TEST_F(Session, ARefusedMaskLeavesTheListener) {
     EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
 }
 
-namespace {
-
-long residentKilobytes() {
-    std::ifstream status("/proc/self/status");
-    std::string word;
-    while (status >> word && word != "VmRSS:") {
-    }
-    long value = 0;
-    status >> value;
-    return value;
-}
-
-}  // namespace
-
 TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {
     constexpr int cycles = sanitized ? 500 : 10000;
     device().keepTrace(false);
@@ -389,13 +374,13 @@ TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {
     };
     cycle(10);
     const int descriptors = openDescriptors();
-    const int threads = runningThreads();
-    const long resident = residentKilobytes();
+    const long threads = runningThreads();
+    const long resident = processStatus("VmRSS:");
     cycle(cycles - 10);
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_TRUE(threadsComeTo(threads));
     // A sanitizer keeps freed memory for its own purposes, and finds leaks by other means.
     if (!sanitized) {
-        EXPECT_LE(residentKilobytes(), resident + 256);
+        EXPECT_LE(processStatus("VmRSS:"), resident + 256);
     }
 }

@@ -29,20 +29,6 @@ TEST(ErrorsTest, TokensAndTextsAreFound) {
     EXPECT_EQ(Errors::toInt("nomem"), 0);
 }
 
-TEST(CircularQueueTest, TellsWhatItDrops) {
-    struct Queue : CircularQueue<int> {
-        using CircularQueue::CircularQueue;
-        void onDrop(const int& entry) override { dropped.push_back(entry); }
-        std::vector<int> dropped;
-    } queue(3);
-    for (int i = 1; i <= 5; ++i)
-        queue.add(i);
-    EXPECT_EQ(*queue.next(), 3);
-    queue.clear();
-    EXPECT_EQ(queue.next(), nullptr);
-    EXPECT_EQ(queue.dropped, (std::vector<int>{1, 2}));
-}
-
 TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
     drain();
     for (int i = 1; i <= 100; ++i)

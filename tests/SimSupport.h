@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -125,12 +126,31 @@ inline int entriesOf(const char* directory) {
     return count;
 }
 inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
-inline int runningThreads() { return entriesOf("/proc/self/task"); }
 
-// A thread that was joined may stay listed for a moment.
-inline bool threadsComeTo(int count) {
+// A number of /proc/self/status, such as "Threads:" or "VmRSS:" (kilobytes).
+inline long processStatus(const std::string& key) {
+    std::ifstream status("/proc/self/status");
+    std::string word;
+    long value = 0;
+    while (status >> word && word != key) {
+    }
+    status >> value;
+    return value;
+}
+inline long runningThreads() { return processStatus("Threads:"); }
+
+// Tries until the condition holds; for what the system does in its own time.
+template <typename Condition>
+bool eventually(Condition condition) {
     const Stopwatch watch;
-    while (runningThreads() != count && watch.milliseconds() < patience)
+    while (!condition()) {
+        if (watch.milliseconds() > patience) return false;
         std::this_thread::yield();
-    return runningThreads() == count;
+    }
+    return true;
+}
+
+// A thread that ended may stay listed for a moment.
+inline bool threadsComeTo(long count) {
+    return eventually([=] { return runningThreads() == count; });
 }

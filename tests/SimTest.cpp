@@ -15,7 +15,6 @@ namespace {
 
 const Bytes kMessageMasks{0x7D, 5, 0, 0, 0, 0, 0, 0};
 const Bytes kEventReport{0x60, 0};
-const Bytes kLogDisable{0x73, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
 const Bytes kStart{0x4B, 0x0C, 4, 4, 1, 0, 0, 0, 1, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0};
 const Bytes kStop{0x4B, 0x0C, 4, 4, 2, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 255, 255, 255, 255};
 const Bytes kEventAnswer{0x60, 0, 0};
@@ -171,38 +170,6 @@ TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {
     const Bytes large(100000, 0x7D);
     device_.deliver(large);
     EXPECT_EQ(readBuffer(), large) << "one message, whole";
-}
-
-TEST_F(Client, LogPacketsShareBufferOrChunkWithTheAnswer) {
-    start(R"({"requests": {"event_report": [
-        {"on": [1], "log_in_front": "same_buffer", "log_behind": "same_chunk"},
-        {"on": [2], "log_in_front": "same_chunk", "log_count": 2, "log_behind": "own_buffer"},
-        {"on": [3], "drop": true, "log_in_front": "same_chunk", "buffer_behind": "10000000"}]}})");
-    const auto isLog = [](const Bytes& payload) {
-        return payload.size() == 96 && payload[0] == 16;
-    };
-    ASSERT_EQ(send(kEventReport), 0);
-    const Bytes buffer = readBuffer();
-    ASSERT_EQ(wordAt(buffer, 4, 4), 2u);
-    const size_t length = wordAt(buffer, 8, 4);
-    EXPECT_TRUE(isLog(unframe(Bytes(buffer.begin() + 12, buffer.end())).at(0)));
-    const auto second =
-        unframe(Bytes(buffer.begin() + 16 + static_cast<long>(length), buffer.end()));
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(second[0], kEventAnswer);
-    EXPECT_TRUE(isLog(second[1]));
-
-    ASSERT_EQ(send(kEventReport), 0);
-    const auto frames = readFrames();
-    ASSERT_EQ(frames.size(), 3u);
-    EXPECT_TRUE(isLog(frames[0]) && isLog(frames[1]));
-    EXPECT_EQ(frames[2], kEventAnswer);
-    for (int i = 0; i < 2; ++i)
-        EXPECT_TRUE(isLog(readFrames().at(0)));
-
-    ASSERT_EQ(send(kEventReport), 0);
-    EXPECT_TRUE(isLog(readFrames().at(0)));
-    EXPECT_EQ(readBuffer(), kDeinit);
 }
 
 TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
