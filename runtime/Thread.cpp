@@ -3,7 +3,7 @@
 #include <sched.h>
 #include <sys/prctl.h>
 
-#include <iostream>
+#include <cstdio>
 
 namespace tavrik {
 
@@ -38,7 +38,8 @@ void Thread::start() {
             reserve();
             if (!create()) {
                 startFailed = true;
-                std::cerr << "Thread::start()  pthread_create failed" << std::endl;
+                fprintf(stderr, "Thread::start()  pthread_create failed\n");
+                fflush(stderr);
             }
             logger.load()->debugf("Thread Created successfully");
         }
