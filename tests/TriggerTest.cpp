@@ -166,6 +166,29 @@ TEST_F(TriggerTest, UnsubscribingIsAppliedByTheNotifier) {
     EXPECT_EQ(otherNotes.take(), Texts{"gone"});
 }
 
+// Either the enabling comes second, then its listeners find the value, or the value is heard of.
+TEST_F(TriggerTest, NoValueIsLostBetweenSettingAndEnabling) {
+    std::atomic<int> seen{0};
+    struct Watcher : Trigger::Listener {
+        explicit Watcher(std::atomic<int>& value) : last(value) {}
+        void reserve() override {}
+        bool release() override { return false; }
+        void onTriggerEnabled(Trigger* changed) override { last = changed->getValue(); }
+        void onTriggerValueChange(Trigger* changed) override { last = changed->getValue(); }
+        std::atomic<int>& last;
+    } watcher(seen);
+    trigger->subscribe(&watcher);
+    for (int value = 1; value <= 2000; ++value) {
+        std::thread setter([&] { trigger->setValue(value); });
+        trigger->setEnabled(true);
+        setter.join();
+        heard();
+        ASSERT_EQ(seen, value);
+        trigger->setEnabled(false);
+    }
+    trigger.reset();
+}
+
 TEST_F(TriggerTest, MetricsTellWhatHappens) {
     holdAt(1);
     for (const int value : {2, 3, 4, 4})
@@ -230,6 +253,7 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
     EXPECT_EQ(number("Set Count"), 8 * count);
     EXPECT_EQ(number("Change Count"), changes);
     EXPECT_LE(number("Max Queue Size"), changes);
+    EXPECT_GE(number("Max Queue Size"), 1);
     trigger.reset();  // before its listeners
 }
 

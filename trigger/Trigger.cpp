@@ -70,7 +70,8 @@ void Trigger::setValue(int newValue) {
 
 int Trigger::setValueQuietly(int newValue) {
     ++setCount;
-    if (newValue != value) apply(newValue, getNow());
+    LockGuard guard(valueLock);
+    if (newValue != value) applyLocked(newValue, getNow());
     return value;
 }
 
@@ -81,6 +82,10 @@ void Trigger::_setValue(int newValue, double newTime) {
 
 void Trigger::apply(int newValue, double newTime) {
     LockGuard guard(valueLock);
+    applyLocked(newValue, newTime);
+}
+
+void Trigger::applyLocked(int newValue, double newTime) {
     previousTime = time.load();
     previousValue = value.load();
     value = newValue;
@@ -89,7 +94,12 @@ void Trigger::apply(int newValue, double newTime) {
 }
 
 void Trigger::setEnabled(bool enable) {
-    if (enabled.exchange(enable) == enable) return;
+    {
+        // Not between a setter's look at the flag and its silent application: nobody would hear of
+        // that value.
+        LockGuard guard(notifier.lock);
+        if (enabled.exchange(enable) == enable) return;
+    }
     (enable ? enabledTime : disabledTime) = getNow();
     tellSubscribers(enable ? &Listener::onTriggerEnabled : &Listener::onTriggerDisabled);
 }

@@ -22,7 +22,9 @@ namespace tavrik {
 // subscriber.
 //
 // Must not be done by a listener, because it would wait for itself for ever: walk the subscribers
-// of the same trigger (setEnabled() of it, its "Subscriber Count" metric).
+// of the same trigger (setEnabled() of it, its "Subscriber Count" metric); look a trigger up, add
+// or remove metrics (make or destroy a thread group, ...), in its destructor neither; enable
+// another trigger whose listeners enable this one.
 class Trigger {
   public:
     // Hears of one or more triggers. Must not throw.
@@ -120,6 +122,7 @@ class Trigger {
     };
 
     void apply(int newValue, double newTime) EXCLUDES(valueLock);
+    void applyLocked(int newValue, double newTime) REQUIRES(valueLock);
     // Calls `notify` on every subscriber.
     void tellSubscribers(void (Listener::*notify)(Trigger*));
     void publish(TriggerMetric& metric, const char* metricName, const char* description);

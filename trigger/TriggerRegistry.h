@@ -8,9 +8,9 @@ namespace tavrik {
 
 // The triggers of the process, by name.
 //
-// Threads: both operations may be called on any thread. Lock order: the registry's lock, the metric
-// registry's, a subscriber set's. So a listener, which runs under a subscriber set's, must not ask
-// for a trigger that may not exist yet while somebody may be walking the metrics.
+// Threads: both operations may be called on any thread, but not by a trigger's listener, nor by one
+// of ADSPPM or DIAG: they look their triggers up beforehand. Lock order: the registry's lock, the
+// metric registry's, a subscriber set's, then ADSPPM's and DIAG's.
 class TriggerRegistry {
   public:
     class Visitor {
