@@ -41,7 +41,8 @@ class ADSPPM : public DIAG::LogListener {
         // ADSP's number divided by 1,000,000 for id -1 and by 1,000 for id -2; for the others it is
         // what their counter gained since the previous packet, times 1,000, per second (infinite or
         // not a number when no time passed). Called on the reader with the ADSPPM's lock held: must
-        // return soon and must not call the ADSPPM.
+        // return soon, must not call the ADSPPM, and must not enable or look up triggers nor walk
+        // or change the metrics (setting a trigger's value is allowed).
         virtual void onADSPPMInput(int eventId, double time, long double value) = 0;
     };
 
@@ -120,7 +121,8 @@ class ADSPPM : public DIAG::LogListener {
     // `lock`, read anywhere.
     std::atomic<bool> changed_;
 
-    // Guards the state below. Taken after DIAG's listenerLock; nothing is taken under it.
+    // Guards the state below. Taken after DIAG's listenerLock and the subscriber set's lock of
+    // "_RunLevel"; nothing but what a listener takes is taken under it.
     Lock lock;
     int state GUARDED_BY(lock);
     bool busy GUARDED_BY(lock);

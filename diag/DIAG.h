@@ -68,7 +68,8 @@ class DIAG {
 
         // `record` is a log record (length, log code, time stamp: 12 bytes, then the payload) with
         // at least 92 readable bytes, zeros behind a shorter record; valid during the call. Called
-        // on the reader with listenerLock held: must not register or unregister log listeners.
+        // on the reader with listenerLock held: must not register or unregister log listeners, nor
+        // enable or look up triggers, nor walk or change the metrics.
         virtual void onLog(const unsigned char* record) = 0;
     };
 

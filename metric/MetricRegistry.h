@@ -20,7 +20,7 @@ class MetricRegistry {
         virtual ~Visitor() = default;
 
         // Returns true to end the walk. Called with the registry's lock held: must not add or
-        // remove metrics, nor wait for a thread that does.
+        // remove metrics, nor look triggers up, nor wait for a thread that does.
         virtual bool visitMetric(Metric* metric) = 0;
     };
 

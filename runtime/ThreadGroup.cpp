@@ -162,14 +162,10 @@ void ThreadGroup::close() {
 
 void ThreadGroup::mirrorSizes() {
     workerCount = static_cast<unsigned>(workers.size());
-    idleCount = static_cast<unsigned>(idleWorkers.size());
+    busyCount = static_cast<unsigned>(workers.size() - idleWorkers.size());
 }
 
-double ThreadGroup::BusyMetric::collect() {
-    // The other order could show an idle worker that is not counted yet.
-    const unsigned idle = owner->idleCount;
-    return static_cast<double>(owner->workerCount) - idle;
-}
+double ThreadGroup::BusyMetric::collect() { return owner->busyCount; }
 
 double ThreadGroup::CountMetric::collect() { return owner->workerCount; }
 

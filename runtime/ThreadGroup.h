@@ -62,7 +62,8 @@ class ThreadGroup {
     void spawn(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
 
     // An idle worker for the caller to assign a task to, the one that returned last, or a new one;
-    // null when closed. The caller sees to it that the group is not closed before it has assigned.
+    // null when closed. The caller assigns once and sees to it that the group is not closed before
+    // it has assigned.
     WorkerThread* getWorker() EXCLUDES(lock);
 
     // Takes a worker back; called by the worker itself after each task, under its own lock. Does
@@ -98,16 +99,16 @@ class ThreadGroup {
     const std::string name;
     const std::string workerName;
 
-    // Guards the vectors, and changes of `closed`. Taken after a worker's lock; only a new worker's
-    // own locks are taken under it.
+    // Guards the vectors, and changes of `closed`. Taken after a worker's lock; only a worker's
+    // count, a new worker's state and the logger's locks are taken under it.
     Lock lock;
     std::vector<WorkerThread*> workers GUARDED_BY(lock);      // in order of creation
     std::vector<WorkerThread*> idleWorkers GUARDED_BY(lock);  // the one that returned last is last
     std::atomic<bool> closed{false};
 
-    // Sizes of the vectors, for the metrics.
+    // All workers, and those that are not idle; for the metrics.
     std::atomic<unsigned> workerCount{0};
-    std::atomic<unsigned> idleCount{0};
+    std::atomic<unsigned> busyCount{0};
 
     BusyMetric busyMetric;
     CountMetric countMetric;
