@@ -93,7 +93,8 @@ double getSystemStartTime() {
 
 size_t timeToString(double t, char* out) {
     const int32_t secs = toInt32(t);
-    const int32_t millis = toInt32((t - secs) * 1000.0);
+    const double fraction = t - secs;
+    const int32_t millis = fraction > -1.0 && fraction < 1.0 ? toInt32(fraction * 1000.0) : 0;
     char format[textSize];
     snprintf(format, sizeof format, "%%x %%X.%d", static_cast<int>(millis));
     const time_t seconds = secs;

@@ -21,7 +21,7 @@ double getSystemStartTime();
 
 // Writes `t` in UTC as "11/15/26 12:58:50.5" into `out`, 80 bytes at most with the terminator. The
 // fraction is truncated milliseconds without leading zeros: 50 ms read ".50", 5 ms ".5". Seconds
-// beyond 32 bits are taken for the last ones that fit. Returns the length; 0, and an empty text,
-// when it did not fit.
+// beyond 32 bits are taken for the last ones that fit, without a fraction. Returns the length; 0,
+// and an empty text, when it did not fit.
 size_t timeToString(double t, char* out);
 void timeToString(double t, std::string& out);

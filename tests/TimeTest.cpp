@@ -81,7 +81,7 @@ TEST(TimeTest, TextIsInUtcWithUnpaddedTruncatedMilliseconds) {
     EXPECT_EQ(text(2147483647.5), "01/19/38 03:14:07.500");
     const double infinity = std::numeric_limits<double>::infinity();
     for (const double late : {2147483648.0, 1e300, infinity})
-        EXPECT_EQ(text(late).rfind("01/19/38 03:14:07.", 0), 0u) << late;
+        EXPECT_EQ(text(late), "01/19/38 03:14:07.0") << late;
     for (const double early : {-2147483649.0, -1e300, -infinity})
         EXPECT_EQ(text(early).rfind("12/13/01 20:45:52.", 0), 0u) << early;
     EXPECT_EQ(text(std::nan("")), "01/01/70 00:00:00.0");
