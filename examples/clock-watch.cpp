@@ -76,9 +76,14 @@ int main() {
         return 1;
     }
     bool good = ADSPPM::instance()->startMetricCollection();
-    if (good) {
+    if (!good) {
+        fprintf(stderr, "clock-watch: collection did not start\n");
+    } else {
         good = printSamples(listener, 10);
-        if (!ADSPPM::instance()->stopMetricCollection()) good = false;
+        if (!ADSPPM::instance()->stopMetricCollection()) {
+            fprintf(stderr, "clock-watch: collection did not stop\n");
+            good = false;
+        }
     }
     // The listener is on this thread's stack: it must not be called once it is gone.
     ADSPPM::instance()->unregisterListener(&listener, coreClock);

@@ -71,19 +71,19 @@ def expectation(request, kind):
 class Run:
     """One run of the checker; `scenario` is an object, or the name of a file in scenarios/."""
 
-    def __init__(self, scenario=None, preload=True):
+    def __init__(self, scenario=None, preload=True, program=CHECKER):
         with tempfile.TemporaryDirectory() as folder:
             trace = os.path.join(folder, "trace")
             environment = {key: value for key, value in os.environ.items()
                            if not key.startswith("DIAGSIM")}
             # A connection that failed leaves the reader behind, on purpose.
             environment["TSAN_OPTIONS"] = "report_thread_leaks=0"
-            command = [*EMULATOR, CHECKER]
+            command = [*EMULATOR, program]
             if preload:
                 environment["DIAGSIM_TRACE"] = trace
                 environment["DIAGSIM_SCENARIO"] = self.file(scenario or {}, folder)
                 if EMULATOR:  # for the checker, not for the emulator
-                    command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, CHECKER]
+                    command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, program]
                 else:
                     environment["LD_PRELOAD"] = PRELOAD
             begin = time.monotonic()
@@ -248,6 +248,16 @@ class Checker(unittest.TestCase):
         run = Run({"requests": {"start": {"dorp": True}}})
         self.assertEqual(run.status, 2, run)
         self.assertRegex(run.errors, r'^diagsim: .*unknown key "dorp" in requests\.start')
+
+    @unittest.skipIf(EMULATOR, "the wrapper runs one program")
+    def test_the_example_prints_ten_values(self):
+        example = os.path.join(os.path.dirname(CHECKER), "..", "examples", "clock-watch")
+        for scenario, status in (({}, 0), ({"requests": {"stop": {"refuse": True}}}, 1)):
+            run = Run(scenario, program=example)
+            self.assertEqual(run.status, status, run)
+            values = re.findall(r"^\d+\.\d{3} s  576\.0 MHz$", run.output, re.M)
+            self.assertEqual(len(values), 10, run)
+            self.assertEqual(run.errors, "clock-watch: collection did not stop\n" if status else "")
 
     @unittest.skipIf(SLOW, "time is no measure here")
     def test_no_wait_costs_more_than_its_answer_took(self):
