@@ -1,0 +1,351 @@
+// The JSON grammar, once for every source of characters; for the .cpp files of this folder.
+#pragma once
+
+#include <cstdio>
+#include <memory>
+
+#include "json/JSONData.h"
+#include "json/src/Decimal.h"
+
+namespace tavrik {
+
+// What begins at a place: the type of a value, LONG for every number, or one of the flags. `end`
+// goes with the type of what it closes.
+struct JSONData::Token {
+    Type type = NONE;
+    bool comma = false;
+    bool colon = false;
+    bool end = false;
+
+    bool closes(int container) const { return end && type == container; }
+    bool beginsValue() const { return !comma && !colon && !end; }
+};
+
+struct JSONData::Release {
+    void operator()(JSONData* node) const { node->release(); }
+};
+
+// Takes the text of a comment behind its first slash, to the end of the line or the closing mark.
+template <typename Source>
+bool skipComment(Source& source) {
+    const bool line = source.peek() == '/';
+    source.advance();
+    while (source.peek() != 0) {
+        const int last = source.peek();
+        source.advance();
+        if (line ? last == '\n' : last == '*' && accept(source, '/')) return true;
+    }
+    return false;
+}
+
+// False at a slash that begins no comment and where a comment does not end.
+template <typename Source>
+bool skipBlanksAndComments(Source& source) {
+    for (;;) {
+        const int character = source.peek();
+        if (character == '/') {
+            source.advance();
+            if (source.peek() != '/' && source.peek() != '*') {
+                source.back();
+                return false;
+            }
+            if (!skipComment(source)) return false;
+        } else if (character == '\t' || character == '\n' || character == '\r' ||
+                   character == ' ') {
+            source.advance();
+        } else {
+            return true;
+        }
+    }
+}
+
+template <typename Source>
+bool JSONData::fetchNextType(Source& source, Token& token) {
+    token = Token();
+    if (!skipBlanksAndComments(source)) return false;
+    const int character = source.peek();
+    token.comma = character == ',';
+    token.colon = character == ':';
+    token.end = character == ']' || character == '}';
+    switch (character) {
+        case '"':
+            token.type = STRING;
+            return true;
+        case '+':
+        case '-':
+            token.type = LONG;
+            return true;
+        case '[':
+        case ']':
+            token.type = ARRAY;
+            return true;
+        case '{':
+        case '}':
+            token.type = OBJECT;
+            return true;
+        case 't':
+        case 'f':
+            token.type = BOOLEAN;
+            return true;
+        case 'n':
+            token.type = JSON_NULL;
+            return true;
+        case ',':
+        case ':':
+            return true;
+        default:
+            token.type = LONG;
+            return isDigit(character);
+    }
+}
+
+// The value of a hexadecimal digit, or -1. Upper-case letters count from 5 on: writers of this
+// dialect rely on it.
+inline int hexDigit(int character) {
+    if (isDigit(character)) return character - '0';
+    if (character >= 'a' && character <= 'f') return character - 'a' + 10;
+    if (character >= 'A' && character <= 'F') return character - 60;
+    return -1;
+}
+
+// Reads the four digits of a \u escape; of their value only the low byte is kept.
+template <typename Source>
+bool readHexEscape(Source& source, std::string& out) {
+    unsigned code = 0;
+    for (int i = 0; i < 4; ++i) {
+        const int digit = hexDigit(source.peek());
+        if (digit < 0) return false;
+        code = code * 16 + static_cast<unsigned>(digit);
+        source.advance();
+    }
+    out += static_cast<char>(code & 0xFF);
+    return true;
+}
+
+// Reads what stands behind a backslash.
+template <typename Source>
+bool readEscape(Source& source, std::string& out) {
+    const int character = source.peek();
+    if (character == 0) return false;
+    source.advance();
+    switch (character) {
+        case 'b':
+            out += '\b';
+            return true;
+        case 'f':
+            out += '\f';
+            return true;
+        case 'n':
+            out += '\n';
+            return true;
+        case 'r':
+            out += '\r';
+            return true;
+        case 't':
+            out += '\t';
+            return true;
+        case '"':
+        case '\\':
+        case '/':
+            out += static_cast<char>(character);
+            return true;
+        case 'u':
+            return readHexEscape(source, out);
+        default:
+            return false;
+    }
+}
+
+template <typename Source>
+bool JSONData::parseJsonString(Source& source, std::string& out) {
+    out.clear();
+    if (!accept(source, '"')) return false;
+    while (source.peek() != 0) {
+        if (accept(source, '"')) return true;
+        if (accept(source, '\\')) {
+            if (!readEscape(source, out)) return false;
+            continue;
+        }
+        out += static_cast<char>(source.peek());
+        source.advance();
+    }
+    return false;
+}
+
+template <typename Source>
+bool JSONData::parseJsonNumberIntoSelf(Source& source) {
+    Decimal number;
+    if (!readDecimal(source, number)) return false;
+    if (number.hasPoint) {
+        setDouble(number.real);
+    } else {
+        setLong(number.integer);
+    }
+    return true;
+}
+
+// Parses one value. The arrays and objects that are open at a place stand on a stack of its own, so
+// that a hostile text cannot use up the thread's.
+//
+// A child belongs to the stack until its comma or its parent's end has come; a failure frees those
+// that were under way and leaves the complete ones where they are.
+template <typename Source>
+class JSONData::Parser {
+  public:
+    // `operation` is what messages name.
+    Parser(Source& characters, const char* operation_)
+        : source(characters), operation(operation_) {}
+
+    bool parse(JSONData& top) {
+        JSONData* target = &top;
+        while (target != nullptr) {
+            if (!readValue(*target)) return false;
+            if (!findNextValue(target)) return false;
+        }
+        return true;
+    }
+
+  private:
+    struct Open {
+        JSONData* node;
+        std::string key{};  // of the member under way
+        std::unique_ptr<JSONData, Release> child{};
+
+        bool isArray() const { return node->type == ARRAY; }
+    };
+
+    bool fail(const char* message) const {
+        fprintf(stderr, "JSONData::%s: %s\n", operation, message);
+        return false;
+    }
+
+    // Reads a scalar, or opens an array or object.
+    bool readValue(JSONData& node) {
+        Token token;
+        if (!fetchNextType(source, token) || !token.beginsValue()) {
+            return source.peek() != 0 && fail("syntax error: missing value");
+        }
+        switch (token.type) {
+            case JSON_NULL:
+                return readNull(node);
+            case BOOLEAN:
+                return readBoolean(node);
+            case STRING:
+                return readString(node);
+            case LONG:
+                return node.parseJsonNumberIntoSelf(source) || fail("syntax error: invalid number");
+            default:
+                return open(node, token.type);
+        }
+    }
+
+    bool literal(const char* word) {
+        while (*word != '\0' && accept(source, *word))
+            ++word;
+        return *word == '\0';
+    }
+
+    bool readNull(JSONData& node) {
+        if (!literal("null")) return fail("syntax error: invalid null value");
+        node.setNull();
+        return true;
+    }
+
+    bool readBoolean(JSONData& node) {
+        const bool isTrue = source.peek() == 't';
+        if (!literal(isTrue ? "true" : "false")) return fail("syntax error: invalid boolean value");
+        node.setBoolean(isTrue);
+        return true;
+    }
+
+    bool readString(JSONData& node) {
+        become(node, STRING);
+        return parseJsonString(source, *node.value.text) || fail("syntax error: invalid string");
+    }
+
+    bool open(JSONData& node, Type container) {
+        if (opened.size() == MAX_DEPTH) return fail("syntax error: nesting too deep");
+        source.advance();
+        become(node, container);
+        opened.push_back(Open{&node});
+        return true;
+    }
+
+    // Sets the type. What the top node held stays alive to the end of the parse: the text that is
+    // being parsed may be part of it.
+    void become(JSONData& node, Type wanted) {
+        if (node.type != NONE && node.type != wanted) node.swapContent(retired);
+        node.setType(wanted);
+    }
+
+    // Called when a value has been read: closes what ends behind it and makes the next place for a
+    // value the target, null when the top value is complete.
+    bool findNextValue(JSONData*& target) {
+        target = nullptr;
+        while (target == nullptr && !opened.empty()) {
+            Open& innermost = opened.back();
+            bool closed = false;
+            const bool good = innermost.child ? finishChild(innermost, closed)
+                                              : beginChild(innermost, closed, target);
+            if (!good) return false;
+            if (closed) opened.pop_back();
+        }
+        return true;
+    }
+
+    // Behind the value of a child: a comma, or the end of its parent.
+    bool finishChild(Open& parent, bool& closed) {
+        Token token;
+        fetchNextType(source, token);
+        closed = token.closes(parent.node->type);
+        if (!closed && !token.comma) {
+            return fail(parent.isArray() ? "syntax error: array comma or end expected"
+                                         : "syntax error: object comma or end expected");
+        }
+        source.advance();
+        if (parent.isArray()) {
+            parent.node->adopt(parent.child.release());
+        } else {
+            parent.node->adopt(parent.key, parent.child.release());
+        }
+        return true;
+    }
+
+    // In front of a child: its value, behind its key in an object, or the end of its parent.
+    bool beginChild(Open& parent, bool& closed, JSONData*& target) {
+        Token token;
+        const bool found = fetchNextType(source, token);
+        closed = token.closes(parent.node->type);
+        if (closed) {
+            source.advance();
+            return true;
+        }
+        if (!found || token.end) {
+            return fail(parent.isArray() ? "syntax error: array not closed"
+                                         : "syntax error: object not closed");
+        }
+        if (!parent.isArray() && !readKey(token, parent.key)) return false;
+        parent.child.reset(new JSONData);
+        target = parent.child.get();
+        return true;
+    }
+
+    bool readKey(const Token& begin, std::string& key) {
+        if (begin.type != STRING) return fail("syntax error: object key must be a string");
+        if (!parseJsonString(source, key))
+            return fail("syntax error: invalid string for object key");
+        Token token;
+        if (!fetchNextType(source, token) || !token.colon) {
+            return fail("syntax error: object colon expected");
+        }
+        source.advance();
+        return true;
+    }
+
+    Source& source;
+    const char* const operation;
+    std::vector<Open> opened{};
+    JSONData retired{};
+};
+
+}  // namespace tavrik
