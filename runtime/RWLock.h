@@ -113,4 +113,27 @@ class CAPABILITY("rwlock") RWLock {
     bool writeLocked GUARDED_BY(lock) = false;
 };
 
+// Hold an RWLock for a scope, shared or alone, and give it back also when an exception passes.
+class SCOPED_CAPABILITY ReadGuard {
+  public:
+    explicit ReadGuard(RWLock& guarded) ACQUIRE_SHARED(guarded) : lock(guarded) { lock.readLock(); }
+    ~ReadGuard() RELEASE() { lock.readUnlock(); }
+    ReadGuard(const ReadGuard&) = delete;
+    ReadGuard& operator=(const ReadGuard&) = delete;
+
+  private:
+    RWLock& lock;
+};
+
+class SCOPED_CAPABILITY WriteGuard {
+  public:
+    explicit WriteGuard(RWLock& guarded) ACQUIRE(guarded) : lock(guarded) { lock.writeLock(); }
+    ~WriteGuard() RELEASE() { lock.writeUnlock(); }
+    WriteGuard(const WriteGuard&) = delete;
+    WriteGuard& operator=(const WriteGuard&) = delete;
+
+  private:
+    RWLock& lock;
+};
+
 }  // namespace tavrik

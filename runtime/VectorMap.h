@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace tavrik {
+
+// A small table of pointers by name, for derived classes to build registries on. Where a name
+// occurs more than once the later entry counts. Names are compared byte by byte.
+//
+// Threads: has no lock of its own; the owner guards it. Ownership: the values are the owner's, the
+// destructor leaves them alone.
+template <typename T>
+class VectorMap {
+  public:
+    class Visitor {
+      public:
+        virtual ~Visitor() = default;
+
+        // A result other than 0 ends the walk.
+        virtual int visit(const std::string& name, T* value) const = 0;
+    };
+
+    VectorMap() = default;
+    virtual ~VectorMap() = default;
+    VectorMap(const VectorMap&) = delete;
+    VectorMap& operator=(const VectorMap&) = delete;
+
+  protected:
+    // The index of a name that is not there.
+    static constexpr size_t NONE = static_cast<size_t>(-1);
+
+    // The index of the last entry of that name, or NONE.
+    size_t find(const std::string& name) const {
+        size_t i = names.size();
+        while (i != 0 && names[i - 1] != name)
+            --i;
+        return i - 1;
+    }
+
+    // The value of the last entry of that name; null when there is none.
+    T* get(const std::string& name) const {
+        const size_t i = find(name);
+        return i != NONE ? values[i] : nullptr;
+    }
+
+    void append(const std::string& name, T* value) {
+        names.push_back(name);
+        values.push_back(value);
+    }
+
+    // Removes entry i; those behind it move up.
+    void removeAt(size_t i) {
+        names.erase(names.begin() + static_cast<std::ptrdiff_t>(i));
+        values.erase(values.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+
+    // For tables that own their values: puts `value` under the name and deletes another one that
+    // was there.
+    void replaceOwned(const std::string& name, T* value) {
+        const size_t i = find(name);
+        if (i == NONE) {
+            append(name, value);
+        } else if (values[i] != value) {
+            delete values[i];
+            values[i] = value;
+        }
+    }
+
+    // Visits the entries from the last to the first. The first result other than 0, or 0.
+    int walk(const Visitor& visitor) const {
+        for (size_t i = names.size(); i != 0; --i) {
+            const int result = visitor.visit(names[i - 1], values[i - 1]);
+            if (result != 0) return result;
+        }
+        return 0;
+    }
+
+    std::vector<std::string> names;
+    std::vector<T*> values;  // entry i belongs to entry i of names
+};
+
+}  // namespace tavrik
