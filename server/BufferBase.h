@@ -1,0 +1,93 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "server/Buffer.h"
+
+namespace tavrik {
+
+// A ring of T, which is derived from Entry, default-constructible and assignable. Grows as needed
+// and never drops an entry by itself; users bound it with shift() or clear().
+template <typename T>
+class BufferBase : public Buffer {
+  public:
+    double getStartTime() const override {
+        return count != 0 ? BufferBase::getEntry(0).getTimestamp() : 0.0;
+    }
+
+    const T& getEntry(unsigned index) const override { return entries[physical(index)]; }
+
+    // `entry` may be one of this buffer's own.
+    void appendEntry(const Entry& entry) override {
+        const T* const own = dynamic_cast<const T*>(&entry);
+        if (own != nullptr) append([&](T& slot) { slot = *own; });
+    }
+
+    void clear() override {
+        count = 0;
+        start = 0;
+    }
+
+    void shift() override {
+        if (count == 0) return;
+        --count;
+        if (++start == reserveSize) start = 0;
+    }
+
+    // Copies the first getCount() places of the other's memory as they lie there. So where its
+    // oldest entry is not in the first place, the order is rotated; readers rely on nothing else
+    // than that order.
+    void copy(const Buffer& other) override {
+        const BufferBase* const source = dynamic_cast<const BufferBase*>(&other);
+        if (source == nullptr) return;
+        count = source->count;
+        start = 0;
+        if (count > reserveSize) {
+            entries.reset(new T[count]);
+            reserveSize = count;
+        }
+        for (uint32_t i = 0; i < count; ++i)
+            entries[i] = source->entries[i];
+    }
+
+    unsigned getCount() const override { return count; }
+    unsigned getReserveSize() const override { return reserveSize; }
+    Buffer* getAutoBuffer() override { return nullptr; }
+
+  protected:
+    // Appends an entry that `store(T&)` fills in. What it stores may refer to an entry of this
+    // buffer: the memory that a growing buffer leaves is kept until it has returned.
+    template <typename Store>
+    void append(const Store& store) {
+        std::unique_ptr<T[]> retired;
+        if (count == reserveSize) retired = grow();
+        store(entries[physical(count)]);
+        ++count;
+    }
+
+  private:
+    uint32_t physical(uint32_t index) const {
+        const uint32_t sum = start + index;
+        return sum < reserveSize ? sum : sum - reserveSize;
+    }
+
+    // Makes room for one entry more and returns the old memory.
+    std::unique_ptr<T[]> grow() {
+        const uint32_t capacity = count == 0 ? 1 : count < 4 ? 4 : count + 16;
+        std::unique_ptr<T[]> larger(new T[capacity]);
+        for (uint32_t i = 0; i < count; ++i)
+            larger[i] = entries[physical(i)];
+        entries.swap(larger);
+        start = 0;
+        reserveSize = capacity;
+        return larger;
+    }
+
+    uint32_t reserveSize = 0;
+    uint32_t count = 0;
+    uint32_t start = 0;  // place of the oldest entry
+    std::unique_ptr<T[]> entries{};
+};
+
+}  // namespace tavrik
