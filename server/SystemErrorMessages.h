@@ -1,11 +1,18 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <atomic>
+#include <memory>
 #include <string>
 
 #include "runtime/Lock.h"
 #include "server/CircularQueue.h"
 
 namespace tavrik {
+
+class Channel;
+class MarkerBuffer;
 
 // One message of the server: an Errors code and a text for people.
 struct error_message_t {
@@ -16,8 +23,16 @@ struct error_message_t {
 // The process-wide queue of noteworthy failures for a client of the server to read. Keeps the
 // newest 100 messages and drops older ones silently.
 //
+// Each message is also published, as a marker buffer with one entry (the time, 0, the text), by the
+// channel "serverMessages", which the first use of this class makes with the factory that the
+// ChannelStore then has for the type "basic". Without one, messages are only queued.
+//
 // Threads: every operation may be called on any thread, before main and while the process exits.
-// Ownership: one object, created on first use and never destroyed.
+// Publishing happens on the posting thread, with none of this class's mutexes held; other posters
+// wait meanwhile. The channel may post again, and so may its factory, though what that posts is
+// only queued; neither may wait for another thread that posts.
+// Ownership: one object, created on first use and never destroyed. It holds a reference on its
+// channel.
 class SystemErrorMessages {
   public:
     // Never null.
@@ -25,12 +40,12 @@ class SystemErrorMessages {
 
     // Post a message; without a text it gets that of the code, Errors::toAscii(code). Wait while a
     // reader is between lockMessages() and unlockMessages(): do not post there, nor while holding a
-    // lock that such a reader takes.
+    // lock that such a reader, or the channel, takes.
     static void add(int code, const std::string& text) EXCLUDES(Instance()->lock);
     static void add(int code, const char* text) EXCLUDES(Instance()->lock);
     static void add(int code) EXCLUDES(Instance()->lock);
 
-    // Shows a message to the channel's subscribers without queueing it; waits as add() does.
+    // Publishes a message without queueing it; waits as add() does.
     static void recordOnly(const error_message_t* message) EXCLUDES(Instance()->lock);
 
     // Whether there is a message, and the oldest one, taken out of the queue (null when there is
@@ -44,15 +59,22 @@ class SystemErrorMessages {
     static void unlockMessages() RELEASE(Instance()->lock);
 
   private:
+    // Has the channel to itself for a scope; on one thread it may be nested.
+    class Turn;
+
     SystemErrorMessages() = default;
 
-    void post(const error_message_t& message) EXCLUDES(lock, queueLock);
+    void setUpOnce() EXCLUDES(turnLock);
+    // Makes the channel, on the thread that has the turn.
+    void setUpChannel();
 
-    // Publishes a message on the posting thread, with no lock held. There is no channel yet, so
-    // nothing is published.
-    void mirror(const error_message_t& message) EXCLUDES(lock, queueLock);
+    void post(const error_message_t& message) EXCLUDES(lock, queueLock, turnLock);
 
-    // Lock order: lock, then queueLock. Nothing else is taken under either of them.
+    // Publishes a message on the posting thread, with no lock held; the message must outlive the
+    // call. Nothing without a channel.
+    void mirror(const error_message_t& message) EXCLUDES(lock, queueLock, turnLock);
+
+    // Lock order: lock, then queueLock. Nothing else is taken under any of the three.
 
     // Keeps posters away from a reader; a poster holds it while it changes the queue. Guards no
     // field by itself.
@@ -63,6 +85,18 @@ class SystemErrorMessages {
     Lock queueLock;
 
     CircularQueue<error_message_t> queue GUARDED_BY(queueLock){100};
+
+    // Guards whose turn it is. Waited on for the turn, and free while somebody has it.
+    Lock turnLock;
+    pthread_t turnOwner GUARDED_BY(turnLock){};
+    int turns GUARDED_BY(turnLock) = 0;  // of turnOwner, nested in each other
+
+    // Set, by whoever has the turn, when it begins to make the channel.
+    std::atomic<bool> setUpBegun{false};
+
+    // Touched only by the thread that has the turn. The buffer comes and stays with the channel.
+    Channel* channel = nullptr;
+    std::unique_ptr<MarkerBuffer> buffer;
 };
 
 }  // namespace tavrik
