@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "json/JSOM.h"
 #include "log/LogLevel.h"
 
 namespace tavrik {
@@ -26,6 +27,16 @@ class LogAdapter {
 
     // Write out what was buffered.
     virtual int flush() = 0;
+};
+
+// Makes the adapters of one type for a logger configuration; see LogAdapterStore.
+class LogAdapterFactory {
+  public:
+    virtual ~LogAdapterFactory() = default;
+
+    // A new adapter, which stays installed and is never deleted, or null. `config` is the
+    // configuration's "adapter" object, the caller's to keep.
+    virtual LogAdapter* create(const JSOM& config) = 0;
 };
 
 }  // namespace tavrik

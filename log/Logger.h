@@ -8,6 +8,7 @@
 
 namespace tavrik {
 
+class JSOM;
 class LogAdapter;
 
 // Writes the diagnostics of one component as lines under one name, either to standard output or to
@@ -16,9 +17,9 @@ class LogAdapter;
 // A message passes two filters: the level of its logger and the master level of the process.
 //
 // Threads: every operation may be called on any thread, before main and while the process exits.
-// Lines stay whole. Of this class's operations only getLogger() and visitLoggers() take a lock, the
-// registry's own, after which only the short ones inside LogLevel follow; logging itself takes
-// none, so it may be done under any lock. Ownership: loggers made by getLogger() belong to the
+// Lines stay whole. Only getLogger(), visitLoggers() and configuring take a lock, the registry's
+// own, after which only the short ones inside LogLevel follow; logging itself takes none, so it may
+// be done under any lock. Ownership: loggers made by getLogger() belong to the
 // registry and are never deleted.
 //
 // Nothing is ever reported as a failure; results are those of printf, fflush or the adapter.
@@ -91,6 +92,25 @@ class Logger {
     // adapter is not owned: neither it nor its predecessor is deleted. Threads that are logging may
     // still be inside the predecessor when this returns.
     static void setLogAdapter(LogAdapter* adapter);
+
+    // Apply a configuration, an object of which every member may be missing, in this order:
+    //
+    //     "buffering"   a boolean, or what JSOM::booleanValue() takes for one (as which it then
+    //                   stands in the tree); does not flush what was buffered
+    //     "default"     the name of a level, for setDefaultLogLevel()
+    //     "level"       the name of a level, for setMasterLogLevel()
+    //     "categories"  an object: the names of loggers, made where there is none, with their
+    //                   levels; applied from the last to the first
+    //     "adapter"     an object with a member "type": installs what the factory of that type
+    //                   makes with this object; standard output where there is no such factory
+    //
+    // A name that is no level, "UNKNOWN" included, changes nothing. While other threads log, each
+    // of their lines sees every setting either as it was or as it becomes.
+    //
+    // loadConfig() reads the configuration from a file. A file that cannot be read or parsed
+    // changes nothing and prints two lines to standard error, the reader's and its own.
+    static void useConfig(const JSOM& config);
+    static void loadConfig(const char* path);
 
   private:
     void vlogIfAdmitted(int number, const char* fmt, va_list args)
