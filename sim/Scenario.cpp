@@ -5,16 +5,16 @@
 #include <cstring>
 #include <fstream>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "json/JSOM.h"
 #include "sim/ErrnoName.h"
 #include "sim/Request.h"
 
 namespace diagsim {
 namespace {
 
-using Json = nlohmann::json;
+using tavrik::JSOM;
 
 constexpr int64_t kHourMs = 3600 * 1000;
 constexpr int64_t kMinuteUs = 60 * 1000 * 1000;
@@ -32,96 +32,93 @@ std::string join(const std::vector<std::string>& words) {
 // One JSON object. Every key that is asked for counts as known; finish() refuses the others.
 class Section {
   public:
-    Section(const Json& value, std::string where, const std::string& file)
+    Section(const JSOM& value, std::string where, const std::string& file)
         : value_(value), where_(std::move(where)), file_(file) {
-        if (!value.is_object()) fail("in " + where_ + ": expected an object");
+        if (!value.isObject()) fail("in " + where_ + ": expected an object");
     }
 
     void flag(const char* key, bool& out) {
-        const Json* const found = take(key);
-        if (found == nullptr) return;
-        if (!found->is_boolean()) fail(place(key) + ": expected true or false");
-        out = found->get<bool>();
+        const JSOM found = take(key);
+        if (!found.hasNode()) return;
+        if (!found.isBoolean()) fail(place(key) + ": expected true or false");
+        out = found.booleanValue(false);
     }
 
     template <typename Int>
     void number(const char* key, Int& out, int64_t min, int64_t max) {
-        const Json* const found = take(key);
-        if (found != nullptr) out = static_cast<Int>(toNumber(*found, place(key), min, max));
+        const JSOM found = take(key);
+        if (found.hasNode()) out = static_cast<Int>(toNumber(found, place(key), min, max));
     }
 
     template <typename Int>
     void number(const char* key, std::optional<Int>& out, int64_t min, int64_t max) {
-        const Json* const found = take(key);
-        if (found != nullptr) out = static_cast<Int>(toNumber(*found, place(key), min, max));
+        const JSOM found = take(key);
+        if (found.hasNode()) out = static_cast<Int>(toNumber(found, place(key), min, max));
     }
 
     void hex(const char* key, Bytes& out) {
-        const Json* const found = take(key);
-        if (found != nullptr) out = toHex(*found, place(key));
+        const JSOM found = take(key);
+        if (found.hasNode()) out = toHex(found, place(key));
     }
 
     void hex(const char* key, std::optional<Bytes>& out) {
-        const Json* const found = take(key);
-        if (found != nullptr) out = toHex(*found, place(key));
+        const JSOM found = take(key);
+        if (found.hasNode()) out = toHex(found, place(key));
     }
 
     void errorNumber(const char* key, int& out) {
-        const Json* const found = take(key);
-        if (found == nullptr) return;
-        if (!found->is_string()) {
-            out = static_cast<int>(toNumber(*found, place(key), 1, 4095));
+        const JSOM found = take(key);
+        if (!found.hasNode()) return;
+        if (!found.isString()) {
+            out = static_cast<int>(toNumber(found, place(key), 1, 4095));
             return;
         }
-        out = errnoNumber(found->get<std::string>());
-        if (out == 0) unknownWord(key, *found, errnoNames());
+        out = errnoNumber(found.stringValue());
+        if (out == 0) unknownWord(key, found, errnoNames());
     }
 
     // Index of the key's text in `words`; nothing when the key is absent.
     std::optional<size_t> choice(const char* key, const std::vector<std::string>& words) {
-        const Json* const found = take(key);
-        if (found == nullptr) return std::nullopt;
-        const auto word = found->is_string()
-                              ? std::find(words.begin(), words.end(), found->get<std::string>())
+        const JSOM found = take(key);
+        if (!found.hasNode()) return std::nullopt;
+        const auto word = found.isString()
+                              ? std::find(words.begin(), words.end(), found.stringValue())
                               : words.end();
-        if (word == words.end()) unknownWord(key, *found, join(words));
+        if (word == words.end()) unknownWord(key, found, join(words));
         return static_cast<size_t>(word - words.begin());
     }
 
     // Calls `read` with every element of the list and its place.
     template <typename Read>
     void list(const char* key, Read read) {
-        const Json* const found = take(key);
-        if (found == nullptr) return;
-        if (!found->is_array()) fail(place(key) + ": expected a list");
-        size_t index = 0;
-        for (const Json& element : *found) {
-            read(element, place(key) + '[' + std::to_string(index++) + ']');
-        }
+        const JSOM found = take(key);
+        if (!found.hasNode()) return;
+        if (!found.isArray()) fail(place(key) + ": expected a list");
+        for (int i = 0; i < found.size(); ++i)
+            read(found[i], place(key) + '[' + std::to_string(i) + ']');
     }
 
     // Calls `read` with the object under `key`.
     template <typename Read>
     void section(const char* key, Read read) {
-        const Json* const found = take(key);
-        if (found == nullptr) return;
-        Section inner(*found, place(key), file_);
+        const JSOM found = take(key);
+        if (!found.hasNode()) return;
+        Section inner(found, place(key), file_);
         read(inner);
         inner.finish();
     }
 
-    // The value of `key`, which counts as known from now on; null when it is absent.
-    const Json* take(const char* key) {
+    // The value of `key`, which counts as known from now on; without a node when it is absent.
+    JSOM take(const char* key) {
         known_.push_back(key);
-        const auto found = value_.find(key);
-        return found == value_.end() ? nullptr : &*found;
+        return value_[key];
     }
 
     void finish() const {
-        for (const auto& entry : value_.items()) {
-            if (std::find(known_.begin(), known_.end(), entry.key()) != known_.end()) continue;
-            fail("unknown key \"" + entry.key() + "\" in " + where_ + " (known: " + join(known_) +
-                 ")");
+        for (int i = 0; i < value_.size(); ++i) {
+            const std::string key = value_.key(i);
+            if (std::find(known_.begin(), known_.end(), key) != known_.end()) continue;
+            fail("unknown key \"" + key + "\" in " + where_ + " (known: " + join(known_) + ")");
         }
     }
 
@@ -129,21 +126,20 @@ class Section {
         return where_ == kTop ? key : where_ + '.' + key;
     }
 
-    int64_t toNumber(const Json& value, const std::string& at, int64_t min, int64_t max) const {
+    int64_t toNumber(const JSOM& value, const std::string& at, int64_t min, int64_t max) const {
         const std::string expected = at + ": expected a whole number from " + std::to_string(min) +
                                      " to " + std::to_string(max);
-        if (!value.is_number_integer()) fail(expected);
-        if (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(kMaxWord)) {
+        const int64_t number = value.longValue(0);
+        if (!value.isNumber() || value.doubleValue(0) != static_cast<long double>(number)) {
             fail(expected);
         }
-        const int64_t number = value.get<int64_t>();
         if (number < min || number > max) fail(expected);
         return number;
     }
 
-    Bytes toHex(const Json& value, const std::string& at) const {
+    Bytes toHex(const JSOM& value, const std::string& at) const {
         Bytes bytes;
-        if (!value.is_string() || !parseHex(value.get<std::string>(), bytes)) {
+        if (!value.isString() || !parseHex(value.stringValue(), bytes)) {
             fail(at + ": expected a text of hexadecimal digit pairs");
         }
         return bytes;
@@ -158,12 +154,14 @@ class Section {
     static constexpr const char* kTop = "the scenario";
 
   private:
-    [[noreturn]] void unknownWord(const char* key, const Json& value,
+    [[noreturn]] void unknownWord(const char* key, const JSOM& value,
                                   const std::string& words) const {
-        fail(place(key) + ": unknown value " + value.dump() + " (known: " + words + ")");
+        std::string text;
+        value.toCompactString(text);
+        fail(place(key) + ": unknown value " + text + " (known: " + words + ")");
     }
 
-    const Json& value_;
+    const JSOM value_;
     const std::string where_;
     const std::string& file_;
     std::vector<std::string> known_{};
@@ -204,10 +202,10 @@ void readCompanyFaults(Section& section, Fault& fault) {
     section.number("token", fault.token, kMinInt, kMaxInt);
 }
 
-Fault readFault(const Json& value, const std::string& where, const std::string& file) {
+Fault readFault(const JSOM& value, const std::string& where, const std::string& file) {
     Fault fault;
     Section section(value, where, file);
-    section.list("on", [&](const Json& element, const std::string& at) {
+    section.list("on", [&](const JSOM& element, const std::string& at) {
         fault.on.push_back(static_cast<int>(section.toNumber(element, at, 1, kMaxInt)));
     });
     readAnswerFaults(section, fault);
@@ -221,17 +219,17 @@ Fault readFault(const Json& value, const std::string& where, const std::string& 
 
 void readRequests(Section& section, Scenario& scenario) {
     for (const std::string& key : requestKeys()) {
-        const Json* const found = section.take(key.c_str());
-        if (found == nullptr) continue;
+        const JSOM found = section.take(key.c_str());
+        if (!found.hasNode()) continue;
         std::vector<Fault>& faults = scenario.requests[key];
         const std::string where = section.place(key);
-        if (!found->is_array()) {
-            faults.push_back(readFault(*found, where, section.file()));
+        if (!found.isArray()) {
+            faults.push_back(readFault(found, where, section.file()));
             continue;
         }
-        for (const Json& element : *found) {
-            const std::string at = where + '[' + std::to_string(faults.size()) + ']';
-            faults.push_back(readFault(element, at, section.file()));
+        for (int i = 0; i < found.size(); ++i) {
+            const std::string at = where + '[' + std::to_string(i) + ']';
+            faults.push_back(readFault(found[i], at, section.file()));
         }
     }
 }
@@ -260,7 +258,7 @@ void readDriver(Section& top, Scenario& scenario) {
         s.number("delay_ms", scenario.deinit.delayMs, 0, kHourMs);
     });
     top.number("remote_mask", scenario.remoteMask, 0, 0xFFFF);
-    top.list("at_open", [&](const Json& element, const std::string& at) {
+    top.list("at_open", [&](const JSOM& element, const std::string& at) {
         scenario.atOpen.push_back(top.toHex(element, at));
     });
     top.number("empty_reads", scenario.emptyReads, 0, 100000);
@@ -289,24 +287,26 @@ void readDsp(Section& top, Scenario& scenario) {
     top.section("requests", [&](Section& s) { readRequests(s, scenario); });
 }
 
-// The parser's own message without its bracketed error id.
-std::string plainMessage(const Json::exception& error) {
-    const std::string text = error.what();
-    const size_t bracket = text.find("] ");
-    return bracket == std::string::npos ? text : text.substr(bracket + 2);
+// The tree of the one value that `text` is.
+JSOM readTree(const std::string& text, const std::string& name) {
+    tavrik::JSONData* const node = new tavrik::JSONData;
+    const JSOM tree(node);
+    node->release();
+    const char* position = text.c_str();
+    const bool valid = node->setFromJsonString(position);
+    const size_t rest = static_cast<size_t>(position - text.c_str());
+    if (valid && text.find_first_not_of(" \t\r\n", rest) == std::string::npos) return tree;
+    const auto end = text.begin() + static_cast<std::ptrdiff_t>(rest);
+    throw ScenarioError(name + ": not valid JSON, line " +
+                        std::to_string(1 + std::count(text.begin(), end, '\n')) +
+                        (valid ? ": text behind the end" : ""));
 }
 
 }  // namespace
 
 Scenario Scenario::parse(const std::string& json, const std::string& nameForErrors) {
-    Json value;
-    try {
-        value = Json::parse(json);
-    } catch (const Json::exception& error) {
-        throw ScenarioError(nameForErrors + ": not valid JSON: " + plainMessage(error));
-    }
     Scenario scenario;
-    Section top(value, Section::kTop, nameForErrors);
+    Section top(readTree(json, nameForErrors), Section::kTop, nameForErrors);
     readDriver(top, scenario);
     readDsp(top, scenario);
     top.finish();
