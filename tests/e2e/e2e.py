@@ -259,6 +259,20 @@ class Checker(unittest.TestCase):
             self.assertEqual(len(values), 10, run)
             self.assertEqual(run.errors, "clock-watch: collection did not stop\n" if status else "")
 
+    @unittest.skipIf(EMULATOR, "the wrapper runs one program")
+    def test_the_embedding_example_gets_its_line_and_its_message(self):
+        example = os.path.join(os.path.dirname(CHECKER), "..", "examples", "embed")
+        for config, status in (("embed.json", 0), ("missing.json", 1)):
+            path = os.path.join(HERE, "..", "..", "examples", config)
+            run = subprocess.run([example, path], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.assertEqual(run.returncode, status, run)
+            refusal = "Cannot add event PMU_5 to ADSP PMU, the event limit has been reached."
+            adapter = "adapter: ADSPPM WARN ADSPPM::registerListener: " + refusal
+            self.assertEqual(run.stdout.splitlines().count(adapter), 1 - status, run)
+            self.assertRegex(run.stdout, rf"(?m)^channel serverMessages: .* UTC {refusal}$")
+            self.assertEqual(run.stderr, status * f"JSOM::fromFile(): could not open file '{path}'\n"
+                                                  f"Could not load file `{path}'.\n")
+
     @unittest.skipIf(SLOW, "time is no measure here")
     def test_no_wait_costs_more_than_its_answer_took(self):
         for attempt in range(3):
