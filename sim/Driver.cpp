@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "sim/ErrnoName.h"
+#include "sim/IoctlRecords.h"
 #include "sim/Wire.h"
 
 namespace diagsim {
@@ -13,40 +14,12 @@ namespace {
 constexpr int kUsbMode = 1;
 constexpr int kMemoryMode = 2;
 constexpr int kCallbackMode = 6;
-constexpr uintptr_t kLowestPointer = 4096;  // no page below is ever mapped
 constexpr uint32_t kRemoteProcessors = 9;
 constexpr size_t kTypeSize = 4;
 constexpr size_t kTokenSize = 4;
 
 constexpr const char* kHost = "host";
 constexpr const char* kDriver = "driver";
-
-// The requests of ioctl.
-constexpr unsigned long kRegister = 0;
-constexpr unsigned long kWithdraw = 1;
-constexpr unsigned long kSwitchMode = 7;
-constexpr unsigned long kDelayedResponseId = 8;
-constexpr unsigned long kDeinitialise = 9;
-constexpr unsigned long kRemoteMask = 32;
-constexpr unsigned long kVote = 33;
-constexpr unsigned long kRealTimeStatus = 34;
-
-// The records that clients of the same word size pass to ioctl.
-struct TableRegistration {
-    char name[32];
-    uint32_t count;
-    const void* records;
-};
-struct DelayedResponseRecord {
-    uint8_t* id;
-    uint32_t size;
-    uint32_t* count;
-};
-struct Vote {
-    uint16_t processor;
-    uint8_t vote;
-    uint8_t unused;
-};
 
 template <typename T>
 T readFrom(const void* address) {
@@ -247,9 +220,9 @@ Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
     const std::string call = "ioctl " + std::to_string(request);
     if (gone_) return refuse(call, ENODEV, "");
     switch (request) {
-        case kRegister:
+        case kRegisterTables:
             return registerTables(argument);
-        case kWithdraw:
+        case kWithdrawTables:
             return succeed(call + " withdraw command tables", scenario_.withdrawResult);
         case kSwitchMode:
             return switchMode(argument, now);
@@ -259,7 +232,7 @@ Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
             return deinitialise(now);
         case kRemoteMask:
             return remoteMask(argument);
-        case kVote:
+        case kVoteRealTime:
             return voteRealTime(argument);
         case kRealTimeStatus:
             return realTimeStatus(argument);
@@ -283,7 +256,7 @@ Driver::Result Driver::switchMode(void* argument, Time now) {
     const bool byValue = value < kLowestPointer;
     const std::string call =
         std::string("ioctl 7 logging mode by ") + (byValue ? "value: " : "pointer: ");
-    const int mode = byValue ? static_cast<int>(value) : readFrom<int>(argument);
+    const int mode = byValue ? static_cast<int>(value) : readFrom<LoggingMode>(argument);
     const bool accepted = byValue ? scenario_.modeByValue : scenario_.modeByPointer;
     if (!accepted) {
         return refuse(call + std::to_string(mode), EINVAL, "this form is not taken here");
@@ -341,7 +314,7 @@ Driver::Result Driver::remoteMask(void* argument) {
 Driver::Result Driver::voteRealTime(void* argument) {
     const std::string call = "ioctl 33 real-time vote";
     if (argument == nullptr) return refuse(call, EFAULT, "no record");
-    const auto vote = readFrom<Vote>(argument);
+    const auto vote = readFrom<RealTimeVote>(argument);
     const std::string whole = call + ": processor " + std::to_string(vote.processor) + ", vote " +
                               std::to_string(vote.vote);
     if (vote.processor != 2 || vote.vote > 1) return refuse(whole, EINVAL, "no such vote");

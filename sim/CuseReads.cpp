@@ -1,0 +1,94 @@
+#include "sim/CuseReads.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace diagsim {
+
+CuseReads::CuseReads(int fd) : fd_(fd), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (wake_.get() < 0) throw std::system_error(errno, std::generic_category());
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    thread_ = std::thread([this] { run(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+CuseReads::~CuseReads() {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        closing_ = true;
+        for (const Read& read : waiting_)
+            fuse_reply_err(read.request, EIO);
+        waiting_.clear();
+    }
+    wake();
+    thread_.join();
+}
+
+void CuseReads::add(fuse_req_t request, size_t size, bool waits) {
+    // First, and without the mutex: where the signal came before the request, this calls back.
+    fuse_req_interrupt_func(request, onInterrupt, this);
+    const bool interrupted = fuse_req_interrupted(request) != 0;
+    std::lock_guard<std::mutex> guard(mutex_);
+    const Read read{request, size};
+    if (waiting_.empty() && answer(read)) return;
+    if (interrupted || !waits) {
+        fuse_reply_err(request, interrupted ? EINTR : EAGAIN);
+        return;
+    }
+    waiting_.push_back(read);
+    wake();
+}
+
+void CuseReads::onInterrupt(fuse_req_t request, void* self) {
+    CuseReads& reads = *static_cast<CuseReads*>(self);
+    std::lock_guard<std::mutex> guard(reads.mutex_);
+    const auto found = std::find_if(reads.waiting_.begin(), reads.waiting_.end(),
+                                    [=](const Read& read) { return read.request == request; });
+    if (found == reads.waiting_.end()) return;
+    reads.waiting_.erase(found);
+    fuse_reply_err(request, EINTR);
+}
+
+void CuseReads::run() {
+    for (bool forMessages = false;;) {
+        wait(forMessages);
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (closing_) return;
+        while (!waiting_.empty() && answer(waiting_.front()))
+            waiting_.pop_front();
+        forMessages = !waiting_.empty();
+    }
+}
+
+void CuseReads::wait(bool forMessages) {
+    pollfd ends[] = {{wake_.get(), POLLIN, 0}, {fd_, POLLIN, 0}};
+    poll(ends, forMessages ? 2 : 1, -1);
+    eventfd_t ignored;
+    eventfd_read(wake_.get(), &ignored);
+}
+
+bool CuseReads::answer(const Read& read) {
+    message_.resize(read.size);
+    const ssize_t length = recv(fd_, message_.data(), message_.size(), MSG_DONTWAIT);
+    if (length < 0 && (errno == EAGAIN || errno == EINTR)) return false;
+    if (length < 0) {
+        fuse_reply_err(read.request, errno);
+    } else {
+        fuse_reply_buf(read.request, message_.data(), static_cast<size_t>(length));
+    }
+    return true;
+}
+
+void CuseReads::wake() { eventfd_write(wake_.get(), 1); }
+
+}  // namespace diagsim
