@@ -379,8 +379,7 @@ TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {
     cycle(cycles - 10);
     EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_TRUE(threadsComeTo(threads));
-    // A sanitizer keeps freed memory for its own purposes, and finds leaks by other means.
-    if (!sanitized) {
+    if (memoryIsOurs()) {
         EXPECT_LE(processStatus("VmRSS:"), resident + 256);
     }
 }

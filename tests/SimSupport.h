@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -137,6 +138,9 @@ inline long processStatus(const std::string& key) {
     status >> value;
     return value;
 }
+// Whether that memory tells about the code under test: a sanitizer keeps what was freed (and finds
+// leaks by other means), an emulator has its own.
+inline bool memoryIsOurs() { return !sanitized && getenv("TESTS_EMULATED") == nullptr; }
 inline long runningThreads() { return processStatus("Threads:"); }
 
 // Tries until the condition holds; for what the system does in its own time.

@@ -1,0 +1,148 @@
+// What only a true character device can show: run as root on a machine where diagsimd serves
+// /dev/diag, knows processors 1 and 3, and sends `longest` bytes behind its masks.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "diag/DIAG.h"
+#include "diag_lsm/diag_lsm.h"
+#include "diag_lsm/diag_lsm_pkt.h"
+
+namespace {
+
+constexpr size_t longest = 100000;
+
+int entriesOf(const char* directory) {
+    DIR* const dir = opendir(directory);
+    int count = 0;
+    while (readdir(dir) != nullptr)
+        ++count;
+    closedir(dir);
+    return count;
+}
+int descriptors() { return entriesOf("/proc/self/fd"); }
+int threads() { return entriesOf("/proc/self/task"); }
+
+// The node without the client library around it, at first with the masks unread.
+class Node : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_GE(node = open("/dev/diag", O_RDWR | O_CLOEXEC), 0); }
+    void TearDown() override { close(node); }
+
+    ssize_t readMessage() { return read(node, buffer, sizeof buffer); }
+    void skipMasksAndLongBuffer() {
+        for (int i = 0; i < 4; ++i)
+            ASSERT_GT(readMessage(), 0);
+    }
+
+    int node = -1;
+    unsigned char buffer[128 * 1024] = {};
+};
+
+TEST_F(Node, GivesEachMessageWithOneRead) {
+    for (const ssize_t mask : {12, 16, 8})
+        EXPECT_EQ(readMessage(), mask);
+    EXPECT_EQ(readMessage(), static_cast<ssize_t>(longest));
+    EXPECT_EQ(open("/dev/diag", O_RDWR), -1);
+    EXPECT_EQ(errno, EBUSY);
+}
+
+TEST_F(Node, ASignalInterruptsAReadAndLosesNothing) {
+    skipMasksAndLongBuffer();
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR2, &action, nullptr);
+    std::atomic<bool> ended{false};
+    int error = 0;
+    std::thread reader([&] {
+        error = readMessage() < 0 ? errno : 0;
+        ended = true;
+    });
+    // A signal in front of the read is lost, so one is not enough.
+    while (!ended) {
+        pthread_kill(reader.native_handle(), SIGUSR2);
+        poll(nullptr, 0, 1);
+    }
+    reader.join();
+    EXPECT_EQ(error, EINTR);
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_DEINIT), 1);
+    EXPECT_EQ(readMessage(), 4);
+    EXPECT_EQ(buffer[0], DIAG_TYPE_DEINIT);
+}
+
+TEST_F(Node, TakesIoctlsByValueAndByPointer) {
+    int mode = DIAG_MODE_CALLBACK;
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_SWITCH_LOGGING, &mode), 1);
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_SWITCH_LOGGING, DIAG_MODE_USB), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_SWITCH_LOGGING, 0x1000), -1);
+    EXPECT_EQ(errno, EFAULT);
+
+    uint16_t id = 0;
+    uint32_t count = 0;
+    struct {
+        uint16_t* id;
+        uint32_t size;
+        uint32_t* count;
+    } record{&id, sizeof id, &count};
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_DELAYED_RSP_ID, &record), 0);
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_DELAYED_RSP_ID, &record), 0);
+    EXPECT_GE(id, 2);
+    EXPECT_EQ(count, sizeof id);
+
+    uint16_t mask = 0;
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_REMOTE_DEVICES, &mask), 1);
+    EXPECT_EQ(mask, 5);
+    int status = 0;
+    EXPECT_EQ(ioctl(node, DIAG_IOCTL_REAL_TIME_STATUS, &status), 0);
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(ioctl(node, 77, 0), -1);
+    EXPECT_EQ(errno, ENOTTY);
+}
+
+TEST_F(Node, AWriteReturnsWhatTheDriverReplies) {
+    int mode = DIAG_MODE_CALLBACK;
+    ASSERT_EQ(ioctl(node, DIAG_IOCTL_SWITCH_LOGGING, &mode), 1);
+    const unsigned char request[] = {128, 0, 0, 0, 0x60, 0x00};
+    EXPECT_EQ(write(node, request, sizeof request), 0);
+    EXPECT_EQ(write(node, request, 3), -1);
+    EXPECT_EQ(errno, EINVAL);
+}
+
+TEST(ClientLibrary, TheLastMessageEndsItsReader) {
+    ASSERT_EQ(Diag_LSM_Init(nullptr), 1);
+    EXPECT_EQ(threads(), 2 + 2);  // with . and ..
+    EXPECT_EQ(diag_vote_md_real_time(1), 0);
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
+    EXPECT_EQ(threads(), 2 + 1);
+    EXPECT_EQ(fd, -1);
+}
+
+TEST(ClientLibrary, TwoHundredCyclesLeaveNothingBehind) {
+    struct Ignoring : tavrik::DIAG::LogListener {
+        void onLog(const unsigned char*) override {}
+    } listener;
+    tavrik::DIAG* const diag = tavrik::DIAG::instance();
+    int before = 0;
+    for (int cycle = 0; cycle < 200; ++cycle) {
+        ASSERT_TRUE(diag->registerLogListener(0x1645, &listener)) << cycle;
+        ASSERT_TRUE(diag->unregisterLogListener(0x1645, &listener)) << cycle;
+        if (cycle == 0) before = descriptors();
+    }
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_EQ(threads(), 2 + 1);
+}
+
+}  // namespace
