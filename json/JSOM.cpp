@@ -69,9 +69,16 @@ JSOM::~JSOM() {
 
 JSOM& JSOM::operator=(const JSOM& other) {
     if (&other == this || !other.hasNode()) return *this;
-    if (!needNode("operator[](int32_t)")) return errorHandle();
-    held->copy(*other.held);
-    return *this;
+    return takeCopy("operator[](int32_t)", *other.held) ? *this : errorHandle();
+}
+
+bool JSOM::takeCopy(const char* operation, const JSONData& original) {
+    // First the clone: making the node may change what it is to be a copy of.
+    JSONData* const fresh = original.clone();
+    const bool good = needNode(operation);
+    if (good) held->swap(*fresh);
+    fresh->release();
+    return good;
 }
 
 bool JSOM::operator==(const JSOM& other) const {
@@ -111,11 +118,21 @@ JSOM JSOM::byKey(const char* operation, const char* key) {
 
 JSOM JSOM::byKey(const char* operation, const std::string& key) {
     if (!hasNode()) {
+        const std::string copy(key);  // making the node may free it
         if (!makeInfoNode(operation)) return errorHandle();
         held->setObject();
+        return JSOM(held, copy);
     }
     JSONData* const found = held->getByKey(key);
     return found != nullptr ? JSOM(found, held) : JSOM(held, key);
+}
+
+JSOM JSOM::looked() const {
+    if (parent == nullptr || hasNode()) return *this;
+    JSONData* const there = kind == PENDING_INDEX ? parent->getByIndex(pendingIndex)
+                            : kind == NOTHING     ? nullptr
+                                                  : parent->getByKey(pendingKey);
+    return there != nullptr ? JSOM(there, parent) : *this;
 }
 
 JSOM JSOM::byIndex(const char* operation, int i) {
@@ -151,11 +168,13 @@ void JSOM::setBoolean(bool value) {
 }
 
 void JSOM::setString(const char* value) {
-    if (needNode("setString(char *)")) held->setString(value);
+    const std::string copy(value != nullptr ? value : "");  // making the node may free it
+    if (needNode("setString(char *)")) held->setString(copy);
 }
 
 void JSOM::setString(const std::string& value) {
-    if (needNode("setString(string &)")) held->setString(value);
+    const std::string copy(value);
+    if (needNode("setString(string &)")) held->setString(copy);
 }
 
 namespace {
@@ -221,10 +240,9 @@ const char* JSOM::stringValuePtr(const char* def) const {
 }
 
 void JSOM::copy(const JSOM& other) {
-    if (!needNode("copy()")) return;
     if (other.hasNode()) {
-        held->copy(*other.held);
-    } else {
+        takeCopy("copy()", *other.held);
+    } else if (needNode("copy()")) {
         held->setBoolean(false);
     }
 }
@@ -254,8 +272,10 @@ void JSOM::toCompactString(std::string& out, int precision) const {
 }
 
 JSOM& JSOM::parse(const char* operation, const char* text) {
-    if (text == nullptr || !needNode(operation)) return errorHandle();
-    return held->setFromJsonString(text) ? *this : errorHandle();
+    if (text == nullptr) return errorHandle();
+    const std::string copy(hasNode() ? "" : text);  // making the node may free it
+    const char* position = hasNode() ? text : copy.c_str();
+    return needNode(operation) && held->setFromJsonString(position) ? *this : errorHandle();
 }
 
 JSOM& JSOM::fromString(const char* text) { return parse("fromString()", text); }
@@ -372,7 +392,8 @@ void JSOM::_expandString(JSOM& text) {
         const size_t end = begin != std::string::npos ? in.find('}', begin) : std::string::npos;
         if (end == std::string::npos) break;
         const std::string name = in.substr(begin + 2, end - begin - 2);
-        const char* const value = name.empty() ? nullptr : getenv(name.c_str());
+        const bool valid = !name.empty() && name.find('\0') == std::string::npos;
+        const char* const value = valid ? getenv(name.c_str()) : nullptr;
         out.append(in, done, begin - done);
         out += value != nullptr ? value : in.substr(begin, end + 1 - begin);
         done = end + 1;

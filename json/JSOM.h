@@ -57,8 +57,9 @@ class JSOM {
     bool operator!=(const JSOM& other) const { return !(*this == other); }
 
     // Handles on a member or element. A handle without a node gets one first, an object or array,
-    // in its place; a const one then still views the empty place. An index of -1 is the place
-    // behind the last element. JERROR, with a line printed, for a null key, any other index beyond
+    // in its place, in which it replaces what has come there meanwhile; not so a const one, which
+    // looks there first and stays as it is. An index of -1 is the place behind the last element.
+    // JERROR, with a line printed, for a null key, any other index beyond
     // the end, and where no node can be made.
     JSOM operator[](const char* key) { return byKey("operator[](char *)", key); }
     JSOM operator[](const std::string& key) { return byKey("operator[](string &)", key); }
@@ -66,12 +67,12 @@ class JSOM {
     JSOM at(const char* key) { return byKey("at(char *)", key); }
     JSOM at(const std::string& key) { return byKey("at(string &)", key); }
     JSOM at(int i) { return byIndex("at(int32_t)", i); }
-    JSOM operator[](const char* key) const { return JSOM(*this)[key]; }
-    JSOM operator[](const std::string& key) const { return JSOM(*this)[key]; }
-    JSOM operator[](int i) const { return JSOM(*this)[i]; }
-    JSOM at(const char* key) const { return JSOM(*this).at(key); }
-    JSOM at(const std::string& key) const { return JSOM(*this).at(key); }
-    JSOM at(int i) const { return JSOM(*this).at(i); }
+    JSOM operator[](const char* key) const { return looked()[key]; }
+    JSOM operator[](const std::string& key) const { return looked()[key]; }
+    JSOM operator[](int i) const { return looked()[i]; }
+    JSOM at(const char* key) const { return looked().at(key); }
+    JSOM at(const std::string& key) const { return looked().at(key); }
+    JSOM at(int i) const { return looked().at(i); }
 
     // Whether there is a node, of whatever type.
     bool hasNode() const { return node() != nullptr; }
@@ -161,6 +162,10 @@ class JSOM {
     // Makes a node in this handle's place. False, with a line printed, when there is none.
     bool makeInfoNode(const char* operation);
     bool needNode(const char* operation) { return node() != nullptr || makeInfoNode(operation); }
+    // This handle, or one on the node that its place has got meanwhile.
+    JSOM looked() const;
+    // Makes the node a deep copy of `original`. False, with a line printed, when there is no place.
+    bool takeCopy(const char* operation, const JSONData& original);
     JSOM byKey(const char* operation, const char* key);
     JSOM byKey(const char* operation, const std::string& key);
     JSOM byIndex(const char* operation, int i);

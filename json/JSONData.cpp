@@ -24,7 +24,7 @@ void JSONData::setType(int newType) {
     if (type == newType) return;
     reset();
     type = static_cast<uint16_t>(newType);
-    switch (newType) {
+    switch (type) {
         case OBJECT:
             value.members = new std::vector<entry*>;
             break;
@@ -265,11 +265,11 @@ void JSONData::copyShallow(const JSONData& other) {
 void JSONData::copy(const JSONData& other) {
     // First the clone: what this node gives up may hold `other`.
     JSONData* const fresh = other.clone();
-    swapContent(*fresh);
+    swap(*fresh);
     fresh->release();
 }
 
-void JSONData::swapContent(JSONData& other) {
+void JSONData::swap(JSONData& other) {
     std::swap(type, other.type);
     std::swap(value, other.value);
 }
@@ -310,12 +310,12 @@ void usePoint(std::string& number) {
     number.replace(mark, digits - mark, ".");
 }
 
+// No double has more decimal places than this; the rest would be zeros, which are cut.
+constexpr int mostPlaces = 1074;
+
 std::string formatDouble(double value, int precision) {
-    // No double has more decimal places than this; the rest would be zeros, which are cut.
-    constexpr int mostPlaces = 1074;
     char digits[1 + 309 + 1 + mostPlaces + 16];
-    snprintf(digits, sizeof digits, "%.*Lf", std::min(precision, mostPlaces),
-             static_cast<long double>(value));
+    snprintf(digits, sizeof digits, "%.*Lf", precision, static_cast<long double>(value));
     std::string text(digits);
     usePoint(text);
     return text;
@@ -339,8 +339,9 @@ void JSONData::appendStringValue(std::string& out, int precision) const {
         default:
             return;
     }
-    std::string text = formatDouble(value.real, precision);
-    if (static_cast<long long>(text.size()) > precision + 1LL) {
+    const int places = std::min(precision, mostPlaces);
+    std::string text = formatDouble(value.real, places);
+    if (static_cast<int>(text.size()) > places + 1) {
         while (text.size() > 1 && text.back() == '0')
             text.pop_back();
         if (text.back() == '.') text.pop_back();
@@ -348,7 +349,8 @@ void JSONData::appendStringValue(std::string& out, int precision) const {
     out += text;
 }
 
-void JSONData::quoteJsonString(const std::string& in, std::string& out) {
+void JSONData::quoteJsonString(const std::string& in_, std::string& out) {
+    const std::string in(in_);  // may be `out`
     out += '"';
     for (const char character : in) {
         switch (character) {

@@ -108,6 +108,9 @@ class JSONData {
     // Becomes a deep copy of `other`, which may be this node, one above it or one below it.
     void copy(const JSONData& other);
 
+    // Exchanges type and content with another node; each keeps its holders.
+    void swap(JSONData& other);
+
     // Parse one value from a text or a stream into this node, up to the end of that value; what
     // stands behind it is not looked at. A text ends at its first zero byte. An object or array is
     // parsed into the object or array that is there: members and elements accumulate.
@@ -166,7 +169,6 @@ class JSONData {
     // Appends a member or element whose reference passes to this node.
     void adopt(const std::string& key, JSONData* child);
     void adopt(JSONData* child) { value.elements->push_back(child); }
-    void swapContent(JSONData& other);
     // Moves the children, with their references, behind those in `children`; none are left here.
     void moveChildrenTo(std::vector<JSONData*>& children);
     static void releaseAll(std::vector<JSONData*>& children);

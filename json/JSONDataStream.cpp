@@ -19,20 +19,26 @@ class StreamSource {
     explicit StreamSource(std::istream& stream) : in(stream), ended(!stream.good()) {}
 
     int peek() {
+        if (undone) return taken;
         if (ended) return 0;
         const std::istream::int_type next = in.peek();
         ended = next == std::istream::traits_type::eof();
         return ended ? 0 : next;
     }
-    void advance() { in.get(); }
+    void advance() { taken = in.get(); }
+    // For those who then take nothing more. A stream that cannot go back loses that character.
     void back() {
+        undone = true;
+        const std::ios::iostate before = in.rdstate();
         in.unget();
-        ended = false;
+        if (in.bad()) in.clear(before);
     }
 
   private:
     std::istream& in;
     bool ended;
+    std::istream::int_type taken = 0;
+    bool undone = false;
 };
 
 }  // namespace

@@ -259,8 +259,11 @@ class JSONData::Parser {
     }
 
     bool readString(JSONData& node) {
-        become(node, STRING);
-        return parseJsonString(source, *node.value.text) || fail("syntax error: invalid string");
+        // Apart from the node's own string, of which the source may be reading.
+        std::string text;
+        const bool good = parseJsonString(source, text);
+        node.setString(text);
+        return good || fail("syntax error: invalid string");
     }
 
     bool open(JSONData& node, Type container) {
@@ -274,7 +277,7 @@ class JSONData::Parser {
     // Sets the type. What the top node held stays alive to the end of the parse: the text that is
     // being parsed may be part of it.
     void become(JSONData& node, Type wanted) {
-        if (node.type != NONE && node.type != wanted) node.swapContent(retired);
+        if (node.type != NONE && node.type != wanted) node.swap(retired);
         node.setType(wanted);
     }
 

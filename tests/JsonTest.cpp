@@ -1,0 +1,300 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "json/JSOM.h"
+
+// A sanitizer's own, where there is one: its reports must not vanish in `printed`.
+extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
+
+namespace tavrik {
+namespace {
+
+// Gives what was printed to standard error since the last time.
+struct StderrCapture {
+    StderrCapture() {
+        const intptr_t before = dup(2);
+        if (__sanitizer_set_report_fd) __sanitizer_set_report_fd(reinterpret_cast<void*>(before));
+        dup2(file, 2);
+    }
+    std::string take() {
+        std::string text(static_cast<size_t>(lseek(file, 0, SEEK_CUR) - taken), '\0');
+        taken += pread(file, &text[0], text.size(), taken);
+        return text;
+    }
+    const int file = memfd_create("stderr", 0);
+    off_t taken = 0;
+} printed;
+
+JSOM parsed(const std::string& text) { return JSOM().fromString(text); }
+std::string compact(const JSOM& handle, int precision = JSOM::defaultPrecision) {
+    std::ostringstream out;
+    out.precision(precision);
+    handle.toStream(out);
+    return out.str();
+}
+
+size_t doublesIn(const JSONData& node) {
+    size_t count = node.getType() == JSONData::DOUBLE ? 1 : 0;
+    for (int i = 0; i < node.length(); ++i)
+        count += doublesIn(*node.getByIndex(i));
+    return count;
+}
+
+std::string describe(JSONData& node, bool good, const char* rest, const std::string& operation) {
+    const std::string head = "JSONData::" + operation + ": syntax error: ";
+    std::string lines = printed.take();
+    if (lines.rfind(head, 0) == 0) lines.erase(0, head.size()).pop_back();
+    const std::string value = compact(JSOM(&node), 1074) + std::string(doublesIn(node), 'd');
+    return value + (good ? '|' + (rest + lines) : '!' + lines);
+}
+
+// What both parsers make of a text: its value, a "d" per double, "|" and the rest or "!" and why.
+std::string read(const std::string& text) {
+    const char* rest = text.c_str();
+    std::istringstream in(text);
+    JSONData node, streamed;
+    const bool good = node.setFromJsonString(rest);
+    const std::string result = describe(node, good, rest, "setFromJsonString()");
+    EXPECT_TRUE(streamed.setFromStream(in) == good && !in.fail());
+    rest = text.c_str() + text.size() - in.rdbuf()->in_avail();
+    EXPECT_EQ(describe(streamed, good, rest, "setFromStream()"), result);
+    return result;
+}
+
+// Tries a table: inputs, "=>" and what `code` makes of each of them. "_" stands for a blank.
+void expectEach(std::string (*code)(const std::string&), const char* table) {
+    std::istringstream words(table);
+    std::vector<std::string> inputs;
+    for (std::string word; words >> word;) {
+        std::replace(word.begin(), word.end(), '_', ' ');
+        inputs.push_back(word);
+        if (inputs.size() < 2 || inputs[inputs.size() - 2] != "=>") continue;
+        for (size_t i = 0; i + 2 < inputs.size(); ++i)
+            EXPECT_EQ(code(inputs[i]), word) << inputs[i];
+        inputs.clear();
+    }
+}
+
+const std::string object = R"({ /* the dialect */ "logging": {"on":true, "limit" : -42 , }, "": "",
+  "twice": {"A": "DEBUG", "": null, "A": "WARN" }/**/, "raw": "tab	and é and // no comment or
+    /* neither */ {[,:]}", "numbers": [0, -0, 007, 12345678901234567890, 0.5, -1.25, 2., -7.00],
+  "escapes" : "\" \\ \/ \b \f \n \r \t \u0041\u00e9\u00C8\uFFFF\u0000.", "a": {"a": {"a": 1.0}},
+  "key \"\u0041\n": [{"b": {"c": [[[["deep"]]]]}}, false], "lists" /**/ : /***/ [[1,2,], // eol
+    [{"x": 1.5, "y": -1.5}, {"x": 3.14159265358979323846264338327950288419, },], /* ** / */ ], })";
+const std::string document = "//\n[" + object + "," + object + "," + object + "," + object + "]";
+
+TEST(JsonTest, ParsersAgreeOnTruncationsAndRandomBytes) {
+    EXPECT_EQ(read(document + "//]x"), read(document) + "//]x");
+    for (size_t size = 0; size < document.size(); ++size)
+        EXPECT_NE(read(document.substr(0, size)).find('!'), std::string::npos) << size;
+    std::mt19937 random(4);
+    for (int i = 0; i < 100000 && !testing::Test::HasFailure(); ++i) {
+        std::string text(random() % 3, '[');
+        for (size_t pieces = random() % 10; pieces > 0; --pieces) {
+            text.append(random() % 8 == 0, static_cast<char>(random()));
+            text.append(random() % 2, "{}[]:,\"\\/*\n 0123-+.eu\xFF"[random() % 23]);
+            text.append(document, random() % document.size(), random() % 2 * (random() % 16));
+        }
+        read(text);
+    }
+}
+
+using Json = nlohmann::ordered_json;
+// A document that both libraries write alike.
+Json generate(std::mt19937_64& random, bool decimals, int depth = 0) {
+    static const std::string letters = "some \"words\"\\\b\f\n\r\t/{}[]:,'~";
+    const auto word = [&] { return letters.substr(random() % letters.size(), random() % 12); };
+    const size_t kind = depth == 0 ? 4 + random() % 2 : random() % (depth < 7 ? 6 : 4);
+    const int64_t integer = static_cast<int64_t>(random()) >> random() % 64;
+    const Json kinds[] = {nullptr, integer < 0, word(), integer, Json::array(), Json::object()};
+    Json made = kinds[kind];
+    if (kind == 3 && decimals) made = (random() % 200000001 - 1e8) / (random() % 2 == 0 ? 1e4 : 10);
+    for (size_t children = kind >= 4 ? random() % 6 : 0; children > 0; --children)
+        (kind == 4 ? made.emplace_back() : made[word()]) = generate(random, decimals, depth + 1);
+    return made;
+}
+
+TEST(JsonTest, AgreesWithAnotherLibrary) {
+    std::mt19937_64 random(5);
+    for (int i = 0; i < 5000 && !testing::Test::HasFailure(); ++i) {
+        const std::string text = generate(random, i % 2 == 0).dump(i % 5 - 1);
+        const std::string ours = compact(parsed(text));
+        EXPECT_EQ(Json::parse(ours), Json::parse(text)) << text;
+        EXPECT_TRUE(i % 2 == 0 || ours == Json::parse(text).dump()) << text;
+    }
+}
+
+TEST(JsonTest, TextsHaveADepthLimitAndTreesHaveNone) {
+    setenv("ENV", "value", 1);
+    const auto nested = [](size_t depth, const std::string& text) {
+        return std::string(depth, '[') + text + std::string(depth, ']');
+    };
+    pthread_attr_t small;
+    pthread_attr_init(&small);
+    pthread_attr_setstacksize(&small, 1 << 20);
+    ASSERT_EQ(pthread_setattr_default_np(&small), 0);
+    std::thread([&] {
+        for (const char* inner : {"[", "{}", "{\"a\":[]}"})
+            EXPECT_EQ(read(nested(*inner == '[' ? 99999 : 1000, inner)), "[]!nesting too deep");
+        EXPECT_EQ(read(nested(999, "{},[1]")), nested(999, "{},[1]") + '|');
+        std::vector<JSOM> places{parsed("[]")};
+        for (int level = 1; level < 200000; ++level)
+            places.push_back(places.back()[-1]);
+        places.back()[0].setString("${ENV}");
+        for (JSOM top : {places[0], parsed(nested(1000, "\"${ENV}\""))}) {
+            const size_t depth = compact(top).find('$') - 1;
+            JSOM other;
+            std::string text, pretty;
+            top.expandValues();
+            (other = top).toCompactString(text);
+            other.toString(pretty);
+            EXPECT_TRUE(text == nested(depth, "\"value\"") && text == compact(top));
+            EXPECT_EQ(pretty.size(), text.size() + 2 * depth * 51 - 50 * 50);
+        }
+    }).join();
+}
+
+TEST(JsonTest, Grammar) {
+    expectEach(read,
+               R"(nullx /***/nullx => null|x    1e5 18446744073709551617e5 => 1|e5    1.x => 1d|x
+-12 -0012 => -12|    -3.250.5 => -3.25d|.5    1.0000000000000000009 => 1d|    [_] => []|
+9223372036854775808 -9223372036854775808 => -9223372036854775808|    "\u0041\u00C8\/"} => "Ax/"|}
+"\b\f\n\r\t\"\\/" => "\b\f\n\r\t\"\\/"|    [{"a":1,"a":2,},]] => [{"a":1,"a":2}]|]
+_ // //x /* /*/ /*_*_/ => !    / /1 x , : ] } => !missing_value    [,1] [: => []!missing_value
+{"a":} {"a":, => {}!missing_value    {"a": => {}!    nul nulL => !invalid_null_value
+tru falsE => !invalid_boolean_value    +1 - -x --1 -.5 => !invalid_number
+"a "a\ "a\x" "a\u004 "a\u00g0" => "a"!invalid_string    [1, [1,} => [1]!array_not_closed
+[ [} [/ [x => []!array_not_closed    [1} [1_2] [1 [1: => []!array_comma_or_end_expected
+{ {] {x => {}!object_not_closed    {"a":1, => {"a":1}!object_not_closed    {1:2} {, {: =>
+{}!object_key_must_be_a_string    {"a {"\x":1} => {}!invalid_string_for_object_key
+{"a"_1} {"a"} {"a" => {}!object_colon_expected
+{"a":1] {"a":1_"b":2} {"a":1 => {}!object_comma_or_end_expected)");
+    EXPECT_EQ(read("\xFF") + read("\t\r\n1." + std::string(70, '0') + "5"), "!missing value1d|");
+}
+
+TEST(JsonTest, NodesMayBeChangedByWhatTheyHold) {
+    JSONData other, node;
+    JSONData* const child = new JSONData;
+    const std::string text = R"("a quoted text that is too long to stand in a string object")";
+    child->setString(text);
+    for (int i = 0; i < 70000; ++i)
+        node.setByIndex(i, child);
+    child->release();
+    while (node.length() > 1)
+        node.erase(node.length() - 1);
+    node.setByKey("key", child);
+    node.setByIndex(0, node.getByKey("key"));
+    node.setByIndex(2, child);
+    EXPECT_EQ(printed.take(), "JSONData::setByIndex(): index out of range\n");
+    child->copy(node);
+    node.setByKey(*child->getByIndex(0)->stringValue(), &other);
+    other.copy(node);
+    node.copy(other);
+    node.copy(node);
+    EXPECT_EQ(*node.getKeyAtIndex(0), text);
+    for (const std::string& own : {text, "{" + text + ":0}", std::to_string(INT64_MIN)}) {
+        JSOM top(&node);
+        node.setString(own);
+        top[0].setString(top.stringValuePtr(""));
+        node.setString(*node.getByIndex(0)->stringValue());
+        EXPECT_EQ(compact(top.fromString(top.stringValuePtr(""))), own);
+        node.setString(own);
+        EXPECT_EQ(compact(top[0].fromString(top.stringValuePtr(""))), own);
+        top[0].setString(own);
+        EXPECT_EQ(compact(top.fromString(top[0].stringValuePtr(""))), own);
+    }
+}
+
+TEST(JsonTest, AssignmentCopiesWithinATree) {
+    JSOM top = parsed(R"({"a":0,"a":{"b":[1]}})");
+    top["a"]["b"] = top;
+    top = top["a"]["b"]["a"];
+    top["b"][0] = top["b"];
+    top["b"] = top["none"];
+    top["c"] = top;
+    top["c"]["b"].copy(top["none"]["none"]);
+    EXPECT_EQ(compact(top), R"({"b":[[1]],"c":{"b":false},"none":{}})");
+    top.erase("c");
+    JSOM place = parsed("{}")[std::string("a key that is gone when it is used")], twin = place;
+    twin.setLong(1);
+    EXPECT_EQ(compact(place = top["b"].fromString("[2]")), "[[1],2]");
+}
+
+TEST(JsonTest, FailuresPrintOneLineAndYieldTheError) {
+    const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
+    const char *const path = file.c_str(), *const null = nullptr;
+    JSONData node;
+    JSOM list = parsed("[1,2]"), none(static_cast<JSONData*>(nullptr)), lost(nullptr, &node);
+    const int unused = dup(2);
+    std::istringstream in("[");
+    std::istream closed(nullptr);
+    EXPECT_TRUE(close(unused) == 0 && mkfifo(path, 0600) == 0 && !list.toFile("/"));
+    for (const JSOM& result : {(JSOM::JERROR = list), list.fromFile("/"), list.fromFile("/none"),
+                               list.fromFile(path), list[5], list.at(-2), list[null], none.at(file),
+                               lost.at("a"), list.fromString(null), list.fromStream(in)})
+        EXPECT_TRUE(result == JSOM::JERROR && !(result != JSOM::JERROR));
+    for (const JSOM& other :
+         {list, none, lost, list[2], JSOM(), JSOM::BLANK, list.fromStream(closed)})
+        EXPECT_FALSE(other == JSOM::JERROR || JSOM::JERROR == other || other != other);
+    JSOM::JERROR.setString("");
+    EXPECT_EQ(
+        printed.take(),
+        "JSOM::toFile(): could not write file\nJSOM::operator[](int32_t): null reference error\n"
+        "JSOM::fromFile(): could not read file\nJSOM::fromFile(): could not open file '/none'\n"
+        "JSOM::fromFile(): could not read file\nJSOM::operator[](int32_t): index out of bounds\n"
+        "JSOM::at(int32_t): index out of bounds\nJSOM::operator[](char *): null key pointer\n"
+        "JSOM::at(string &): null reference error\nJSOM::at(char *): internal error, no info\n"
+        "JSONData::setFromStream(): syntax error: array not closed\n"
+        "JSOM::setString(char *): null reference error\n");
+    EXPECT_TRUE(unlink(path) == 0 && none.toFile(path) && list.fromFile(path) == JSOM::JERROR);
+    EXPECT_TRUE(list.toFile(path) && compact(JSOM().fromFile(path)) == "[1,2]");
+    EXPECT_EQ(list["a"].stringValue("d") + compact(list[-1]) + compact(list), "d[1,2]");
+    EXPECT_TRUE(dup(2) == unused && unlink(path) == 0);
+}
+
+TEST(JsonTest, ValuesAreReadAndWritten) {
+    setenv("ENV", "${HOME}", 1);
+    // As number, decimal, boolean with either default, and string; what then stands in the tree.
+    const auto readings = [](const std::string& text) {
+        std::ostringstream out;
+        JSOM node = parsed(text);
+        node.expandValues();
+        out << node.longValue(7) << ' ' << node.doubleValue(7.5) << ' ' << node.booleanValue(false);
+        out << node.booleanValue(true) << ' ' << node.stringValue("d") << ' ' << compact(node);
+        return out.str();
+    };
+    expectEach(readings,
+               R"(12 => 12_12_11_d_12    -1.5 => -1_-1.5_11_d_-1.5    0.5 => 0_0.5_00_d_0.5
+true => 1_1_11_true_true    null => 7_7.5_01_d_null    [1] => 7_7.5_01_d_[1]    "" => 7_7.5_01__""
+"-12" => -12_-12_01_-12_"-12"    "1.25" => 7_1.25_01_1.25_"1.25"    "12a" => 7_7.5_01_12a_"12a"
+"TRUE" "Yes" "on" "t" "y" => 7_7.5_11_true_true    "oFF" "F" "n" => 7_7.5_00_false_false
+"1" => 1_1_11_true_true    "0" => 0_0_00_false_false    "no" => 7_7.5_01_no_"no"
+[{"${ENV}":"$${ENV}${NO}${}${ENV"}] => 7_7.5_01_d_[{"${ENV}":"$${HOME}${NO}${}${ENV"}])");
+    // The precision and the number; its text and integer part.
+    const auto written = [](const std::string& text) {
+        JSOM number;
+        number.setDouble(std::stod(text.substr(text.find(' '))));
+        return compact(number, std::stoi(text)) + ' ' + std::to_string(number.longValue(7));
+    };
+    expectEach(written, R"( 0_100 => 1_100    0_-0.3 => -_0    0_5 => 5_5    4_1e-5 => 0_0
+4_1.23456 => 1.2346_1    4_2 => 2_2    1_100 => 100_100    -9_0.5 5000_0.5 2147483647_0.5 => 0.5_0
+4_nan => nan_0    4_1e19 => 10000000000000000000_9223372036854775807
+-1_-1e19 => -10000000000000000000_-9223372036854775808)");
+    EXPECT_EQ(std::stod(written("1074 1e300")), 1e300);
+    std::string pretty = "appended: ";
+    parsed(R"({"a":[1,2],"b":[],"c":{}})").toString(pretty);
+    EXPECT_EQ(pretty, "appended: {\n \"a\": [\n  1,\n  2\n ],\n \"b\": [\n ],\n \"c\": {\n }\n}");
+}
+
+}  // namespace
+}  // namespace tavrik
