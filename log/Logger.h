@@ -19,8 +19,8 @@ class LogAdapter;
 // Threads: every operation may be called on any thread, before main and while the process exits.
 // Lines stay whole. Only getLogger(), visitLoggers() and configuring take a lock, the registry's
 // own, after which only the short ones inside LogLevel follow; logging itself takes none, so it may
-// be done under any lock. Ownership: loggers made by getLogger() belong to the
-// registry and are never deleted.
+// be done under any lock. Ownership: loggers made by getLogger() belong to the registry and are
+// never deleted.
 //
 // Nothing is ever reported as a failure; results are those of printf, fflush or the adapter.
 class Logger {
@@ -108,7 +108,8 @@ class Logger {
     // of their lines sees every setting either as it was or as it becomes.
     //
     // loadConfig() reads the configuration from a file. A file that cannot be read or parsed
-    // changes nothing and prints two lines to standard error, the reader's and its own.
+    // changes nothing and prints two lines to standard error, the reader's and its own (of an empty
+    // file the reader says nothing).
     static void useConfig(const JSOM& config);
     static void loadConfig(const char* path);
 

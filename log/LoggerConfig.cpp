@@ -46,7 +46,8 @@ void Logger::useConfig(const JSOM& config) {
 
 void Logger::loadConfig(const char* path) {
     JSOM config;
-    if (config.fromFile(path) == JSOM::JERROR) {
+    // By address, because JERROR is not there yet for a static initialiser.
+    if (&config.fromFile(path) != &config) {
         fprintf(stderr, "Could not load file `%s'.\n", path != nullptr ? path : "");
         return;
     }

@@ -20,7 +20,8 @@ class MetricRegistry {
         virtual ~Visitor() = default;
 
         // Returns true to end the walk. Called with the registry's lock held: must not add or
-        // remove metrics, nor look triggers up, nor wait for a thread that does.
+        // remove metrics, nor look triggers up, nor post server messages, nor wait for a thread
+        // that does.
         virtual bool visitMetric(Metric* metric) = 0;
     };
 

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tavrik {
@@ -46,6 +47,7 @@ class VectorMap {
     }
 
     void append(const std::string& name, T* value) {
+        values.reserve(values.size() + 1);  // so that both grow or neither
         names.push_back(name);
         values.push_back(value);
     }
@@ -63,8 +65,7 @@ class VectorMap {
         if (i == NONE) {
             append(name, value);
         } else if (values[i] != value) {
-            delete values[i];
-            values[i] = value;
+            delete std::exchange(values[i], value);
         }
     }
 

@@ -41,12 +41,12 @@ class BufferBase : public Buffer {
     void copy(const Buffer& other) override {
         const BufferBase* const source = dynamic_cast<const BufferBase*>(&other);
         if (source == nullptr) return;
+        if (source->count > reserveSize) {
+            entries.reset(new T[source->count]);
+            reserveSize = source->count;
+        }
         count = source->count;
         start = 0;
-        if (count > reserveSize) {
-            entries.reset(new T[count]);
-            reserveSize = count;
-        }
         for (uint32_t i = 0; i < count; ++i)
             entries[i] = source->entries[i];
     }

@@ -17,7 +17,7 @@ namespace tavrik {
 // Threads: reserve(), release(), setDescription() and publish() are called on whatever thread uses
 // the channel. The other three are called on the thread that changes the ChannelList, with the
 // list's lock held: they must neither use the list nor post server messages. The same holds for
-// the channel's destructor.
+// the destructor wherever the list may be the last to hold the channel.
 class Channel : public SelfDestructingResource {
   public:
     // The list has unlisted this channel.

@@ -38,7 +38,7 @@ class ChannelList : public VectorMap<Channel> {
         EXCLUDES(Instance()->lock);
 
     // Visits the channels from the last listed to the first; see VectorMap::Visitor. The first
-    // result other than 0, or 0.
+    // result other than 0, or 0. The visitor must neither use the list nor post server messages.
     static int visit(const Visitor& visitor) EXCLUDES(Instance()->lock);
 
     // Call channelAdded() or channelRemoved() of every listed channel that has another name, from

@@ -77,7 +77,9 @@ void SystemErrorMessages::setUpChannel() {
 
 void SystemErrorMessages::add(int code, const std::string& text) { Instance()->post({code, text}); }
 
-void SystemErrorMessages::add(int code, const char* text) { add(code, std::string(text)); }
+void SystemErrorMessages::add(int code, const char* text) {
+    add(code, std::string(text != nullptr ? text : ""));
+}
 
 void SystemErrorMessages::add(int code) {
     add(code, Errors::toAscii(static_cast<unsigned int>(code)));

@@ -363,7 +363,7 @@ TEST_F(Session, ARefusedMaskLeavesTheListener) {
 }
 
 TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {
-    constexpr int cycles = sanitized ? 500 : 10000;
+    const int cycles = memoryIsOurs() ? 10000 : 500;
     device().keepTrace(false);
     Log log;
     const auto cycle = [&](int count) {

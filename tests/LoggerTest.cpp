@@ -13,8 +13,9 @@
 #include <utility>
 #include <vector>
 
-#include "log/LogAdapter.h"
+#include "log/LogAdapterStore.h"
 #include "log/Logger.h"
+#include "log/Time.h"
 
 namespace tavrik {
 namespace {
@@ -61,6 +62,23 @@ class Recorder : public LogAdapter {
     std::string lines;
 };
 
+struct Factory : LogAdapterFactory {
+    explicit Factory(LogAdapter* made_) : made(made_) {}
+    ~Factory() override { told = "gone"; }
+    LogAdapter* create(const JSOM& config) override {
+        return config.toCompactString(told = Logger::getMasterLogLevel()->getName()), made;
+    }
+    LogAdapter* const made;
+    static inline std::string told;
+};
+
+void configure(const std::string& text) {
+    const int fd = memfd_create("config", 0);
+    dprintf(fd, "%s", text.c_str());
+    Logger::loadConfig(("/proc/self/fd/" + std::to_string(fd)).c_str());
+    close(fd);
+}
+
 void logAtEveryLevel(Logger& logger) {
     logger.errorf("%d", 2);
     logger.warnf("%d", 3);
@@ -85,7 +103,8 @@ TEST(LoggerTest, LevelsAreFoundByNameAndNumber) {
 
 // In a process of its own that starts anew, since this is about the first logger of a process.
 TEST(LoggerTest, MasterLevelIsInfoBeforeTheFirstLoggerAndAllAfterIt) {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    // An emulator cannot start itself anew; but ctest has just started it.
+    testing::FLAGS_gtest_death_test_style = getenv("TESTS_EMULATED") ? "fast" : "threadsafe";
     const auto check = [] {
         const bool before = Logger::getMasterLogLevel() == LogLevel::valueOf("INFO") &&
                             Logger::getDefaultLogLevel() == LogLevel::LVL_INFO;
@@ -134,7 +153,7 @@ TEST(LoggerTest, BothTheLoggerAndTheMasterLevelFilterWhatAnAdapterGets) {
 
 TEST(LoggerTest, LineHasLocalTimeMillisecondsNameLevelAndMessage) {
     const auto now = [] {
-        const time_t seconds = time(nullptr);
+        const time_t seconds = static_cast<time_t>(getNow());  // time() may lag behind
         char text[80];
         strftime(text, sizeof text, "%b %d %H:%M:%S", localtime(&seconds));
         return std::string(text);
@@ -161,35 +180,77 @@ TEST(LoggerTest, BufferedLinesWaitForAFlush) {
     EXPECT_NE(outputOf([&] { log(), Logger::flushAll(); }), "");
     EXPECT_NE(outputOf([&] { log(), Logger::disableBuffering(); }), "");
     EXPECT_NE(outputOf([&] { Logger::disableBuffering(), log(); }), "");
+    EXPECT_EQ(outputOf([&] { log(), configure(R"({"buffering": "off"})"); }), "");
+    EXPECT_NE(outputOf([&] { configure(R"({"buffering": false})"), log(); }), "");
+    EXPECT_EQ(outputOf([&] { configure(R"({"buffering": "no"})"), log(); }), "");
 }
 
-TEST(LoggerTest, LevelsChangeWhileOthersLog) {
-    struct Counter : LogAdapter {
-        int log(const LogLevel&, const std::string&, const char*, bool) override { return ++lines; }
-        int log(const LogLevel&, const std::string&, const std::string&, bool) override {
-            return ++lines;
-        }
-        int flush() override { return 0; }
-        std::atomic<int> lines{0};
-    } counter;
-    Logger::setLogAdapter(&counter);
+struct Counter : LogAdapter {
+    int log(const LogLevel& level, const std::string&, const char* text, bool) override {
+        return lines += level.getName() == text ? 1 : 10000;
+    }
+    int log(const LogLevel&, const std::string&, const std::string&, bool) override { return 0; }
+    int flush() override { return 0; }
+    std::atomic<int> lines{0};
+};
+
+TEST(LoggerTest, LevelsAndAdapterChangeWhileOthersLog) {
+    Counter a, b;
+    LogAdapterStore::addFactory("a", new Factory(&a));
+    LogAdapterStore::addFactory("b", new Factory(&b));
+    std::atomic<int> applied{0};
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread)
-        threads.emplace_back([thread] {
+        threads.emplace_back([thread, &applied] {
             for (int i = 0; i < 1000; ++i) {
+                while (applied <= i / 10)
+                    std::this_thread::yield();
                 Logger* const logger = Logger::getLogger("race " + std::to_string(i % 10));
-                logger->errorf("%d", i);
+                logger->errorf("ERROR");
+                Logger::getLogger("q")->debugf("never admitted");
                 logger->setLevel(*LogLevel::valueOf(i % 3 == 0 ? "WARN" : "ALL"));
                 Logger::setMasterLogLevel(*LogLevel::valueOf(2 + (i + thread) % 5));
                 const LogLevel copy = *Logger::getMasterLogLevel();
                 EXPECT_EQ(copy.getName(), LogLevel::valueOf(copy.getLevel())->getName());
             }
         });
+    for (; applied < 100; ++applied) {
+        configure(R"({"level": "ERROR", "categories": {"q": "INFO"}, "adapter": {"type": "b"}})");
+        configure(R"({"level": "ALL", "categories": {"q": "WARN"}, "adapter": {"type": "a"}})");
+    }
     for (std::thread& thread : threads)
         thread.join();
     Logger::setLogAdapter(nullptr);
-    Logger::setMasterLogLevel(*LogLevel::LVL_ALL);
-    EXPECT_EQ(counter.lines, 4000);
+    EXPECT_EQ(a.lines + b.lines, 4000);
+}
+
+TEST(LoggerTest, ConfigurationSetsLevelsAndIgnoresWhatIsNone) {
+    configure(R"({"level": "warn", "categories": {"c": "fatal", "c": "all", "none": "unknown"}})");
+    configure(R"({"default": "Trace"})");
+    configure(R"({"default": "?", "level": "UNKNOWN", "categories": {"c": 7}})");
+    testing::internal::CaptureStderr();
+    Logger::loadConfig("/none");
+    configure(R"({"level": "OFF", ])");
+    const std::regex failures("JS.*: .*\nCould not load file `/none'.\nJS.*: .*\nCould not .*'.\n");
+    EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStderr(), failures));
+    EXPECT_EQ(Logger::getMasterLogLevel()->getName(), "WARN");
+    EXPECT_EQ(Logger::getLogger("c")->getLevel().getName(), "FATAL");     // the first comes last
+    EXPECT_EQ(Logger::getLogger("none")->getLevel().getName(), "TRACE");  // made only now
+}
+
+TEST(LoggerTest, ConfiguredAdapterComesFromTheFactoryOfItsTypeOrGoes) {
+    Recorder recorder;
+    Factory* const factory = new Factory(&recorder);
+    LogAdapterStore::addFactory("r", factory);
+    LogAdapterStore::addFactory("r", factory);
+    for (const char* const adapter : {R"({"type":"r"})", R"({"no":1})", R"({"type":"none"})"}) {
+        configure(R"({"level": "INFO", "adapter": )" + std::string(adapter) + "}");
+        Logger::getLogger("A")->errorf("%s", adapter);
+    }
+    EXPECT_EQ(Factory::told, R"(INFO{"type":"r"})");
+    EXPECT_EQ(recorder.take(), "ERROR A {\"type\":\"r\"}+\nERROR A {\"no\":1}+\n");
+    LogAdapterStore::addFactory("r", new Factory(nullptr));
+    EXPECT_EQ(Factory::told, "gone");
 }
 
 }  // namespace

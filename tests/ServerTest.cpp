@@ -2,21 +2,60 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "server/CircularQueue.h"
+#include "log/Time.h"
+#include "metric/MetricRegistry.h"
+#include "server/ChannelList.h"
+#include "server/ChannelStore.h"
 #include "server/Errors.h"
+#include "server/MarkerBuffer.h"
 #include "server/SystemErrorMessages.h"
 
 namespace tavrik {
 namespace {
 
-void drain() {
-    while (SystemErrorMessages::nextMessage() != nullptr) {
+constexpr int THREADS = 8;
+
+void inParallel(const std::function<void(int thread)>& body) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < THREADS; ++thread)
+        threads.emplace_back(body, thread);
+    for (std::thread& thread : threads)
+        thread.join();
+}
+
+std::string heard;  // what all channels were told; they are told one at a time
+std::atomic<size_t> channelsAlive{0};
+
+struct TestChannel : Channel, ChannelFactory {
+    explicit TestChannel(const std::string& id_) : id(id_) { ++channelsAlive; }
+    ~TestChannel() override { --channelsAlive, onEnd(); }
+    Channel* create(const std::string& name, const JSOM& config) override {
+        return config.toCompactString(heard += name), onCreate(), this;
     }
+    void reserve() override { ++references; }
+    bool release() override { return --references == 0 ? delete this, true : false; }
+    void removedFromList() override { heard += id + "! "; }
+    void setDescription(const JSOM& config) override { config.toCompactString(heard += id); }
+    void channelAdded(const std::string& other) override { heard += id + "+" + other + " "; }
+    void channelRemoved(const std::string& other) override { heard += id + "-" + other + " "; }
+    void publish(Buffer& buffer) override { onPublish(dynamic_cast<MarkerBuffer&>(buffer)); }
+    const std::string id;
+    std::atomic<int> references{0};
+    std::function<void()> onCreate, onEnd = [] {};
+    std::function<void(const MarkerBuffer&)> onPublish;
+};
+
+std::string textsOf(const MarkerBuffer& buffer) {
+    std::string texts;
+    for (unsigned i = 0; i < buffer.getCount(); ++i)
+        texts += buffer.getEntry(i).text;
+    return texts;
 }
 
 TEST(ErrorsTest, TokensAndTextsAreFound) {
@@ -30,7 +69,6 @@ TEST(ErrorsTest, TokensAndTextsAreFound) {
 }
 
 TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
-    drain();
     for (int i = 1; i <= 100; ++i)
         SystemErrorMessages::add(i, std::to_string(i));
     SystemErrorMessages::add(11);
@@ -51,43 +89,209 @@ TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
 // Between lockMessages() and unlockMessages() nothing comes in and what was handed out stays as it
 // is, although the posters could fill the queue several times over meanwhile.
 TEST(SystemErrorMessagesTest, ReaderIsUndisturbedByPosters) {
-    constexpr int POSTERS = 4;
-    constexpr int EACH = 1000;
-    drain();
-    std::atomic<int> running{POSTERS};
-    std::vector<std::thread> posters;
-    for (int poster = 0; poster < POSTERS; ++poster)
-        posters.emplace_back([poster, &running] {
-            for (int i = 0; i < EACH; ++i) {
-                SystemErrorMessages::add(poster, std::to_string(i));
-                SystemErrorMessages::hasMessages();
+    std::atomic<int> running{THREADS - 1};
+    int last[THREADS] = {};
+    inParallel([&](int thread) {
+        for (int i = 1; thread != 0 && i <= 1000; ++i)
+            SystemErrorMessages::add(thread, std::to_string(i)), SystemErrorMessages::hasMessages();
+        if (thread != 0) --running;
+        for (bool more = thread == 0; more;) {
+            more = running != 0;
+            std::vector<std::pair<const error_message_t*, error_message_t>> taken;
+            SystemErrorMessages::lockMessages();
+            while (SystemErrorMessages::hasMessages()) {
+                const error_message_t* const message = SystemErrorMessages::nextMessage();
+                taken.emplace_back(message, *message);
             }
-            --running;
-        });
-    int last[POSTERS] = {-1, -1, -1, -1};
-    for (bool more = true; more;) {
-        more = running != 0;
-        std::vector<std::pair<const error_message_t*, error_message_t>> taken;
-        SystemErrorMessages::lockMessages();
-        while (SystemErrorMessages::hasMessages()) {
-            const error_message_t* const message = SystemErrorMessages::nextMessage();
-            taken.emplace_back(message, *message);
+            std::this_thread::yield();
+            EXPECT_FALSE(SystemErrorMessages::hasMessages());
+            for (const auto& [message, copy] : taken)
+                EXPECT_EQ(message->text, copy.text);
+            SystemErrorMessages::unlockMessages();
+            EXPECT_LE(taken.size(), 100u);
+            for (const auto& [message, copy] : taken) {
+                EXPECT_LT(last[copy.code], std::stoi(copy.text));
+                last[copy.code] = std::stoi(copy.text);
+            }
         }
-        std::this_thread::yield();
-        EXPECT_FALSE(SystemErrorMessages::hasMessages());
-        for (const auto& [message, copy] : taken)
-            EXPECT_EQ(message->text, copy.text);
-        SystemErrorMessages::unlockMessages();
-        EXPECT_LE(taken.size(), 100u);
-        for (const auto& [message, copy] : taken) {
-            EXPECT_LT(last[copy.code], std::stoi(copy.text));
-            last[copy.code] = std::stoi(copy.text);
-        }
-    }
-    for (std::thread& poster : posters)
-        poster.join();
+    });
     // The very last message of all is among the newest hundred.
-    EXPECT_NE(std::find(std::begin(last), std::end(last), EACH - 1), std::end(last));
+    EXPECT_NE(std::find(std::begin(last), std::end(last), 1000), std::end(last));
+}
+
+constexpr int EACH = 10000;  // a code tells its thread and the number there
+std::atomic<int> postersStarted{0};
+std::string textOf(int code) { return std::to_string(code) + " is the number of this message"; }
+
+void postFromAllThreads() {
+    inParallel([](int thread) {
+        ++postersStarted;
+        for (int code = thread * EACH; code < (thread + 1) * EACH; ++code)
+            SystemErrorMessages::add(code, textOf(code));
+    });
+    int left = 0, last[THREADS] = {};
+    for (; const error_message_t* const message = SystemErrorMessages::nextMessage(); ++left) {
+        EXPECT_EQ(message->text, textOf(message->code));
+        const int before = std::exchange(last[message->code / EACH], message->code);
+        EXPECT_TRUE(before == 0 || message->code == before + 1);
+    }
+    EXPECT_EQ(left, 100);
+    for (const int code : last)
+        EXPECT_TRUE(code == 0 || code % EACH == EACH - 1);
+}
+
+TEST(SystemErrorMessagesTest, KeepsTheNewestOfAllThreads) { postFromAllThreads(); }
+
+// What the channel posts is published, too, and leaves alone what it is publishing.
+TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
+    const error_message_t nested{0, textOf(THREADS * EACH)};
+    std::vector<int> published(THREADS * EACH + 1);
+    int depth = 0;
+    TestChannel* const channel = new TestChannel("m");
+    channel->onCreate = [] {
+        SystemErrorMessages::add(0, "only queued");
+        while (postersStarted != THREADS || !SystemErrorMessages::hasMessages())
+            std::this_thread::yield();
+    };
+    channel->onPublish = [&, begin = getNow()](const MarkerBuffer& buffer) {
+        const MarkerEntry entry = buffer.getEntry(0);
+        const int code = std::stoi(entry.text);
+        EXPECT_EQ(++depth, code == THREADS * EACH ? 2 : 1);
+        if (++published.at(code) == 1 && code == 5) SystemErrorMessages::recordOnly(&nested);
+        SystemErrorMessages::lockMessages(), SystemErrorMessages::unlockMessages();
+        EXPECT_EQ(textsOf(buffer), textOf(code));
+        EXPECT_TRUE(begin <= entry.timestamp && entry.timestamp <= getNow() && entry.value == 0);
+        --depth;
+    };
+    ChannelStore::addFactory("basic", new TestChannel("f"));
+    ChannelStore::addFactory("basic", channel);
+    ChannelStore::addFactory("basic", channel);
+    EXPECT_EQ(channelsAlive, 1u);
+    ChannelList::addChannel("o", new TestChannel("o"));
+    postFromAllThreads();
+    EXPECT_EQ(published, std::vector<int>(THREADS * EACH + 1, 1));
+    EXPECT_EQ(channel->references, 2);
+    const std::string config =
+        R"({"id":"serverMessages","name":"System Messages","description":"Messages generated by )"
+        R"(the server in response to error conditions or to provide other useful information.",)"
+        R"("type":"basic","bufferType":"marker","cacheSize":4000,"groups":["Server"],)"
+        R"("protected":true})";
+    EXPECT_EQ(heard, "serverMessages" + config + "o+serverMessages m" + config);
+}
+
+struct Walker : VectorMap<Channel>::Visitor {
+    int visit(const std::string& name, Channel*) const override { return (seen += name) == "cb"; }
+    mutable std::string seen;
+};
+
+TEST(ChannelListTest, OthersHearOfChangesAndReservingTradesReferences) {
+    struct Access : ChannelList {
+        using VectorMap::names;
+    };
+    TestChannel* const old = new TestChannel("b");
+    TestChannel* const next = new TestChannel("B");
+    old->onEnd = [] { ChannelList::removeChannel("nobody"); };  // waits until no reader is left
+    for (TestChannel* const channel : {new TestChannel("a"), old, new TestChannel("c")})
+        ChannelList::addChannel(channel->id, channel);
+    EXPECT_EQ(ChannelList::reserveChannel("b", nullptr), old);
+    EXPECT_EQ(ChannelList::reserveChannel("b", old), old);
+    EXPECT_EQ(old->references, 2);
+    EXPECT_EQ(ChannelList::visit(Walker()), 1);
+    ChannelList::addChannel("b", next);
+    EXPECT_EQ(ChannelList::reserveChannel("b", old), next);
+    EXPECT_EQ(ChannelList::reserveChannel("nobody", next), nullptr);
+    ChannelList::removeChannel("c");
+    // Listed twice, the name stays listed, and the list keeps a reference for nothing.
+    (ChannelList::Instance()->*&Access::names)[1] = "a";
+    ChannelList::addChannel("a", next);
+    EXPECT_NE(ChannelList::reserveChannel("a", nullptr), next);
+    EXPECT_EQ(next->references, 1);
+    EXPECT_EQ(heard, "a+b b+c a+c c-b a-b b! c+b a+b B-c a-c c! B! ");
+}
+
+TEST(ChannelListTest, ReferencesComeOutEvenWhateverThreadsDo) {
+    inParallel([](int thread) {
+        Channel* held[3] = {};
+        for (int step = 0; step < 20000; ++step) {
+            const std::string name(1, "abc"[step % 3]);
+            Channel*& mine = held[step / 3 % 3];
+            const int action = step * (thread + 1) % 7;
+            if (action == 0) ChannelList::addChannel(name, new TestChannel(name));
+            if (action == 1) ChannelList::removeChannel(name);
+            if (action == 2) ChannelList::visit(Walker());
+            if (action == 3 && mine != nullptr) ChannelList::addChannel(name, mine);
+            if (action > 3) mine = ChannelList::reserveChannel(name, mine);
+        }
+        for (Channel* const channel : held)
+            ChannelList::reserveChannel("nobody", channel);
+    });
+    for (const char* const name : {"a", "b", "c"})
+        ChannelList::removeChannel(name);
+    EXPECT_EQ(channelsAlive, 0u);
+}
+
+TEST(MarkerBufferTest, GrowsInStepsWrapsAndIsCopiedAsItLies) {
+    MarkerBuffer ring, copy;
+    std::string sizes;
+    for (const char text : std::string("123456789AB")) {
+        if (text > '4' && text < 'B') ring.shift();
+        if (text == 'B') copy.copy(ring);
+        ring.appendValue(text, 7, std::string(1, text));
+        sizes += std::to_string(ring.getReserveSize()) + static_cast<char>(ring.getStartTime());
+    }
+    EXPECT_EQ(sizes + textsOf(ring) + textsOf(copy), "11414141424344454647207789AB9A78");
+    copy.copy(ring), ring.shift(), ring.copy(copy);
+    EXPECT_EQ(textsOf(ring), "789AB");
+    EXPECT_EQ(ring.getReserveSize() - copy.getReserveSize(), 20u - 5u);
+    ring.shift(), ring.clear(), ring.shift();
+    ring.appendValue(ring.getStartTime(), 7, "C"), copy.copy(ring);
+    EXPECT_EQ(textsOf(copy) + std::to_string(copy.getStartTime()), "C0.000000");
+}
+
+TEST(MarkerBufferTest, TakesItsOwnTextsWhileItGrows) {
+    MarkerBuffer buffer;
+    buffer.appendValue(1.0, 2, std::string(50, 't'));
+    while (buffer.getCount() < 60) {  // grows from 1, 4, 20, 36 and 52
+        const MarkerEntry& own = buffer.getEntry(0);
+        const unsigned way = buffer.getCount() % 3;
+        if (way == 0) buffer.appendEntry(own);
+        if (way == 1) buffer.appendValue(1.0, 2, own.text);
+        if (way == 2) buffer.appendValue(1.0, 2, own.text.c_str());
+    }
+    EXPECT_EQ(textsOf(buffer), std::string(60 * 50, 't'));
+}
+
+TEST(MarkerBufferTest, IgnoresForeignKinds) {
+    struct Foreign : Entry {
+        double getTimestamp() const override { return 1.0; }
+    };
+    struct ForeignBuffer : BufferBase<Foreign> {
+        std::string getBufferType() const override { return TYPE_MARKER; }
+        std::string getBufferClass() const override { return "MarkerBuffer"; }
+        BufferInterface* getBufferInterface() override { return nullptr; }
+    };
+    MarkerBuffer buffer;
+    buffer.appendValue(1.0, 2, "kept");
+    buffer.appendEntry(Foreign());
+    buffer.copy(ForeignBuffer());
+    EXPECT_EQ(textsOf(buffer), "kept");
+}
+
+TEST(MarkerBufferTest, OneMetricCountsThemAll) {
+    struct : MetricRegistry::Visitor {
+        bool visitMetric(Metric* m) override { return found += m->category == "Buffer", false; }
+        int found = 0;
+    } metrics;
+    inParallel([](int) { std::vector<MarkerBuffer> buffers(1000); });
+    const MarkerBuffer buffer;
+    MetricRegistry::Instance()->visit(metrics);
+    EXPECT_EQ(metrics.found, 1);
+    EXPECT_EQ(markerBufferCountMetric->collect(), 1.0);
+    EXPECT_EQ(markerBufferCountMetric->description,
+              "the total number of buffers allocated.  Each " + std::to_string(sizeof buffer) +
+                  " byte buffer may contain a variable array of " +
+                  std::to_string(sizeof(MarkerEntry)) +
+                  " byte entries.  Each entry may also contain a variable length string.");
 }
 
 }  // namespace
