@@ -7,8 +7,9 @@ ChannelList* ChannelList::Instance() {
     return instance;
 }
 
-void ChannelList::addChannel(const std::string& name, Channel* channel) {
+void ChannelList::addChannel(const std::string& name_, Channel* channel) {
     if (channel == nullptr) return;
+    const std::string name(name_);  // may belong to the channel that is released below
     channel->reserve();
     ChannelList* const self = Instance();
     WriteGuard guard(self->lock);

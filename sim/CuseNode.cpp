@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fuse3/cuse_lowlevel.h>
 #include <fuse3/fuse_lowlevel.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,21 +22,28 @@ namespace {
 // Room for the largest read of a client; without it the kernel cuts reads at a page.
 constexpr unsigned kMaxTransfer = 128 * 1024;
 
-struct Server {
-    const std::function<void()>& ready;
-    bool made = false;
-};
-
-// The one client there can be. All calls come on the thread of the session's loop.
 struct Client {
     explicit Client(int descriptor) : fd(descriptor), reads(descriptor) {}
     const int fd;
     CuseReads reads;
 };
 
-Client& clientOf(const fuse_file_info* file) {
-    return *reinterpret_cast<Client*>(static_cast<uintptr_t>(file->fh));
-}
+// What the calls work on, all of which come on the thread of the session's loop.
+struct Server {
+    const std::function<void()>& ready;
+    fuse_session* session = nullptr;
+    bool made = false;
+    std::unique_ptr<Client> client{};  // the model lets in one at a time
+
+    void closeClient() {
+        if (!client) return;
+        const int fd = client->fd;
+        client.reset();
+        Device::instance().close(fd);
+    }
+};
+
+Server& serverOf(fuse_req_t request) { return *static_cast<Server*>(fuse_req_userdata(request)); }
 
 void onInit(void*, fuse_conn_info* connection) {
     connection->max_read = kMaxTransfer;
@@ -44,8 +52,10 @@ void onInit(void*, fuse_conn_info* connection) {
 
 void onInitDone(void* userdata) {
     Server& server = *static_cast<Server*>(userdata);
-    server.made = true;
-    server.ready();
+    // libfuse calls this also when the kernel has refused; then the connection is in error.
+    pollfd connection{fuse_session_fd(server.session), 0, 0};
+    server.made = poll(&connection, 1, 0) == 0;
+    if (server.made) server.ready();
 }
 
 void onOpen(fuse_req_t request, fuse_file_info* file) {
@@ -56,36 +66,30 @@ void onOpen(fuse_req_t request, fuse_file_info* file) {
         fuse_reply_err(request, errno);
         return;
     }
-    std::unique_ptr<Client> client;
+    Server& server = serverOf(request);
     try {
-        client = std::make_unique<Client>(fd);
+        server.client = std::make_unique<Client>(fd);
     } catch (const std::system_error& error) {
         device.close(fd);
         fuse_reply_err(request, error.code().value());
         return;
     }
-    file->fh = reinterpret_cast<uintptr_t>(client.release());
     // An open that was given up meanwhile gets no release.
-    if (fuse_reply_open(request, file) == 0) return;
-    client.reset(&clientOf(file));
-    client.reset();
-    device.close(fd);
+    if (fuse_reply_open(request, file) != 0) server.closeClient();
 }
 
-void onRelease(fuse_req_t request, fuse_file_info* file) {
-    Client* const client = &clientOf(file);
-    const int fd = client->fd;
-    delete client;
-    Device::instance().close(fd);
+void onRelease(fuse_req_t request, fuse_file_info*) {
+    serverOf(request).closeClient();
     fuse_reply_err(request, 0);
 }
 
 void onRead(fuse_req_t request, size_t size, off_t, fuse_file_info* file) {
-    clientOf(file).reads.add(request, size, (file->flags & O_NONBLOCK) == 0);
+    serverOf(request).client->reads.add(request, size, (file->flags & O_NONBLOCK) == 0);
 }
 
-void onWrite(fuse_req_t request, const char* data, size_t size, off_t, fuse_file_info* file) {
-    const ssize_t written = Device::instance().write(clientOf(file).fd, data, size);
+void onWrite(fuse_req_t request, const char* data, size_t size, off_t, fuse_file_info*) {
+    const int fd = serverOf(request).client->fd;
+    const ssize_t written = Device::instance().write(fd, data, size);
     if (written < 0) {
         fuse_reply_err(request, errno);
     } else {
@@ -189,15 +193,15 @@ class Control {
     const size_t outSize_;
 };
 
-void onIoctl(fuse_req_t request, int number, void* argument, fuse_file_info* file, unsigned flags,
+void onIoctl(fuse_req_t request, int number, void* argument, fuse_file_info*, unsigned flags,
              const void* in, size_t inSize, size_t outSize) {
     if ((flags & FUSE_IOCTL_COMPAT) != 0) {
         // A client of another word size has records of another layout.
         fuse_reply_err(request, ENOTTY);
         return;
     }
-    Control(request, clientOf(file).fd, static_cast<unsigned>(number), argument, in, inSize,
-            outSize)
+    Control(request, serverOf(request).client->fd, static_cast<unsigned>(number), argument, in,
+            inSize, outSize)
         .run();
 }
 
@@ -246,7 +250,10 @@ void serveCuseNode(const std::string& name, const std::function<void()>& ready) 
     fuse_session* const session =
         cuse_lowlevel_setup(3, arguments, &info, &ops, &multithreaded, &server);
     if (session == nullptr) throw CuseError("cannot set the node up");
+    server.session = session;
     const int result = fuse_session_loop(session);
+    // Its reads are answered while there is a session to answer through.
+    server.closeClient();
     cuse_lowlevel_teardown(session);
     if (!server.made) throw CuseError("the kernel refuses to make /dev/" + name);
     if (result < 0) throw CuseError(std::string("lost the kernel: ") + std::strerror(-result));

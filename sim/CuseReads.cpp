@@ -12,14 +12,30 @@
 
 namespace diagsim {
 
+namespace {
+
+// Blocks all signals for a scope; a thread that is made in it inherits that.
+class SignalsBlocked {
+  public:
+    SignalsBlocked() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+  private:
+    sigset_t before_{};
+};
+
+}  // namespace
+
 CuseReads::CuseReads(int fd) : fd_(fd), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wake_.get() < 0) throw std::system_error(errno, std::generic_category());
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
+    const SignalsBlocked blocked;
     thread_ = std::thread([this] { run(); });
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 CuseReads::~CuseReads() {

@@ -294,9 +294,11 @@ JSOM readTree(const std::string& text, const std::string& name) {
     node->release();
     const char* position = text.c_str();
     const bool valid = node->setFromJsonString(position);
-    const size_t rest = static_cast<size_t>(position - text.c_str());
-    if (valid && text.find_first_not_of(" \t\r\n", rest) == std::string::npos) return tree;
-    const auto end = text.begin() + static_cast<std::ptrdiff_t>(rest);
+    // Comments may follow, in which there is no value.
+    tavrik::JSONData more;
+    const bool nothingMore = valid && !more.setFromJsonString(position);
+    const auto end = text.begin() + (position - text.c_str());
+    if (nothingMore && end == text.end()) return tree;
     throw ScenarioError(name + ": not valid JSON, line " +
                         std::to_string(1 + std::count(text.begin(), end, '\n')) +
                         (valid ? ": text behind the end" : ""));

@@ -197,7 +197,7 @@ TEST(ChannelListTest, OthersHearOfChangesAndReservingTradesReferences) {
     EXPECT_EQ(ChannelList::reserveChannel("b", old), old);
     EXPECT_EQ(old->references, 2);
     EXPECT_EQ(ChannelList::visit(Walker()), 1);
-    ChannelList::addChannel("b", next);
+    ChannelList::addChannel(old->id, next);
     EXPECT_EQ(ChannelList::reserveChannel("b", old), next);
     EXPECT_EQ(ChannelList::reserveChannel("nobody", next), nullptr);
     ChannelList::removeChannel("c");

@@ -200,6 +200,7 @@ TEST_F(Client, ScenarioMistakesAreNamed) {
          "f.json: open.errno: unknown value \"EWHAT\" (known: EACCES, "},
         {R"({"ranges": {"1": 18446744073709551615}})", "f.json: ranges.1: expected a whole number"},
         {"{\n", "f.json: not valid JSON, line 2"},
+        {"{} // that is all\n{}", "f.json: not valid JSON, line 2: text behind the end"},
     };
     for (const auto& [json, expected] : mistakes) {
         EXPECT_EQ(message(json).rfind(expected, 0), 0u) << json << " gives " << message(json);

@@ -52,8 +52,9 @@ double readFraction(Source& source, double integer) {
     constexpr int reach = 18;
     double value = integer;
     int64_t power = 1;
-    for (int place = 1; isDigit(source.peek()); source.advance(), ++place) {
-        if (place > reach) continue;
+    for (int place = 0; isDigit(source.peek()); source.advance()) {
+        if (place == reach) continue;
+        ++place;
         power *= 10;
         value += static_cast<double>(source.peek() - '0') / static_cast<double>(power);
     }

@@ -74,9 +74,9 @@ class JSONData::Writer {
     // In pretty form: a new line, indented for what is open.
     void lineBreak() {
         if (!pretty) return;
-        static const std::string text = '\n' + std::string(50, ' ');
+        static constexpr char text[] = "\n                                                  ";
         const size_t level = opened.size() + static_cast<size_t>(std::max(depth, 0));
-        sink.write(text.data(), std::min(1 + level, text.size()));
+        sink.write(text, std::min(1 + level, sizeof text - 1));
     }
 
     Sink& sink;

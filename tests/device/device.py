@@ -21,40 +21,40 @@ import tempfile
 HERE = os.path.dirname(os.path.abspath(__file__))
 FILES, GUEST, CHECKER, PRELOAD = sys.argv[1:5]
 
-QUIET = {"adsp": {"period_us": 10000000}}
 GOOD = "a good device"
+# The exit status that is due, and how the device behaves.
 SCENARIOS = {
-    GOOD: QUIET,
-    "open refused": {"open": {"errno": "EACCES"}},
-    "busy": {"open": {"errno": "EBUSY"}},
-    "no log masks": {"masks": {"log": False}},
-    "mode switch refused": {"mode_switch": {"accepts": "none"}},
-    "mode by value": {"mode_switch": {"accepts": "value"}},
-    "withdrawal refused": {"withdraw": {"result": 0}},
-    "end not announced": {"deinit": {"announce": False}},
-    "end refused, not announced": {"deinit": {"result": -1, "announce": False}},
-    "empty reads": {"empty_reads": 3},
-    "hostile buffers": {"at_open": ["10", "1000", "20000000", "08000000 4B", "40000000 01", "00010000",
-                                    "FFFFFFFF 00"],
-                        "requests": {"loopback": {"buffer_in_front": "20000000 FFFFFFFF"}}},
-    "hostile range": {"ranges": {"1": 4294967295}},
-    "log storm": {"adsp": {"period_us": 1000, "ignore_log_mask": True},
-                  "requests": {"any": {"log_in_front": "same_buffer"}}},
-    "log disable unanswered": {"requests": {"log_disable": {"drop": True}}},
-    "loopback unanswered": {"requests": {"loopback": {"drop": True}}},
-    "loopback refused": {"requests": {"loopback": {"refuse": True}}},
-    "mask not written": {"requests": {"log_mask": {"write_result": -1}}},
-    "start partly written": {"requests": {"start": {"write_result": 5}}},
-    "start refused": {"requests": {"start": {"refuse": True}}},
-    "start too short": {"requests": {"start": {"short": 2}}},
-    "start garbled": {"requests": {"start": {"chunk_length": 4294967295}}},
-    "start late": {"requests": {"start": {"delay_ms": 400}}},
-    "read fails at start": {"requests": {"start": {"fail_read": True}}},
-    "gone at start": {"requests": {"start": {"hang_up": True}}},
-    "gone at stop": {"requests": {"stop": {"hang_up": True}}},
-    "stop refused": {"requests": {"stop": {"refuse": True}}},
-    "stop of another subsystem": {"requests": {"stop": {"wrong_subsystem": True}}},
-    "stop unanswered": {"requests": {"stop": {"drop": True}}},
+    GOOD: (0, {"adsp": {"period_us": 10000000}}),
+    "open refused": (1, {"open": {"errno": "EACCES"}}),
+    "busy": (1, {"open": {"errno": "EBUSY"}}),
+    "no log masks": (1, {"masks": {"log": False}}),
+    "mode switch refused": (1, {"mode_switch": {"accepts": "none"}}),
+    "mode by value": (0, {"mode_switch": {"accepts": "value"}}),
+    "withdrawal refused": (0, {"withdraw": {"result": 0}}),
+    "end not announced": (0, {"deinit": {"announce": False}}),
+    "end refused, not announced": (0, {"deinit": {"result": -1, "announce": False}}),
+    "empty reads": (0, {"empty_reads": 3}),
+    "hostile buffers": (0, {"at_open": ["10", "1000", "20000000", "08000000 4B", "40000000 01",
+                                        "00010000", "FFFFFFFF 00"],
+                            "requests": {"loopback": {"buffer_in_front": "20000000 FFFFFFFF"}}}),
+    "hostile range": (0, {"ranges": {"1": 4294967295}}),
+    "log storm": (0, {"adsp": {"period_us": 1000, "ignore_log_mask": True},
+                      "requests": {"any": {"log_in_front": "same_buffer"}}}),
+    "log disable unanswered": (1, {"requests": {"log_disable": {"drop": True}}}),
+    "loopback unanswered": (1, {"requests": {"loopback": {"drop": True}}}),
+    "loopback refused": (0, {"requests": {"loopback": {"refuse": True}}}),
+    "mask not written": (0, {"requests": {"log_mask": {"write_result": -1}}}),
+    "start partly written": (1, {"requests": {"start": {"write_result": 5}}}),
+    "start refused": (1, {"requests": {"start": {"refuse": True}}}),
+    "start too short": (1, {"requests": {"start": {"short": 2}}}),
+    "start garbled": (1, {"requests": {"start": {"chunk_length": 4294967295}}}),
+    "start late": (1, {"requests": {"start": {"delay_ms": 400}}}),
+    "read fails at start": (1, {"requests": {"start": {"fail_read": True}}}),
+    "gone at start": (1, {"requests": {"start": {"hang_up": True}}}),
+    "gone at stop": (1, {"requests": {"stop": {"hang_up": True}}}),
+    "stop refused": (1, {"requests": {"stop": {"refuse": True}}}),
+    "stop of another subsystem": (1, {"requests": {"stop": {"wrong_subsystem": True}}}),
+    "stop unanswered": (1, {"requests": {"stop": {"drop": True}}}),
 }
 # Data that no client understands, as long as the longest message.
 DEVICE = {"remote_mask": 5, "at_open": ["4D000000" + "00" * (100000 - 4)]}
@@ -65,6 +65,7 @@ class Outcome:
 
     def __init__(self):
         self.status, self.seconds, self.lines, self.trace = None, None, [], []
+        self.due = None
 
     def take_line(self, line):
         self.lines.append(re.sub(r"^\w{3} \d\d [\d:.]+ ", "", line))
@@ -99,7 +100,9 @@ def write_json(path, value):
 
 
 def only(pattern):
-    found = glob.glob(os.path.join(FILES, pattern))
+    # Newer releases have everything in usr/.
+    found = [path for root in (FILES, os.path.join(FILES, "usr"))
+             for path in glob.glob(os.path.join(root, pattern))]
     if len(found) != 1:
         sys.exit(f"device.py: expected one {pattern} in {FILES}, found {len(found)}")
     return found[0]
@@ -122,9 +125,10 @@ def make_initramfs(path):
             with (lzma.open if module.endswith(".xz") else open)(module, "rb") as source, \
                     open(os.path.join(root, name + ".ko"), "wb") as target:
                 shutil.copyfileobj(source, target)
-        for name, scenario in SCENARIOS.items():
+        for name, (_, scenario) in SCENARIOS.items():
             write_json(os.path.join(root, "scenarios", name + ".json"), scenario)
         write_json(os.path.join(root, "good.json"), {})
+        write_json(os.path.join(root, "slow-stop.json"), {"requests": {"stop": {"delay_ms": 200}}})
         write_json(os.path.join(root, "device.json"), DEVICE)
         with open(path, "wb") as archive:
             names = subprocess.run(["find", "."], cwd=root, stdout=subprocess.PIPE, check=True)
@@ -142,19 +146,15 @@ def stripped_checker(folder):
 def boot(initramfs):
     """The console's lines. Time there is counted in instructions: how busy this machine is has no
     bearing on any time-out, and waits cost nothing."""
-    command = ["qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15", "-smp", "1", "-m", "512",
+    command = ["timeout", "-k", "5", "300", "qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15", "-smp", "1", "-m", "512",
                "-icount", "shift=1,sleep=off", "-rtc", "clock=vm", "-display", "none", "-nodefaults",
                "-serial", "stdio", "-no-reboot", "-kernel", only("boot/vmlinuz-*"), "-initrd",
                initramfs, "-append", "console=ttyAMA0 quiet loglevel=1 panic=-1 rdinit=/init"]
-    try:
-        console = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, timeout=300)
-        output, problem = console.stdout, "it ended early"
-    except subprocess.TimeoutExpired as expired:
-        output, problem = expired.stdout or b"", "it took longer than 300 s"
-    lines = output.decode(errors="replace").replace("\r", "").splitlines()
+    console = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
+    lines = console.stdout.decode(errors="replace").replace("\r", "").splitlines()
     if "@@ end" not in lines:
         print("\n".join(lines[-40:]))
-        sys.exit(f"device.py: the emulated device did not reach its end: {problem}")
+        sys.exit(f"device.py: the emulated device did not reach its end, status {console.returncode}")
     return lines
 
 
@@ -188,7 +188,7 @@ class Console:
                 take(line)
 
     def take_memory(self, line):
-        self.memory = int(line.rsplit(":", 1)[1])
+        self.memory = int(line.split()[1])
 
 
 class Results:
@@ -209,8 +209,9 @@ def difference(guest, host, what):
 def compare(name, guest, host):
     if guest is None or guest.status is None:
         return "it did not run"
-    if guest.status != host.status:
-        return difference([guest.status, *guest.lines], [host.status, *host.lines], "exit status")
+    if not guest.status == host.status == host.due:
+        return difference([guest.status, *guest.lines], [host.status, *host.lines],
+                          f"exit status than {host.due}")
     return (difference(guest.lines, host.lines, "log") or
             (difference(guest.trace, host.trace, "traffic") if name == GOOD else ""))
 
@@ -221,7 +222,8 @@ def judge(console, hosts, size):
         results.add(name, compare(name, console.runs.get(name), host))
     for name, status, most, line in (("first of two", 0, 1, None), ("second of two", 0, 1, None),
                                      ("another server", 1, 1, "diagsimd: /dev/diag is there already"),
-                                     ("server killed", 1, 3, None)):
+                                     ("a name in use", 1, 1, "diagsimd: the kernel refuses to make /dev/diag"),
+                                     ("server ended", 1, 3, None), ("server killed", 1, 3, None)):
         run = console.runs.get(name, Outcome())
         good = run.status == status and run.seconds < most and (not line or run.lines == [line])
         results.add(name, None if good else
@@ -232,7 +234,7 @@ def judge(console, hosts, size):
             results.add(done[2], None if done[1] == "OK" else "\n".join(console.unit_tests))
     if not any("[  PASSED  ] 6 tests." in line for line in console.unit_tests):
         results.add("unit tests", "\n".join(["they did not all pass", *console.unit_tests]))
-    results.add(f"peak resident memory {console.memory} kB of 4096",
+    results.add(f"resident memory {console.memory} kB of 4096",
                 None if console.memory and console.memory < 4096 else "too much")
     results.add(f"size of the checker {size} bytes of 1500000", None if size < 1500000 else "too much")
     if console.trouble:
@@ -246,9 +248,14 @@ def main():
         initramfs = os.path.join(folder, "initrd.cpio")
         make_initramfs(initramfs)
         console = Console(boot(initramfs))
-    scenarios = dict(SCENARIOS, **{"no node": {"open": {"errno": "ENOENT"}}})
-    with concurrent.futures.ThreadPoolExecutor(4) as pool:
-        hosts = dict(zip(scenarios, pool.map(on_host, scenarios.values())))
+    scenarios = dict(SCENARIOS, **{"no node": (1, {"open": {"errno": "ENOENT"}})})
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        hosts = dict(zip(scenarios, pool.map(on_host, (scenario for _, scenario in scenarios.values()))))
+    for name, (status, scenario) in scenarios.items():
+        # Time is real here: a run that failed because this machine was busy is tried again alone.
+        if hosts[name].status != status:
+            hosts[name] = on_host(scenario)
+        hosts[name].due = status
     results = judge(console, hosts, size)
     print(f"{results.passed} passed, {results.failed} failed")
     return 1 if results.failed else 0
