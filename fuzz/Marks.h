@@ -1,0 +1,42 @@
+// Tells when the reader has got through everything that the simulated device delivered.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+
+#include "fuzz/Session.h"
+
+namespace fuzz {
+
+// Log packets that nothing but await() sends. Register it for `logCode`.
+class Marks : public tavrik::DIAG::LogListener {
+  public:
+    static constexpr uint16_t logCode = 0xB001;
+
+    void onLog(const unsigned char* record) override {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (diagsim::wordAt(Bytes(record + 12, record + 20), 0, 8) != number) return;
+        seen = true;
+        changed.notify_all();
+    }
+
+    // Waits until all that was delivered before has been read.
+    void await() {
+        std::unique_lock<std::mutex> guard(mutex);
+        // Not a small step: no input is to guess the next number.
+        number = (number + 1) * 0x9E3779B97F4A7C15;
+        seen = false;
+        Bytes packet{16, 0, 20, 0, 20, 0, logCode & 0xFF, logCode >> 8, 0, 0, 0, 0, 0, 0, 0, 0};
+        diagsim::appendWord(packet, number, 8);
+        device().deliverFrame(packet);
+        changed.wait(guard, [this] { return seen; });
+    }
+
+  private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    uint64_t number = 1;
+    bool seen = false;
+};
+
+}  // namespace fuzz

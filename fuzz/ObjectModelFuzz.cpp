@@ -1,0 +1,78 @@
+// Fed: a program of bytes that drives six handles, all of which begin on one tree: they are led
+// elsewhere, written, erased from, copied and assigned, into their own tree too, and read.
+// Must hold: no step touches what another one freed; what was written is read; a handle has one
+// type; in the end a copy of each handle's node has the node's text.
+#include <memory>
+#include <utility>
+
+#include "fuzz/Support.h"
+#include "json/JSOM.h"
+
+using fuzz::mustHold;
+using tavrik::JSOM;
+
+namespace {
+
+std::string compact(const JSOM& handle) {
+    std::string text;
+    handle.toCompactString(text);
+    return text;
+}
+
+struct Program : fuzz::Feed {
+    using Feed::Feed;
+
+    std::unique_ptr<JSOM> handles[6];
+    JSOM& one() { return *handles[byte() % 6]; }
+    void put(const JSOM& led) { handles[byte() % 6] = std::make_unique<JSOM>(led); }
+    int index() { return byte() % 8 - 2; }
+    // Few keys, so that steps meet; some too long to stand in a string object.
+    std::string key() {
+        const size_t length = byte() % 4 == 0 ? 40 : 1;
+        return std::string(length, "abc"[byte() % 3]);
+    }
+};
+
+void (*const steps[])(Program&, JSOM&) = {
+    [](Program& p, JSOM& h) { p.put(h[p.key()]); },
+    [](Program& p, JSOM& h) { p.put(h[p.index()]); },
+    [](Program& p, JSOM& h) { p.put(std::as_const(h)[p.key()]); },
+    [](Program& p, JSOM& h) { p.put(std::as_const(h)[p.index()]); },
+    [](Program& p, JSOM& h) { p.put(h.at(h.stringValuePtr("a"))); },
+    [](Program& p, JSOM& h) { p.put(h); },
+    [](Program& p, JSOM& h) { h.setString(p.one().stringValuePtr("")); },
+    [](Program& p, JSOM& h) { h.setLong(p.byte()); },
+    [](Program& p, JSOM& h) { h.setDouble(p.byte() / 4.0L); },
+    [](Program& p, JSOM& h) { h.setString(p.text()); },
+    [](Program& p, JSOM& h) { h.erase(p.index()); },
+    [](Program& p, JSOM& h) { h.erase(p.key()); },
+    [](Program&, JSOM& h) { h.clear(); },
+    [](Program& p, JSOM& h) { h = p.one(); },
+    [](Program& p, JSOM& h) { h.copy(p.one()); },
+    [](Program& p, JSOM& h) { h.fromString(p.one().stringValuePtr(p.text().c_str())); },
+    [](Program&, JSOM& h) { h.expandValues(); },
+    [](Program&, JSOM& h) { mustHold(h.booleanValue(true) || h.hasNode(), "the default"); },
+    [](Program& p, JSOM& h) { h.setBoolean(h.longValue(1) < h.doubleValue(p.byte())); }};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    setenv("FUZZ", "value", 1);
+    Program program(data, size);
+    JSOM top;
+    top.fromString(R"({"a":[1,{"b":"${FUZZ}"},"yes"],"b":-1.5,"c":"[{}]","a":null})");
+    for (auto& handle : program.handles)
+        handle = std::make_unique<JSOM>(top);
+    // Copies into their own tree may double it at each step.
+    while (!program.empty() && compact(top).size() < 2000)
+        steps[program.byte() % std::size(steps)](program, program.one());
+    for (const auto& handle : program.handles) {
+        JSOM copy;
+        copy.copy(*handle);
+        mustHold(!handle->hasNode() || compact(copy) == compact(*handle), "a copy is equal");
+        const int types = handle->isNull() + handle->isArray() + handle->isObject() +
+                          handle->isString() + handle->isNumber() + handle->isBoolean();
+        mustHold(types <= (handle->hasNode() ? 1 : 0), "one type at most");
+    }
+    return 0;
+}

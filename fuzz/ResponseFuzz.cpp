@@ -1,0 +1,79 @@
+// Fed: packets that stand in for the answers to the requests of one start and one stop, up to nine
+// of them. Must hold: the start succeeds exactly when the set-up's answers and its own say so, the
+// stop when its own does; afterwards the session is closed, and the next one is not hurt.
+#include "diag_lsm/diag_lsm.h"
+#include "fuzz/Session.h"
+
+using fuzz::Bytes;
+using fuzz::mustHold;
+using tavrik::ADSPPM;
+using tavrik::DIAG;
+
+namespace {
+
+struct Field {
+    size_t offset, size;
+    uint64_t value;
+};
+// What a good answer says, and the bytes that it has at least, check bytes included. Without
+// fields: it does not count.
+struct Rule {
+    const char* request;
+    size_t length;
+    std::vector<Field> fields;
+};
+const Rule rules[] = {{"message_masks", 3, {{1, 1, 5}, {2, 1, 1}}},
+                      {"event_report", 3, {{1, 2, 0}}},
+                      {"log_disable", 12, {{4, 4, 0}, {8, 4, 0}}},
+                      {"log_ranges", 76, {{4, 4, 1}, {8, 4, 0}}},
+                      {"start", 8, {{1, 1, 12}, {2, 2, 0x0404}, {4, 4, 1}}},
+                      {"stop", 8, {{1, 1, 12}, {2, 2, 0x0404}, {4, 4, 1}}},
+                      {"loopback", 0, {}},
+                      {"log_mask", 0, {}},
+                      {"log_mask_clear", 0, {}}};
+
+bool accepts(const Rule& rule, Bytes answer) {
+    diagsim::appendWord(answer, diagsim::checkSequence(answer), 2);
+    if (answer.size() < rule.length) return false;
+    return std::all_of(rule.fields.begin(), rule.fields.end(), [&](const Field& field) {
+        return diagsim::wordAt(answer, field.offset, field.size) == field.value;
+    });
+}
+
+// A session that failed would stay failed for the process.
+void forgetFailure() {
+    if (fd != -1) Diag_LSM_DeInit();
+    mustHold(!fuzz::device().isOpen(), "the device is closed");
+    DIAG::instance()->inError = false;
+    ADSPPM& adsppm = *ADSPPM::instance();
+    tavrik::LockGuard guard(adsppm.lock);
+    adsppm.state = ADSPPM::idle;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static fuzz::SilentListener listener;
+    [[maybe_unused]] static const bool ready =
+        (fuzz::SilentLogs::install(), fuzz::listen(listener, -2), true);
+    fuzz::Feed feed(data, size);
+    diagsim::Scenario scenario;
+    const uint16_t replaced = feed.word();
+    bool startAccepted = true, stopAccepted = true;
+    for (size_t i = 0; i < std::size(rules); ++i) {
+        if ((replaced >> i & 1) == 0) continue;
+        Bytes answer = feed.block();
+        // A log packet is no answer, and each answer that does not come costs a time-out.
+        if (!answer.empty() && answer[0] == 16) answer[0] = 75;
+        const bool good = accepts(rules[i], answer);
+        (i < 5 ? startAccepted : stopAccepted) &= good;
+        scenario.requests[rules[i].request].emplace_back().answer = answer;
+    }
+    fuzz::plug(scenario);
+    const bool started = ADSPPM::instance()->startMetricCollection();
+    mustHold(started == startAccepted, "a start succeeds when its answers say so");
+    const bool stopped = ADSPPM::instance()->stopMetricCollection();
+    mustHold(stopped == (started && stopAccepted), "a stop succeeds when its answer says so");
+    forgetFailure();
+    return 0;
+}

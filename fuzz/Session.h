@@ -1,0 +1,47 @@
+// What the targets share that run against the linked simulated device.
+#pragma once
+
+#include <initializer_list>
+
+#include "adsppm/ADSPPM.h"
+#include "fuzz/Support.h"
+#include "sim/Device.h"
+
+namespace fuzz {
+
+inline diagsim::Device& device() { return diagsim::Device::instance(); }
+
+// A good device, but for `scenario`. Its trace would fill the memory.
+inline void plug(const diagsim::Scenario& scenario) {
+    device().keepTrace(false);
+    device().plug(scenario);
+}
+
+struct SilentListener : tavrik::ADSPPM::Listener {
+    void onADSPPMInput(int, double, long double) override {}
+};
+
+// Eleven days: no log packet comes but those of the target.
+constexpr unsigned never = 1000000000;
+
+inline void listen(tavrik::ADSPPM::Listener& listener, int eventId) {
+    std::string refusal;
+    mustHold(
+        tavrik::ADSPPM::instance()->registerListener(&listener, eventId, "fuzz", never, refusal),
+        "a listener is registered");
+}
+
+// Collects from a device that has all remote processors, and that loses requests to stop: they can
+// be left without an answer. Whether it could be started.
+inline bool startCollection(tavrik::ADSPPM::Listener& listener, std::initializer_list<int> ids) {
+    SilentLogs::install();
+    for (const int id : ids)
+        listen(listener, id);
+    diagsim::Scenario scenario;
+    scenario.remoteMask = 0xF;
+    scenario.requests["stop"].emplace_back().drop = true;
+    plug(scenario);
+    return tavrik::ADSPPM::instance()->startMetricCollection();
+}
+
+}  // namespace fuzz
