@@ -72,9 +72,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while (!feed.empty())
         deliver(feed);
     marks.await();
-    for (size_t left = count - Answer::heard; left > 0; --left)
+    const size_t missing = count - Answer::heard;
+    for (size_t left = missing; left > 0; --left)
         fuzz::device().deliverFrame({75});
-    if (Answer::heard < count) marks.await();
+    if (missing > 0) marks.await();
     mustHold(Answer::heard == count, "every request hears of its answer");
     return 0;
 }
