@@ -10,6 +10,7 @@ import concurrent.futures
 import json
 import os
 import re
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -274,9 +275,11 @@ class Checker(unittest.TestCase):
 
     @unittest.skipIf(SLOW, "time is no measure here")
     def test_no_wait_costs_more_than_its_answer_took(self):
-        # The quickest quarter: a wait too long is in every run, what else this machine does is not.
-        beyond = sorted(Run().milliseconds - PAUSE for _ in range(30))
-        self.assertLessEqual(beyond[len(beyond) // 4], 5, f"ms beyond the pause: {beyond}")
+        for attempt in range(3):
+            median = statistics.median(Run().milliseconds - PAUSE for _ in range(15))
+            if median <= 5:
+                return
+        self.fail(f"median of {median:.1f} ms beyond the pause")
 
     @unittest.skipIf(SLOW and not EMULATOR, "sanitizers bring their own libraries")
     def test_links_nothing_but_the_standard_libraries(self):
