@@ -7,7 +7,6 @@ E2E_MARGIN_MS says how much longer than its time-outs a run may take (default 10
 the command, words divided by blanks, that runs a checker of another machine (qemu-arm and options).
 """
 import concurrent.futures
-import json
 import os
 import re
 import statistics
@@ -18,57 +17,15 @@ import threading
 import time
 import unittest
 
-HERE = os.path.dirname(os.path.abspath(__file__))
+from expected import FAILED_INIT, HERE, PAUSE, Outcome, driver_cases, fault_cases, scenario_file
+
 CHECKER, PRELOAD = sys.argv[1:3]
 MARGIN = int(os.environ.get("E2E_MARGIN_MS", "100"))
 EMULATOR = os.environ.get("E2E_EMULATOR", "").split()
 SLOW = MARGIN > 100  # instrumented or emulated
-PAUSE = 250  # between start and stop
-WAIT = 250  # for one response
-
-LINE = re.compile(r"^[A-Z][a-z]{2} [0-3]\d [0-2]\d:[0-5]\d:[0-5]\d\.\d{3} "
-                  r"\[(DIAG|ADSPPM)\]: (ERROR|WARN) (.+)$")
-DROPPED = re.compile(r"(dropped|unsolicited)")
-
-SETUP = {"message_masks": "extendedMsgCfgSetAllMasksReq", "event_report": "eventReportCtrlReq",
-         "log_disable": "loggingCfgDisableReq", "log_ranges": "loggingCfgRetrieveRangesReq"}
-REQUESTS = [*SETUP, "loopback", "log_mask", "start", "stop", "log_mask_clear"]
-
-IN_ERROR = "DIAG::connect() => false [already in error]"
-LOOPBACK = "ADSPPM::startMetricCollection() ADSPLoopbackReq "
-CONFIG = "ADSPPM::startMetricCollection() ADSPPMConfigReq "
-MASK_TIMEOUT = "loggingCfgSetReq response timeout"
-NEVER_CONNECTED = [LOOPBACK + "send failed", IN_ERROR, IN_ERROR, CONFIG + "send failed", IN_ERROR]
 
 
-def expectation(request, kind):
-    """Exit status, messages and number of full time-outs, when this goes wrong with this request."""
-    if kind == "fine":
-        return 0, [], 0
-    if request in SETUP:
-        if request == "event_report" and kind == "unsent":
-            return 0, ["eventReportCtrlReq send failed"], 0
-        text = "send failed" if kind == "unsent" else "response timeout"
-        return 1, [f"{SETUP[request]} {text}", *NEVER_CONNECTED], kind in ("silent", "late")
-    text = "send failed" if kind == "unsent" else "timeout"
-    mask = ["loggingCfgSetReq send failed"] if kind == "unsent" else [MASK_TIMEOUT]
-    # What is never answered stays in front of everything behind it.
-    blocked = kind == "silent"
-    if request == "loopback":
-        rest = [MASK_TIMEOUT, CONFIG + "timeout", MASK_TIMEOUT] if blocked else []
-        return int(blocked), [LOOPBACK + text, *rest], 4 * blocked + 2 * (kind == "late")
-    if request == "log_mask":
-        rest = [CONFIG + "timeout", MASK_TIMEOUT] if blocked else []
-        return int(blocked), [*mask, *rest], 3 * blocked + 2 * (kind == "late")
-    if request == "start":
-        rest = [MASK_TIMEOUT] if blocked else []
-        return 1, [CONFIG + text, *rest], 2 * blocked + 2 * (kind == "late")
-    if request == "stop":
-        return 1, [MASK_TIMEOUT] if blocked else [], 2 * blocked + 2 * (kind == "late")
-    return 0, mask, kind in ("silent", "late")
-
-
-class Run:
+class Run(Outcome):
     """One run of the checker; `scenario` is an object, or the name of a file in scenarios/."""
 
     def __init__(self, scenario=None, preload=True, program=CHECKER):
@@ -81,7 +38,7 @@ class Run:
             command = [*EMULATOR, program]
             if preload:
                 environment["DIAGSIM_TRACE"] = trace
-                environment["DIAGSIM_SCENARIO"] = self.file(scenario or {}, folder)
+                environment["DIAGSIM_SCENARIO"] = scenario_file(scenario or {}, folder)
                 if EMULATOR:  # for the checker, not for the emulator
                     command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, program]
                 else:
@@ -89,48 +46,15 @@ class Run:
             begin = time.monotonic()
             done = subprocess.run(command, env=environment, timeout=30, stdin=subprocess.DEVNULL,
                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-            self.milliseconds = (time.monotonic() - begin) * 1000
-            self.status, self.output, self.errors = done.returncode, done.stdout, done.stderr
-            self.trace = []
-            if os.path.exists(trace):
-                with open(trace) as lines:
-                    self.trace = [line.split("ms  ", 1)[1].rstrip("\n") for line in lines]
-
-    @staticmethod
-    def file(scenario, folder):
-        if isinstance(scenario, str):
-            return os.path.join(HERE, "scenarios", scenario)
-        name = os.path.join(folder, "scenario.json")
-        with open(name, "w") as out:
-            json.dump(scenario, out)
-        return name
-
-    def messages(self):
-        lines = [LINE.match(line) for line in self.output.splitlines()]
-        assert all(lines), "not in the form of a log line:\n" + self.output
-        for logger, level, text in (line.groups() for line in lines):
-            warning = text == "eventReportCtrlReq send failed" or DROPPED.search(text)
-            assert level == ("WARN" if warning else "ERROR"), self.output
-            assert logger == ("ADSPPM" if text.startswith("ADSPPM::") else "DIAG"), self.output
-        return [line.group(3) for line in lines]
-
-    def acknowledged(self):
-        accepted = [line for line in self.trace if "(accepted)" in line]
-        return all(any(f"{name} response" in line for line in accepted) for name in ("start", "stop"))
-
-    def __str__(self):
-        return "\n".join([f"status {self.status}, {self.milliseconds:.0f} ms", self.output,
-                          self.errors, *self.trace])
+            super().__init__(done.returncode, done.stdout, done.stderr,
+                             (time.monotonic() - begin) * 1000, trace)
 
 
 class Checker(unittest.TestCase):
     alone = threading.Lock()
 
-    def check(self, run, status, messages, tolerated=False):
-        found = run.messages()
-        if tolerated:
-            found = [text for text in found if not DROPPED.search(text)]
-        self.assertEqual(found, messages, run)
+    def check(self, run, status, messages):
+        self.assertEqual(run.messages(), messages, run)
         self.assertEqual(run.errors, "", run)
         self.assertEqual(run.status, status, run)
 
@@ -173,76 +97,28 @@ class Checker(unittest.TestCase):
         scenarios = [{"open": {"errno": name}} for name in ("ENOENT", "EACCES", "EBUSY", "ENODEV")]
         for scenario in scenarios:
             run = self.run_within(MARGIN, scenario)
-            self.check(run, 1, ["DIAG::connect() => false [Diag_LSM_Init failed]", *NEVER_CONNECTED])
+            self.check(run, 1, FAILED_INIT)
         if not os.path.exists("/dev/diag"):
             run = self.run_within(MARGIN, None, preload=False)
-            self.check(run, 1, ["DIAG::connect() => false [Diag_LSM_Init failed]", *NEVER_CONNECTED])
+            self.check(run, 1, FAILED_INIT)
+
+    def check_case(self, case):
+        run = self.run_within(case.milliseconds + MARGIN, case.scenario)
+        try:
+            case.check(run)
+        except AssertionError as error:
+            self.fail(f"{error}\n{run}")
+        return run
 
     def test_every_fault_on_every_request(self):
-        with open(os.path.join(HERE, "faults.json")) as file:
-            kinds = json.load(file)
-        cases = [(request, kind, name) for kind in kinds for name in kinds[kind]
-                 for request in REQUESTS]
-
-        def check(case):
-            request, kind, name = case
-            scenario = {"requests": {request: kinds[kind][name]}}
-            if kind == "unpredictable":
-                # A stray frame answers whatever request is in front, so nearly anything may be
-                # refused; but nothing hangs, and no success is reported that there was not.
-                run = self.run_within(6 * WAIT + PAUSE + MARGIN, scenario)
-                self.assertIn(run.status, (0, 1), run)
-                self.assertEqual(run.errors, "", run)
-                self.assertTrue(run.status == 1 or run.acknowledged(), run)
-                return
-            status, messages, waits = expectation(request, kind)
-            # Whether a mask was set has no bearing on the time; whether there was a pause has.
-            extra = kinds[kind][name].get("delay_ms", 0) if kind == "fine" else 0
-            run = self.run_within(waits * WAIT + extra + PAUSE + MARGIN, scenario)
-            self.check(run, status, messages, tolerated=True)
-            self.assertTrue(run.status == 1 or run.acknowledged(), run)
-
-        self.each(cases, check)
+        self.each(fault_cases(), self.check_case)
 
     def test_the_driver_and_the_stream(self):
-        failed_init = ["DIAG::connect() => false [Diag_LSM_Init failed]", *NEVER_CONNECTED]
-        allocation = "loggingCfgSetReq failed to allocate message buffer"
-        cases = [
-            ({"masks": {"message": False}}, 1, failed_init, 0),
-            ({"masks": {"log": False}}, 1, failed_init, 0),
-            ({"masks": {"event": False}}, 1, failed_init, 0),
-            ({"masks": {"delay_ms": 10}}, 0, [], 0),
-            ({"mode_switch": {"accepts": "value"}}, 0, [], 0),
-            ({"mode_switch": {"accepts": "both"}}, 0, [], 0),
-            ({"mode_switch": {"accepts": "none"}}, 1,
-             ["extendedMsgCfgSetAllMasksReq send failed", *NEVER_CONNECTED], 0),
-            ({"withdraw": {"result": 0}}, 0, [], 0),
-            ({"deinit": {"result": 0, "announce": False}}, 0, [], 0),
-            ({"deinit": {"result": -1, "announce": True}}, 0, [], 0),
-            ({"deinit": {"result": 1, "announce": False}}, 0, [], 4),  # a second of grace
-            ({"empty_reads": 3}, 0, [], 0),
-            ({"at_open": ["10", "1000", "20000000", "20000000 FFFFFFFF", "08000000 4B",
-                          "40000000 01", "00010000", "FFFFFFFF 00"]}, 0, [], 0),
-            ({"ranges": {"1": 4294967295}}, 0, [allocation] * 2, 0),
-            ({"ranges": {"1": 4294967288}}, 0, [allocation] * 2, 0),
-            ({"ranges": {"1": 0}}, 0, [], 0),
-            ({"ranges": {"1": 1600}}, 0, [], 0),
-            ({"adsp": {"collecting": True, "period_us": 1000, "ignore_log_mask": True}}, 0, [], 0),
-            ({"adsp": {"period_us": 100}}, 0, [], 0),
-            ({"adsp": {"period_us": 5000, "record_length": 40}}, 0, [], 0),
-            ({"adsp": {"period_us": 5000, "claimed_length": 0}}, 0, [], 0),
-            ({"adsp": {"period_us": 5000, "claimed_length": 65535}}, 0, [], 0),
-            ({"adsp": {"period_us": 5000, "version": 2}}, 0, [], 0),
-            ("soak.json", 0, [], 0),
-        ]
-
         def check(case):
-            scenario, status, messages, waits = case
-            run = self.run_within(waits * WAIT + PAUSE + MARGIN, scenario)
-            self.check(run, status, messages, tolerated=True)
+            run = self.check_case(case)
             self.assertEqual(run.status == 0, run.acknowledged(), run)
 
-        self.each(cases, check)
+        self.each(driver_cases(), check)
 
     def test_a_misspelt_scenario_is_no_verdict(self):
         run = Run({"requests": {"start": {"dorp": True}}})

@@ -1,0 +1,158 @@
+"""What a run of the checker must come to, scenario by scenario: exit status, log lines, time."""
+import collections
+import json
+import os
+import re
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+PAUSE = 250  # between start and stop
+WAIT = 250  # for one response
+
+LINE = re.compile(r"^[A-Z][a-z]{2} [0-3]\d [0-2]\d:[0-5]\d:[0-5]\d\.\d{3} "
+                  r"\[(DIAG|ADSPPM)\]: (ERROR|WARN) (.+)$")
+DROPPED = re.compile(r"(dropped|unsolicited)")
+
+SETUP = {"message_masks": "extendedMsgCfgSetAllMasksReq", "event_report": "eventReportCtrlReq",
+         "log_disable": "loggingCfgDisableReq", "log_ranges": "loggingCfgRetrieveRangesReq"}
+REQUESTS = [*SETUP, "loopback", "log_mask", "start", "stop", "log_mask_clear"]
+
+IN_ERROR = "DIAG::connect() => false [already in error]"
+LOOPBACK = "ADSPPM::startMetricCollection() ADSPLoopbackReq "
+CONFIG = "ADSPPM::startMetricCollection() ADSPPMConfigReq "
+MASK_TIMEOUT = "loggingCfgSetReq response timeout"
+NEVER_CONNECTED = [LOOPBACK + "send failed", IN_ERROR, IN_ERROR, CONFIG + "send failed", IN_ERROR]
+FAILED_INIT = ["DIAG::connect() => false [Diag_LSM_Init failed]", *NEVER_CONNECTED]
+
+
+def expectation(request, kind):
+    """Exit status, messages and number of full time-outs, when this goes wrong with this request."""
+    if kind == "fine":
+        return 0, [], 0
+    if request in SETUP:
+        if request == "event_report" and kind == "unsent":
+            return 0, ["eventReportCtrlReq send failed"], 0
+        text = "send failed" if kind == "unsent" else "response timeout"
+        return 1, [f"{SETUP[request]} {text}", *NEVER_CONNECTED], kind in ("silent", "late")
+    text = "send failed" if kind == "unsent" else "timeout"
+    mask = ["loggingCfgSetReq send failed"] if kind == "unsent" else [MASK_TIMEOUT]
+    # What is never answered stays in front of everything behind it.
+    blocked = kind == "silent"
+    if request == "loopback":
+        rest = [MASK_TIMEOUT, CONFIG + "timeout", MASK_TIMEOUT] if blocked else []
+        return int(blocked), [LOOPBACK + text, *rest], 4 * blocked + 2 * (kind == "late")
+    if request == "log_mask":
+        rest = [CONFIG + "timeout", MASK_TIMEOUT] if blocked else []
+        return int(blocked), [*mask, *rest], 3 * blocked + 2 * (kind == "late")
+    if request == "start":
+        rest = [MASK_TIMEOUT] if blocked else []
+        return 1, [CONFIG + text, *rest], 2 * blocked + 2 * (kind == "late")
+    if request == "stop":
+        return 1, [MASK_TIMEOUT] if blocked else [], 2 * blocked + 2 * (kind == "late")
+    return 0, mask, kind in ("silent", "late")
+
+
+class Outcome:
+    """What one run of the checker came to."""
+
+    def __init__(self, status, output, errors, milliseconds, trace):
+        self.status, self.output, self.errors = status, output, errors
+        self.milliseconds, self.trace = milliseconds, []
+        if os.path.exists(trace):
+            with open(trace) as lines:
+                self.trace = [line.split("ms  ", 1)[-1].rstrip("\n") for line in lines]
+
+    def messages(self):
+        lines = [LINE.match(line) for line in self.output.splitlines()]
+        assert all(lines), "not in the form of a log line:\n" + self.output
+        for logger, level, text in (line.groups() for line in lines):
+            warning = text == "eventReportCtrlReq send failed" or DROPPED.search(text)
+            assert level == ("WARN" if warning else "ERROR"), self.output
+            assert logger == ("ADSPPM" if text.startswith("ADSPPM::") else "DIAG"), self.output
+        return [line.group(3) for line in lines]
+
+    def acknowledged(self):
+        accepted = [line for line in self.trace if "(accepted)" in line]
+        return all(any(f"{name} response" in line for line in accepted) for name in ("start", "stop"))
+
+    def __str__(self):
+        return "\n".join([f"status {self.status}, {self.milliseconds:.0f} ms", self.output,
+                          self.errors, *self.trace])
+
+
+class Case(collections.namedtuple("Case", "scenario status messages milliseconds")):
+    """A scenario, and what its run comes to. A status of None: 0 or 1, with whatever messages."""
+
+    def check(self, run):
+        assert run.errors == "", "errors"
+        assert run.status == 1 or run.acknowledged(), "a success that there was not"
+        if self.status is None:
+            assert run.status in (0, 1), f"status {run.status}"
+            return
+        assert run.status == self.status, f"status {run.status}, expected {self.status}"
+        found = [text for text in run.messages() if not DROPPED.search(text)]
+        assert found == self.messages, f"messages {found}, expected {self.messages}"
+
+
+def scenario_file(scenario, folder):
+    """The file of a scenario, which is an object, or the name of a file in scenarios/."""
+    if isinstance(scenario, str):
+        return os.path.join(HERE, "scenarios", scenario)
+    name = os.path.join(folder, "scenario.json")
+    with open(name, "w") as out:
+        json.dump(scenario, out)
+    return name
+
+
+def fault_cases():
+    """Every fault on every request."""
+    with open(os.path.join(HERE, "faults.json")) as file:
+        kinds = json.load(file)
+    return [fault_case(request, kind, fault) for kind, faults in kinds.items()
+            for fault in faults.values() for request in REQUESTS]
+
+
+def fault_case(request, kind, fault):
+    scenario = {"requests": {request: fault}}
+    if kind == "unpredictable":
+        # A stray frame answers whatever request is in front, so nearly anything may be refused; but
+        # nothing hangs, and no success is reported that there was not.
+        return Case(scenario, None, None, 6 * WAIT + PAUSE)
+    status, messages, waits = expectation(request, kind)
+    # Whether a mask was set has no bearing on the time; whether there was a pause has.
+    extra = fault.get("delay_ms", 0) if kind == "fine" else 0
+    return Case(scenario, status, messages, waits * WAIT + extra + PAUSE)
+
+
+def driver_cases():
+    """What the driver and the stream do, beside the requests."""
+    allocation = "loggingCfgSetReq failed to allocate message buffer"
+    cases = [
+        ({"masks": {"message": False}}, 1, FAILED_INIT, 0),
+        ({"masks": {"log": False}}, 1, FAILED_INIT, 0),
+        ({"masks": {"event": False}}, 1, FAILED_INIT, 0),
+        ({"masks": {"delay_ms": 10}}, 0, [], 0),
+        ({"mode_switch": {"accepts": "value"}}, 0, [], 0),
+        ({"mode_switch": {"accepts": "both"}}, 0, [], 0),
+        ({"mode_switch": {"accepts": "none"}}, 1,
+         ["extendedMsgCfgSetAllMasksReq send failed", *NEVER_CONNECTED], 0),
+        ({"withdraw": {"result": 0}}, 0, [], 0),
+        ({"deinit": {"result": 0, "announce": False}}, 0, [], 0),
+        ({"deinit": {"result": -1, "announce": True}}, 0, [], 0),
+        ({"deinit": {"result": 1, "announce": False}}, 0, [], 4),  # a second of grace
+        ({"empty_reads": 3}, 0, [], 0),
+        ({"at_open": ["10", "1000", "20000000", "20000000 FFFFFFFF", "08000000 4B",
+                      "40000000 01", "00010000", "FFFFFFFF 00"]}, 0, [], 0),
+        ({"ranges": {"1": 4294967295}}, 0, [allocation] * 2, 0),
+        ({"ranges": {"1": 4294967288}}, 0, [allocation] * 2, 0),
+        ({"ranges": {"1": 0}}, 0, [], 0),
+        ({"ranges": {"1": 1600}}, 0, [], 0),
+        ({"adsp": {"collecting": True, "period_us": 1000, "ignore_log_mask": True}}, 0, [], 0),
+        ({"adsp": {"period_us": 100}}, 0, [], 0),
+        ({"adsp": {"period_us": 5000, "record_length": 40}}, 0, [], 0),
+        ({"adsp": {"period_us": 5000, "claimed_length": 0}}, 0, [], 0),
+        ({"adsp": {"period_us": 5000, "claimed_length": 65535}}, 0, [], 0),
+        ({"adsp": {"period_us": 5000, "version": 2}}, 0, [], 0),
+        ("soak.json", 0, [], 0),
+    ]
+    return [Case(scenario, status, messages, waits * WAIT + PAUSE)
+            for scenario, status, messages, waits in cases]
