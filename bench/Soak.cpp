@@ -1,0 +1,109 @@
+// Starts and stops collection again and again in one process, so that what a cycle leaves behind
+// adds up. script/soak feeds it and looks at its memory, descriptors and threads between cycles.
+//
+// Each line of standard input is a scenario in which everything succeeds: the simulated device
+// behaves like that for one cycle, which ends with the line "done". Ends with the input, or with
+// status 1 when something went wrong, which it names.
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <mutex>
+#include <string>
+
+#include "adsppm/ADSPPM.h"
+#include "log/Logger.h"
+#include "sim/Device.h"
+
+using diagsim::Device;
+using tavrik::ADSPPM;
+using tavrik::DIAG;
+
+namespace {
+
+constexpr int coreClock = -2;
+constexpr int events = 4;  // the ADSP has no room for more
+constexpr unsigned short otherLogCode = 0x1644;
+
+class CountingListener : public ADSPPM::Listener {
+  public:
+    void onADSPPMInput(int, double, long double) override {
+        const std::lock_guard<std::mutex> guard(mutex);
+        ++count;
+        changed.notify_all();
+    }
+    bool waitFor(int values) {
+        std::unique_lock<std::mutex> guard(mutex);
+        return changed.wait_for(guard, std::chrono::seconds(10), [&] { return count >= values; });
+    }
+
+  private:
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+};
+
+class IgnoringListener : public DIAG::LogListener {
+  public:
+    void onLog(const unsigned char*) override {}
+};
+
+bool add(ADSPPM::Listener& listener, int eventId) {
+    std::string refusal;
+    return ADSPPM::instance()->registerListener(&listener, eventId, "EVENT", 1, refusal);
+}
+
+// Ends the process at once: listeners that are still registered must not be gone before it is.
+void expect(bool condition, const char* what) {
+    if (condition) return;
+    tavrik::Logger::flushAll();
+    printf("failed: %s\n", what);
+    fflush(stdout);
+    _exit(1);
+}
+
+// With a second client of the session and all events that there is room for, or without.
+void cycle(bool crowded) {
+    ADSPPM& adsppm = *ADSPPM::instance();
+    DIAG& diag = *DIAG::instance();
+    CountingListener listener;
+    IgnoringListener other;
+    const int last = crowded ? events : 0;
+    expect(add(listener, coreClock), "registration");
+    for (int event = 1; event <= last; ++event)
+        expect(add(listener, event), "registration of an event");
+    if (crowded) expect(diag.registerLogListener(otherLogCode, &other), "second client");
+    expect(adsppm.startMetricCollection(), "start");
+    expect(listener.waitFor(10), "values");
+    expect(adsppm.stopMetricCollection(), "stop");
+    if (crowded) expect(diag.unregisterLogListener(otherLogCode, &other), "second client's end");
+    for (int event = 1; event <= last; ++event)
+        adsppm.unregisterListener(&listener, event);
+    adsppm.unregisterListener(&listener, coreClock);
+    expect(!Device::instance().isOpen(), "end of the session");
+}
+
+}  // namespace
+
+int main() {
+    Device& device = Device::instance();
+    device.keepTrace(false);
+    bool crowded = false;
+    for (std::string scenario; std::getline(std::cin, scenario); crowded = !crowded) {
+        try {
+            device.plug(diagsim::Scenario::parse(scenario, "scenario"));
+        } catch (const std::exception& error) {
+            printf("%s\n", error.what());
+            return 1;
+        }
+        cycle(crowded);
+        device.unplug();
+        tavrik::Logger::flushAll();
+        puts("done");
+        fflush(stdout);
+    }
+    return 0;
+}
