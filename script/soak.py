@@ -1,0 +1,273 @@
+#!/usr/bin/env python3
+"""Runs the checker many times, two at a time, against the simulated device.
+
+usage: script/soak [N]
+       script/soak --hours H | --minutes M [--seed S]
+
+N runs (1000) with a log packet every millisecond and one directly in front of every response. Or for
+so long all scenarios at random, while one process starts and stops collection again and again; one
+line per minute, and the verdict at the end or on Ctrl-C. Exit status 0 when every run came to what its
+scenario demands, nothing took more than it may and nothing grew. "late": a time-out while processors
+were short, right when repeated; shown, and tolerated in up to two of a hundred runs.
+"""
+import argparse
+import collections
+import concurrent.futures
+import contextlib
+import json
+import operator
+import os
+import random
+import re
+import select
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), ".."))
+sys.path.insert(0, os.path.join(ROOT, "tests", "e2e"))
+from expected import Outcome, driver_cases, fault_cases, scenario_file  # noqa: E402
+
+BUILD = os.path.join(ROOT, "build", "release")
+GRACE = 20  # seconds beyond what a run may take, until it counts as one that hangs
+LOOK = 0.05  # seconds between two looks at a checker
+WARM_UP = 60  # seconds, without a say in what is level
+ENOUGH = 20  # samples for a statement
+TOLERANCE = 256  # kilobytes of resident memory
+BUSY = 5  # percent of the time in which a task waits for a processor
+MOST_LATE = 0.02  # of the runs, on a busy machine
+
+stop = threading.Event()
+
+
+class Usage(collections.namedtuple("Usage", "memory descriptors threads")):
+    def __str__(self):
+        return f"{self.memory:,} kB, {self.descriptors} descriptors, {self.threads} threads"
+
+    def or_more(self, other):
+        return Usage(*map(max, self, other))
+
+    def excessive(self):
+        return any(map(operator.gt, self, ALLOWED))
+
+
+NOTHING = Usage(0, 0, 0)
+# Of a checker: twice the memory that it takes; the standard streams, the trace, three of the device and
+# its client, and a file that the C library reads; its own thread, the reader and the device's.
+ALLOWED = Usage(6144, 8, 3)
+
+
+def usage(pid, memory):
+    """What a process uses, VmRSS or VmHWM (the most so far) of memory; NOTHING when it has ended."""
+    try:
+        with open(f"/proc/{pid}/status") as file:
+            status = dict(line.split(":", 1) for line in file)
+        return Usage(int(status[memory].split()[0]), len(os.listdir(f"/proc/{pid}/fd")),
+                     int(status["Threads"]))
+    except (OSError, KeyError):
+        return NOTHING
+
+
+def start(program, **options):
+    # In a session of its own, where the terminal's Ctrl-C does not reach it.
+    return subprocess.Popen(os.path.join(BUILD, program), stdout=subprocess.PIPE,
+                            start_new_session=True, **options)
+
+
+def watch(process, seconds):
+    """Its output, errors, and what it used at most; ends a process that takes longer."""
+    # Not the kernel's own account of its peak, which includes what was forked for it.
+    used, end = NOTHING, time.monotonic() + seconds
+    while True:
+        try:
+            return *process.communicate(timeout=LOOK), used
+        except subprocess.TimeoutExpired:
+            used = used.or_more(usage(process.pid, "VmHWM"))
+            if time.monotonic() > end:
+                process.kill()
+
+
+def run(case):
+    """One run of the checker: its outcome, what it used, and what is wrong with it, if anything."""
+    with tempfile.TemporaryDirectory() as folder:
+        trace = os.path.join(folder, "trace")
+        environment = {**os.environ, "LD_PRELOAD": os.path.join(BUILD, "sim", "libdiagsim.so"),
+                       "DIAGSIM_TRACE": trace,
+                       "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder)}
+        begin = time.monotonic()
+        process = start("app/adsppm-check", env=environment, stdin=subprocess.DEVNULL,
+                        stderr=subprocess.PIPE, text=True, errors="replace")
+        output, errors, used = watch(process, case.milliseconds / 1000 + GRACE)
+        outcome = Outcome(process.returncode, output, errors, (time.monotonic() - begin) * 1000, trace)
+    try:
+        case.check(outcome)
+        assert not used.excessive(), f"it used {used}; allowed {ALLOWED}"
+    except AssertionError as error:
+        return outcome, used, str(error)
+    return outcome, used, None
+
+
+def late(case, outcome, used):
+    """Whether its time-outs are the machine's fault: tasks wait for a processor, repeated it is right."""
+    timed_out = re.search("timeout|Diag_LSM_Init failed", outcome.output)
+    if not timed_out or outcome.status not in (0, 1) or used.excessive():
+        return False
+    try:
+        with open("/proc/pressure/cpu") as file:
+            waits = map(float, re.findall(r"avg[16]0=([\d.]+)", file.readline()))
+    except OSError:
+        return False
+    return max(waits) >= BUSY and not all(run(case)[2] for _ in range(2))
+
+
+class Checkers:
+    """Runs of the checker, two at a time, of the cases that `choose` gives until it gives None."""
+
+    def __init__(self, choose):
+        self.choose, self.lock = choose, threading.Lock()
+        self.runs = self.exits_of_0 = self.wrong = self.late = 0
+        self.used = NOTHING  # at most, since it was last told
+        pool = concurrent.futures.ThreadPoolExecutor(2)
+        self.slots = [pool.submit(self.work) for _ in range(2)]
+
+    def work(self):
+        while True:
+            with self.lock:
+                case = self.choose()
+            if not case:
+                return
+            outcome, used, mistake = run(case)
+            excused = mistake is not None and late(case, outcome, used)
+            with self.lock:
+                self.runs += 1
+                self.exits_of_0 += outcome.status == 0
+                self.late += excused
+                self.wrong += mistake is not None and not excused
+                self.used = self.used.or_more(used)
+                if mistake:
+                    print(f"run {self.runs}{', right when repeated' * excused}: {mistake}\n"
+                          f"{json.dumps(case.scenario)}\n{outcome}", flush=True)
+
+    def join(self):
+        for slot in self.slots:
+            slot.result()
+
+
+class Cycles:
+    """The process that starts and stops collection all the while, with scenarios that succeed."""
+
+    def __init__(self, chance, cases):
+        self.chance, self.count, self.failed = chance, 0, False
+        self.scenarios = [case.scenario for case in cases
+                          if case.status == 0 and not case.messages and case.scenario != "soak.json"
+                          and not {"adsp", "ranges"} & case.scenario.keys()]  # there are values then
+        self.samples = []  # (seconds, Usage)
+        self.process = start("bench/Soak", stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.work = concurrent.futures.ThreadPoolExecutor(1).submit(self.run)
+
+    def run(self):
+        begin = time.monotonic()
+        while not stop.is_set() and not self.failed:
+            adsp = {"period_us": self.chance.choice([0, 100, 1000, 5000]),
+                    "ignore_log_mask": self.chance.choice([False, True])}
+            self.cycle({**self.chance.choice(self.scenarios), "adsp": adsp,
+                        "remote_mask": self.chance.choice([0, 7])})
+            elapsed = time.monotonic() - begin
+            if elapsed >= len(self.samples):
+                # A thread that ended may stay listed for a moment.
+                used = [usage(self.process.pid, "VmRSS") for _ in range(5)]
+                self.samples.append((elapsed, min(used, key=lambda one: one.threads)))
+        try:
+            self.process.communicate(timeout=GRACE)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+        self.failed = self.failed or self.process.wait() != 0
+
+    def cycle(self, scenario):
+        with contextlib.suppress(BrokenPipeError):  # there is no answer either
+            self.process.stdin.write(json.dumps(scenario).encode() + b"\n")
+            self.process.stdin.flush()
+        output, part, pipe = b"", b"?", self.process.stdout.fileno()
+        while part and not output.endswith(b"done\n"):
+            part = os.read(pipe, 65536) if select.select([pipe], [], [], GRACE)[0] else b""
+            output += part
+        self.failed = not output.endswith(b"done\n")
+        self.count += not self.failed
+        if self.failed:
+            print(f"cycle {self.count + 1}: {output.decode(errors='replace')}\n{json.dumps(scenario)}",
+                  flush=True)
+
+    def verdict(self):
+        """Whether nothing grew, and a phrase about it."""
+        used = [sample for seconds, sample in self.samples if seconds >= WARM_UP]
+        if len(used) < ENOUGH:
+            return True, "too few samples for a statement about memory, descriptors and threads"
+        quarter = len(used) // 4
+        first, last = (statistics.median(sample.memory for sample in part)
+                       for part in (used[:quarter], used[-quarter:]))
+        level = last - first <= TOLERANCE
+        text = f"memory {'level' if level else 'grows'} ({first:,.0f} kB -> {last:,.0f} kB)"
+        for name in ("descriptors", "threads"):
+            counts = {getattr(sample, name) for sample in used}
+            level = level and len(counts) == 1
+            text += f", {name} {'level' if len(counts) == 1 else f'not level (up to {max(counts)})'}"
+        return level, text
+
+
+def tell(checkers, cycles, begin):
+    with checkers.lock:
+        most, checkers.used = checkers.used, NOTHING
+    now = cycles.samples[-1][1] if cycles.samples else NOTHING
+    print(f"{(time.monotonic() - begin) / 60:6.1f} min: {checkers.runs:,} runs, {checkers.wrong} wrong, "
+          f"{checkers.late} late, at most {most}; {cycles.count:,} cycles, now {now}", flush=True)
+
+
+def soak_for(seconds, seed):
+    print(f"seed {seed}", flush=True)
+    cases, chance, begin = fault_cases() + driver_cases(), random.Random(seed), time.monotonic()
+    cycles = Cycles(random.Random(seed), cases)
+    checkers = Checkers(lambda: None if stop.is_set() else chance.choice(cases))
+    while not stop.is_set() and time.monotonic() < begin + seconds:
+        if not stop.wait(min(60, max(0, begin + seconds - time.monotonic()))):
+            tell(checkers, cycles, begin)
+    if stop.is_set():
+        tell(checkers, cycles, begin)
+    stop.set()
+    checkers.join()
+    cycles.work.result()
+    level, text = cycles.verdict()
+    good = level and not checkers.wrong and not cycles.failed and checkers.late <= checkers.runs * MOST_LATE
+    print(f"verdict: {'good' if good else 'bad'}: {checkers.runs:,} runs, {checkers.wrong} wrong, "
+          f"{checkers.late} late, {cycles.count:,} cycles{' and one that failed' * cycles.failed}, {text}")
+    return good
+
+
+def soak(count):
+    left = [case for case in driver_cases() if case.scenario == "soak.json"] * count
+    checkers = Checkers(lambda: left.pop() if left and not stop.is_set() else None)
+    checkers.join()
+    print(f"{checkers.exits_of_0} of {count} exit 0")
+    return checkers.exits_of_0 == count and not checkers.wrong
+
+
+def main():
+    parser = argparse.ArgumentParser(usage=__doc__[__doc__.index("script/soak"):])
+    parser.add_argument("count", nargs="?", type=int, default=1000)
+    parser.add_argument("--hours", type=float, default=0)
+    parser.add_argument("--minutes", type=float, default=0)
+    parser.add_argument("--seed", type=int, default=random.randrange(10 ** 6))
+    wanted = parser.parse_args()
+    seconds = wanted.hours * 3600 + wanted.minutes * 60
+    if wanted.count < 1 or not 0 <= seconds < float("inf"):
+        parser.error("these numbers are positive")
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, lambda *_: stop.set())
+    return 0 if (soak_for(seconds, wanted.seed) if seconds else soak(wanted.count)) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
