@@ -1,61 +1,25 @@
 #!/usr/bin/env python3
-"""Boots a 32-bit ARM kernel under emulation, where diagsimd serves a true /dev/diag, and runs the
-checker there; compares each run with one of the host's checker against the preloaded library.
+"""What script/test-device shows: the checker's runs on the emulated device, each compared with one of
+the host's checker against the preloaded library.
 
-usage: device.py FILES GUEST CHECKER LIBDIAGSIM
+usage: device.py scenarios ROOT
+       device.py judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM
 
-FILES is where the armhf packages were unpacked, GUEST the build tree of the armhf preset; CHECKER and
-LIBDIAGSIM are the host's own.
+The first writes the scenarios into the device's root folder. The second reads what init wrote to the
+console; GUEST_CHECKER is the device's program, CHECKER and LIBDIAGSIM are the host's own.
 """
 import concurrent.futures
-import glob
 import json
-import lzma
 import os
 import re
-import shutil
 import subprocess
 import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-FILES, GUEST, CHECKER, PRELOAD = sys.argv[1:5]
+with open(os.path.join(HERE, "scenarios.json")) as file:
+    SCENARIOS = json.load(file)  # the exit status that is due, and how the device behaves
 
-GOOD = "a good device"
-# The exit status that is due, and how the device behaves.
-SCENARIOS = {
-    GOOD: (0, {"adsp": {"period_us": 10000000}}),
-    "open refused": (1, {"open": {"errno": "EACCES"}}),
-    "busy": (1, {"open": {"errno": "EBUSY"}}),
-    "no log masks": (1, {"masks": {"log": False}}),
-    "mode switch refused": (1, {"mode_switch": {"accepts": "none"}}),
-    "mode by value": (0, {"mode_switch": {"accepts": "value"}}),
-    "withdrawal refused": (0, {"withdraw": {"result": 0}}),
-    "end not announced": (0, {"deinit": {"announce": False}}),
-    "end refused, not announced": (0, {"deinit": {"result": -1, "announce": False}}),
-    "empty reads": (0, {"empty_reads": 3}),
-    "hostile buffers": (0, {"at_open": ["10", "1000", "20000000", "08000000 4B", "40000000 01",
-                                        "00010000", "FFFFFFFF 00"],
-                            "requests": {"loopback": {"buffer_in_front": "20000000 FFFFFFFF"}}}),
-    "hostile range": (0, {"ranges": {"1": 4294967295}}),
-    "log storm": (0, {"adsp": {"period_us": 1000, "ignore_log_mask": True},
-                      "requests": {"any": {"log_in_front": "same_buffer"}}}),
-    "log disable unanswered": (1, {"requests": {"log_disable": {"drop": True}}}),
-    "loopback unanswered": (1, {"requests": {"loopback": {"drop": True}}}),
-    "loopback refused": (0, {"requests": {"loopback": {"refuse": True}}}),
-    "mask not written": (0, {"requests": {"log_mask": {"write_result": -1}}}),
-    "start partly written": (1, {"requests": {"start": {"write_result": 5}}}),
-    "start refused": (1, {"requests": {"start": {"refuse": True}}}),
-    "start too short": (1, {"requests": {"start": {"short": 2}}}),
-    "start garbled": (1, {"requests": {"start": {"chunk_length": 4294967295}}}),
-    "start late": (1, {"requests": {"start": {"delay_ms": 400}}}),
-    "read fails at start": (1, {"requests": {"start": {"fail_read": True}}}),
-    "gone at start": (1, {"requests": {"start": {"hang_up": True}}}),
-    "gone at stop": (1, {"requests": {"stop": {"hang_up": True}}}),
-    "stop refused": (1, {"requests": {"stop": {"refuse": True}}}),
-    "stop of another subsystem": (1, {"requests": {"stop": {"wrong_subsystem": True}}}),
-    "stop unanswered": (1, {"requests": {"stop": {"drop": True}}}),
-}
 # Data that no client understands, as long as the longest message.
 DEVICE = {"remote_mask": 5, "at_open": ["4D000000" + "00" * (100000 - 4)]}
 
@@ -76,14 +40,14 @@ class Outcome:
         self.trace.append(re.sub(r"(4B 12 2A 00)( [0-9A-F]{2}){8}$", r"\1 (time)", message))
 
 
-def on_host(scenario):
+def on_host(case, checker, library):
     outcome = Outcome()
     with tempfile.TemporaryDirectory() as folder:
         paths = {name: os.path.join(folder, name) for name in ("scenario", "trace")}
-        write_json(paths["scenario"], scenario)
-        environment = dict(os.environ, LD_PRELOAD=PRELOAD, DIAGSIM_TRACE=paths["trace"],
+        write_json(paths["scenario"], case["device"])
+        environment = dict(os.environ, LD_PRELOAD=library, DIAGSIM_TRACE=paths["trace"],
                            DIAGSIM_SCENARIO=paths["scenario"])
-        run = subprocess.run([CHECKER], env=environment, stdin=subprocess.DEVNULL, text=True,
+        run = subprocess.run([checker], env=environment, stdin=subprocess.DEVNULL, text=True,
                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
         outcome.status = run.returncode
         for line in run.stdout.splitlines():
@@ -99,63 +63,13 @@ def write_json(path, value):
         json.dump(value, file)
 
 
-def only(pattern):
-    # Newer releases have everything in usr/.
-    found = [path for root in (FILES, os.path.join(FILES, "usr"))
-             for path in glob.glob(os.path.join(root, pattern))]
-    if len(found) != 1:
-        sys.exit(f"device.py: expected one {pattern} in {FILES}, found {len(found)}")
-    return found[0]
-
-
-def make_initramfs(path):
-    with tempfile.TemporaryDirectory() as root:
-        for folder in ("bin", "dev", "proc", "sys", "scenarios"):
-            os.mkdir(os.path.join(root, folder))
-        programs = [os.path.join(GUEST, *name) for name in
-                    (("tests", "device", "DeviceTest"), ("sim", "diagsimd"))]
-        for program in programs:
-            subprocess.run(["arm-linux-gnueabihf-strip", "-o",
-                            os.path.join(root, "bin", os.path.basename(program)), program], check=True)
-        shutil.copy(stripped_checker(root), os.path.join(root, "bin", "adsppm-check"))
-        shutil.copy(only("bin/busybox"), os.path.join(root, "bin"))
-        shutil.copy(os.path.join(HERE, "init"), root)
-        for name in ("fuse", "cuse"):
-            module = only(f"lib/modules/*/kernel/fs/fuse/{name}.ko*")
-            with (lzma.open if module.endswith(".xz") else open)(module, "rb") as source, \
-                    open(os.path.join(root, name + ".ko"), "wb") as target:
-                shutil.copyfileobj(source, target)
-        for name, (_, scenario) in SCENARIOS.items():
-            write_json(os.path.join(root, "scenarios", name + ".json"), scenario)
-        write_json(os.path.join(root, "good.json"), {})
-        write_json(os.path.join(root, "slow-stop.json"), {"requests": {"stop": {"delay_ms": 200}}})
-        write_json(os.path.join(root, "device.json"), DEVICE)
-        with open(path, "wb") as archive:
-            names = subprocess.run(["find", "."], cwd=root, stdout=subprocess.PIPE, check=True)
-            subprocess.run(["cpio", "--create", "--format=newc", "--quiet"], cwd=root,
-                           input=names.stdout, stdout=archive, check=True)
-
-
-def stripped_checker(folder):
-    path = os.path.join(folder, "adsppm-check")
-    subprocess.run(["arm-linux-gnueabihf-strip", "-o", path,
-                    os.path.join(GUEST, "app", "adsppm-check-static")], check=True)
-    return path
-
-
-def boot(initramfs):
-    """The console's lines. Time there is counted in instructions: how busy this machine is has no
-    bearing on any time-out, and waits cost nothing."""
-    command = ["timeout", "-k", "5", "300", "qemu-system-arm", "-M", "virt", "-cpu", "cortex-a15", "-smp", "1", "-m", "512",
-               "-icount", "shift=1,sleep=off", "-rtc", "clock=vm", "-display", "none", "-nodefaults",
-               "-serial", "stdio", "-no-reboot", "-kernel", only("boot/vmlinuz-*"), "-initrd",
-               initramfs, "-append", "console=ttyAMA0 quiet loglevel=1 panic=-1 rdinit=/init"]
-    console = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
-    lines = console.stdout.decode(errors="replace").replace("\r", "").splitlines()
-    if "@@ end" not in lines:
-        print("\n".join(lines[-40:]))
-        sys.exit(f"device.py: the emulated device did not reach its end, status {console.returncode}")
-    return lines
+def write_scenarios(root):
+    os.mkdir(os.path.join(root, "scenarios"))
+    for name, case in SCENARIOS.items():
+        write_json(os.path.join(root, "scenarios", name + ".json"), case["device"])
+    write_json(os.path.join(root, "good.json"), {})
+    write_json(os.path.join(root, "slow-stop.json"), {"requests": {"stop": {"delay_ms": 200}}})
+    write_json(os.path.join(root, "device.json"), DEVICE)
 
 
 class Console:
@@ -213,7 +127,7 @@ def compare(name, guest, host):
         return difference([guest.status, *guest.lines], [host.status, *host.lines],
                           f"exit status than {host.due}")
     return (difference(guest.lines, host.lines, "log") or
-            (difference(guest.trace, host.trace, "traffic") if name == GOOD else ""))
+            (difference(guest.trace, host.trace, "traffic") if name == "a good device" else ""))
 
 
 def judge(console, hosts, size):
@@ -242,24 +156,31 @@ def judge(console, hosts, size):
     return results
 
 
-def main():
-    with tempfile.TemporaryDirectory() as folder:
-        size = os.path.getsize(stripped_checker(folder))
-        initramfs = os.path.join(folder, "initrd.cpio")
-        make_initramfs(initramfs)
-        console = Console(boot(initramfs))
-    scenarios = dict(SCENARIOS, **{"no node": (1, {"open": {"errno": "ENOENT"}})})
+def main(console, guest_checker, checker, library):
+    with open(console, errors="replace") as file:
+        lines = file.read().replace("\r", "").splitlines()
+    if "@@ end" not in lines:
+        print("\n".join(lines[-40:]))
+        sys.exit("device.py: the emulated device did not reach its end")
+    cases = dict(SCENARIOS, **{"no node": {"status": 1, "device": {"open": {"errno": "ENOENT"}}}})
+
+    def run(case):
+        host = on_host(case, checker, library)
+        host.due = case["status"]
+        return host
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
-        hosts = dict(zip(scenarios, pool.map(on_host, (scenario for _, scenario in scenarios.values()))))
-    for name, (status, scenario) in scenarios.items():
+        hosts = dict(zip(cases, pool.map(run, cases.values())))
+    for name, case in cases.items():
         # Time is real here: a run that failed because this machine was busy is tried again alone.
-        if hosts[name].status != status:
-            hosts[name] = on_host(scenario)
-        hosts[name].due = status
-    results = judge(console, hosts, size)
+        if hosts[name].status != case["status"]:
+            hosts[name] = run(case)
+    results = judge(Console(lines), hosts, os.path.getsize(guest_checker))
     print(f"{results.passed} passed, {results.failed} failed")
     return 1 if results.failed else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    if sys.argv[1] == "scenarios":
+        write_scenarios(sys.argv[2])
+    else:
+        sys.exit(main(*sys.argv[2:]))
