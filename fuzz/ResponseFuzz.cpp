@@ -1,13 +1,11 @@
 // Fed: packets that stand in for the answers to the requests of one start and one stop, up to nine
 // of them. Must hold: the start succeeds exactly when the set-up's answers and its own say so, the
 // stop when its own does; afterwards the session is closed, and the next one is not hurt.
-#include "diag_lsm/diag_lsm.h"
-#include "fuzz/Session.h"
+#include "fuzz/ForgetSession.h"
 
 using fuzz::Bytes;
 using fuzz::mustHold;
 using tavrik::ADSPPM;
-using tavrik::DIAG;
 
 namespace {
 
@@ -40,16 +38,6 @@ bool accepts(const Rule& rule, Bytes answer) {
     });
 }
 
-// A session that failed would stay failed for the process.
-void forgetFailure() {
-    if (fd != -1) Diag_LSM_DeInit();
-    mustHold(!fuzz::device().isOpen(), "the device is closed");
-    DIAG::instance()->inError = false;
-    ADSPPM& adsppm = *ADSPPM::instance();
-    tavrik::LockGuard guard(adsppm.lock);
-    adsppm.state = ADSPPM::idle;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -74,6 +62,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     mustHold(started == startAccepted, "a start succeeds when its answers say so");
     const bool stopped = ADSPPM::instance()->stopMetricCollection();
     mustHold(stopped == (started && stopAccepted), "a stop succeeds when its answer says so");
-    forgetFailure();
+    fuzz::forgetSession();
     return 0;
 }
