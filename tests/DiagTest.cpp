@@ -115,36 +115,18 @@ TEST_F(Session, OneRequestIsOutstandingAtATime) {
     EXPECT_EQ(kinds, (std::vector<std::string>{"host", "adsp", "host", "adsp", "host", "adsp"}));
 }
 
-TEST_F(Session, ALateAnswerReachesNobodyAndLetsTheQueueGoOn) {
-    plug(R"({"requests": {"loopback": {"on": [1], "delay_ms": 400}}})");
-    Answer patientOne;
-    {
-        Answer late;
-        EXPECT_FALSE(exchange(late));
-        EXPECT_TRUE(send(patientOne));
-        EXPECT_EQ(lines("loopback request").size(), 1u) << "the unanswered one stays in front";
-    }  // its answer comes when it is gone
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(patientOne));
-}
-
-TEST_F(Session, ARefusedSendQueuesNothing) {
-    plug(R"({"requests": {"loopback": {"on": [1, 3], "write_result": 5}}})");
-    Answer answer;
-    EXPECT_FALSE(send(answer));
-    EXPECT_TRUE(exchange(answer));
-    EXPECT_FALSE(send(answer));
-    EXPECT_FALSE(answer.accepted) << "nothing is left of an earlier answer";
-}
-
-TEST_F(Session, AQueuedRequestThatCannotBeSentMakesWay) {
-    plug(
-        R"({"requests": {"loopback": [{"on": [1], "delay_ms": 20}, {"on": [2], "write_result": -1}]}})");
+TEST_F(Session, ARequestThatCannotBeSentIsInNobodysWay) {
+    plug(R"({"requests": {"loopback": [{"on": [1], "delay_ms": 20},
+                                       {"on": [2, 4], "write_result": 5}]}})");
     Answer first, refused, last;
     EXPECT_TRUE(send(first) && send(refused) && send(last));
     EXPECT_TRUE(DIAG::instance()->awaitResponse(last));
     EXPECT_TRUE(DIAG::instance()->awaitResponse(first));
     EXPECT_FALSE(refused.accepted);
     EXPECT_FALSE(DIAG::instance()->awaitResponse(refused));
+    EXPECT_FALSE(send(first));
+    EXPECT_FALSE(first.accepted) << "nothing is left of an earlier answer";
+    EXPECT_TRUE(exchange(last));
 }
 
 // --- Frames -----------------------------------------------------------------------------------
@@ -164,28 +146,23 @@ TEST_F(Session, FramesAreCutUnescapedAndAnswerInOrder) {
 }
 
 TEST_F(Session, StrayAndCutFramesAreDroppedWithOneWarning) {
-    EXPECT_EQ(occurrences(warnings({75, 1, 2, 0x7E}),
-                          "[DIAG]: WARN DIAG::onDIAGData() received unsolicited response: 75\n"),
-              1);
-    EXPECT_EQ(occurrences(warnings({0x7E}), "received unsolicited response: 126\n"), 1);
+    expectOnce("[DIAG]: WARN DIAG::onDIAGData() received unsolicited response: 75\n", [] {
+        receive({75, 1, 2, 0x7E});
+    });
+    expectOnce("received unsolicited response: 126\n", [] { receive({0x7E}); });
     EXPECT_EQ(warnings({}), "");
     for (const Bytes& cut : {Bytes{1, 2, 3}, Bytes{1, 2, 0x7D}, Bytes{0x7D}, Bytes(1, 0x5E)}) {
-        EXPECT_EQ(occurrences(warnings(cut), "without an end flag\n"), 1);
+        expectOnce("without an end flag\n", [&] { receive(cut); });
     }
 }
 
 TEST_F(Session, LogRecordsAreCheckedAndPadded) {
     Log log;
     ASSERT_TRUE(DIAG::instance()->registerLogListener(code, &log));
-    const auto packet = [](int claimed, size_t following) {
-        Bytes bytes = {16,
-                       0,
-                       0,
-                       0,
-                       static_cast<unsigned char>(claimed),
-                       static_cast<unsigned char>(claimed >> 8),
-                       0x45,
-                       0x16};
+    const auto packet = [](uint64_t claimed, size_t following) {
+        Bytes bytes = {16, 0, 0, 0};
+        diagsim::appendWord(bytes, claimed, 2);
+        diagsim::appendWord(bytes, code, 2);
         bytes.resize(4 + following, 0x33);
         bytes.push_back(0x7E);
         return bytes;
@@ -205,7 +182,7 @@ TEST_F(Session, LogRecordsAreCheckedAndPadded) {
     EXPECT_EQ(records[3][90], 0);
     for (const Bytes& bad : {packet(93, 92), packet(0xFFFF, 92), packet(31, 30),
                              Bytes{16, 0, 0, 0, 4, 0, 0x45, 0x7E}, Bytes{16, 0x7E}}) {
-        EXPECT_EQ(occurrences(warnings(bad), "DIAG::onDIAGData() dropped a log "), 1);
+        expectOnce("DIAG::onDIAGData() dropped a log ", [&] { receive(bad); });
     }
     Bytes foreign = packet(0xFFFF, 30);
     foreign[6] = 0x46;
@@ -259,18 +236,15 @@ TEST_F(Session, NoBitLeavesTheBufferWhateverTheRange) {
     Log log;
     const auto registered = [&](const std::string& range, unsigned short logCode) {
         plug("{\"ranges\": {\"1\": " + range + "}}");
-        const std::string output = outputOf([&] {
+        return outputOf([&] {
             DIAG::instance()->registerLogListener(logCode, &log);
             DIAG::instance()->unregisterLogListener(logCode, &log);
         });
-        return output;
     };
-    for (const char* huge : {"4294967295", "4294967288", "65537"}) {
-        EXPECT_EQ(occurrences(registered(huge, 0x1645),
-                              "[DIAG]: ERROR loggingCfgSetReq failed to allocate message buffer\n"),
-                  2);
-        EXPECT_TRUE(lines("host    log mask").empty());
-    }
+    EXPECT_EQ(occurrences(registered("65537", 0x1645),
+                          "[DIAG]: ERROR loggingCfgSetReq failed to allocate message buffer\n"),
+              2);
+    EXPECT_TRUE(lines("host    log mask").empty());
     EXPECT_EQ(registered("65536", 0x1FFF), "");
     EXPECT_EQ(lines("host    log mask request").size(), 1u) << "the last code of an equipment id";
     plug(R"({"ranges": {"15": 4096}})");
@@ -278,7 +252,6 @@ TEST_F(Session, NoBitLeavesTheBufferWhateverTheRange) {
     EXPECT_TRUE(DIAG::instance()->unregisterLogListener(0xFFFF, &log));
     EXPECT_EQ(registered("8", 0x1008), "") << "the item behind the last byte";
     EXPECT_EQ(lines("host    log mask clear request").size(), 2u) << "no bit fits";
-    EXPECT_EQ(registered("0", 0x1000), "");
 }
 
 TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
@@ -288,9 +261,8 @@ TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
     EXPECT_TRUE(diag->unregisterLogListener(code, &log));
     plug(R"({"requests": {"log_ranges": {"short": 73}}})");
     Answer answer;
-    EXPECT_EQ(occurrences(outputOf([&] { EXPECT_FALSE(send(answer)); }),
-                          "[DIAG]: ERROR loggingCfgRetrieveRangesReq response timeout\n"),
-              1);
+    expectOnce("[DIAG]: ERROR loggingCfgRetrieveRangesReq response timeout\n",
+               [&] { EXPECT_FALSE(send(answer)); });
     EXPECT_TRUE(device().isOpen()) << "left initialised";
     const std::string output = outputOf([&] {
         EXPECT_FALSE(send(answer));
@@ -336,30 +308,8 @@ TEST_F(Session, AMaskWaitsForTheOneUnderWay) {
     ASSERT_TRUE(seen("host    log mask request"));
     EXPECT_TRUE(diag->registerLogListener(0x1002, &b));
     first.join();
-    EXPECT_TRUE(diag->unregisterLogListener(0x1001, &a));
+    EXPECT_TRUE(diag->unregisterLogListener(0x1001, &a)) << "the failure left it registered";
     EXPECT_TRUE(diag->unregisterLogListener(0x1002, &b));
-}
-
-TEST_F(Session, ADisconnectLetsTheReaderFinish) {
-    std::string strays;
-    for (int i = 0; i < 200; ++i)
-        strays += "797E";
-    plug(R"({"requests": {"log_mask_clear": {"log_behind": "own_buffer", "raw_behind": ")" +
-         strays + "\"}}}");
-    Log log;
-    outputOf([&] {
-        for (int i = 0; i < 100; ++i) {
-            EXPECT_TRUE(DIAG::instance()->registerLogListener(code, &log));
-            EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
-        }
-    });
-}
-
-TEST_F(Session, ARefusedMaskLeavesTheListener) {
-    plug(R"({"requests": {"log_mask": {"refuse": true}}})");
-    Log log;
-    EXPECT_FALSE(DIAG::instance()->registerLogListener(code, &log));
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
 }
 
 TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {

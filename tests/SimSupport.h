@@ -3,13 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -79,6 +79,11 @@ inline int occurrences(const std::string& text, const std::string& part) {
     return count;
 }
 
+template <typename Code>
+void expectOnce(const std::string& text, Code code) {
+    EXPECT_EQ(occurrences(outputOf(code), text), 1) << text;
+}
+
 // What callbacks were handed on the reader, for the test to wait for.
 template <typename T>
 class Collector {
@@ -109,24 +114,17 @@ class Collector {
 class Stopwatch {
   public:
     long milliseconds() const {
-        return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                     std::chrono::steady_clock::now() - begin)
-                                     .count());
+        const auto passed = std::chrono::steady_clock::now() - begin;
+        return static_cast<long>(passed / std::chrono::milliseconds(1));
     }
 
   private:
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
 
-inline int entriesOf(const char* directory) {
-    DIR* dir = opendir(directory);
-    int count = 0;
-    while (readdir(dir))
-        ++count;
-    closedir(dir);
-    return count;
+inline long openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
-inline int openDescriptors() { return entriesOf("/proc/self/fd"); }
 
 // A number of /proc/self/status, such as "Threads:" or "VmRSS:" (kilobytes).
 inline long processStatus(const std::string& key) {
