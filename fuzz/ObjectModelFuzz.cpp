@@ -1,7 +1,8 @@
 // Fed: a program of bytes that drives six handles, all of which begin on one tree: they are led
 // elsewhere, written, erased from, copied and assigned, into their own tree too, and read.
-// Must hold: no step touches what another one freed; what was written is read; a handle has one
-// type; in the end a copy of each handle's node has the node's text.
+// Must hold: no step touches what another one freed; what was written, copied or assigned is read,
+// wherever in the tree it came from; a handle has one type; in the end a copy of each handle's node
+// has the node's text.
 #include <memory>
 #include <utility>
 
@@ -17,6 +18,31 @@ std::string compact(const JSOM& handle) {
     std::string text;
     handle.toCompactString(text);
     return text;
+}
+
+void writeText(JSOM& to, const JSOM& from) {
+    const std::string text = from.stringValuePtr("");
+    to.setString(from.stringValuePtr(""));
+    mustHold(to == JSOM::JERROR || to.stringValue("none") == text, "a text, its own too");
+}
+
+void parse(JSOM& to, const std::string& own, const char* text) {
+    JSOM other;
+    other.fromString(own);
+    const bool good = to.fromString(text) != JSOM::JERROR;
+    mustHold(!good || compact(to) == compact(other), "a parsed text, its own too");
+}
+
+void assign(JSOM& to, const JSOM& from) {
+    const std::string text = compact(from.hasNode() ? from : to);
+    to = from;
+    mustHold(to == JSOM::JERROR || compact(to) == text, "an assigned value");
+}
+
+void copy(JSOM& to, const JSOM& from) {
+    const std::string text = from.hasNode() ? compact(from) : "false";
+    to.copy(from);
+    mustHold(to == JSOM::JERROR || compact(to) == text, "a copied value");
 }
 
 struct Program : fuzz::Feed {
@@ -40,16 +66,20 @@ void (*const steps[])(Program&, JSOM&) = {
     [](Program& p, JSOM& h) { p.put(std::as_const(h)[p.index()]); },
     [](Program& p, JSOM& h) { p.put(h.at(h.stringValuePtr("a"))); },
     [](Program& p, JSOM& h) { p.put(h); },
-    [](Program& p, JSOM& h) { h.setString(p.one().stringValuePtr("")); },
+    [](Program& p, JSOM& h) { writeText(h, p.one()); },
     [](Program& p, JSOM& h) { h.setLong(p.byte()); },
     [](Program& p, JSOM& h) { h.setDouble(p.byte() / 4.0L); },
     [](Program& p, JSOM& h) { h.setString(p.text()); },
     [](Program& p, JSOM& h) { h.erase(p.index()); },
     [](Program& p, JSOM& h) { h.erase(p.key()); },
     [](Program&, JSOM& h) { h.clear(); },
-    [](Program& p, JSOM& h) { h = p.one(); },
-    [](Program& p, JSOM& h) { h.copy(p.one()); },
-    [](Program& p, JSOM& h) { h.fromString(p.one().stringValuePtr(p.text().c_str())); },
+    [](Program& p, JSOM& h) { assign(h, p.one()); },
+    [](Program& p, JSOM& h) { copy(h, p.one()); },
+    [](Program& p, JSOM& h) {
+        const JSOM& from = p.one();
+        const std::string def = p.text();
+        parse(h, from.stringValuePtr(def.c_str()), from.stringValuePtr(def.c_str()));
+    },
     [](Program&, JSOM& h) { h.expandValues(); },
     [](Program&, JSOM& h) { mustHold(h.booleanValue(true) || h.hasNode(), "the default"); },
     [](Program& p, JSOM& h) { h.setBoolean(h.longValue(1) < h.doubleValue(p.byte())); }};
