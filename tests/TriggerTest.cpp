@@ -1,29 +1,19 @@
 // Triggers, their registry and the queues behind them.
-#include <sys/prctl.h>
-#include <unistd.h>
-
-#include <array>
 #include <atomic>
-#include <functional>
 #include <future>
+#include <map>
 
 #include "log/Time.h"
-#include "metric/MetricRegistry.h"
 #include "runtime/SelfDestructingObject.h"
 #include "tests/SimSupport.h"
-#include "trigger/TriggerRegistry.h"
+#include "tests/Support.h"
+#include "trigger/Trigger.h"
 
 namespace tavrik {
 namespace {
 
 using Texts = std::vector<std::string>;
 using Notes = Collector<std::string>;
-
-std::string threadName() {
-    char name[16] = "";
-    prctl(PR_GET_NAME, name);
-    return name;
-}
 
 // Notes what it hears and its own end.
 class Ear : public Trigger::Listener, public SelfDestructingObject {
@@ -32,60 +22,40 @@ class Ear : public Trigger::Listener, public SelfDestructingObject {
     ~Ear() override { notes.put("gone"); }
     void reserve() override { SelfDestructingObject::reserve(); }
     bool release() override { return SelfDestructingObject::release(); }
-    void onTriggerEnabled(Trigger*) override { notes.put("enabled on " + threadName()); }
-    void onTriggerDisabled(Trigger*) override { notes.put("disabled on " + threadName()); }
+    void onTriggerEnabled(Trigger* trigger) override { note("enabled at ", trigger); }
+    void onTriggerDisabled(Trigger* trigger) override { note("disabled at ", trigger); }
     void onTriggerValueChange(Trigger* trigger) override {
-        notes.put(std::to_string(trigger->getPreviousValue()) + " to " +
-                  std::to_string(trigger->getValue()) + " on " + threadName());
-        if (onChange) onChange(trigger);
+        note(std::to_string(trigger->getPreviousValue()) + " to ", trigger);
+        if (trigger->getValue() == held) open.get_future().wait();
     }
-    std::function<void(Trigger*)> onChange;
+    std::atomic<int> held{-1000};  // the value at whose change it waits for `open`
+    std::promise<void> open;
 
   private:
+    void note(const std::string& what, const Trigger* trigger) {
+        notes.put(threadName() + ": " + what + std::to_string(trigger->getValue()));
+    }
     Notes& notes;
 };
 
-// A metric of the trigger "tested": "description|value"; empty when there is none. Not all are
-// collected: the number of subscribers waits for notifications.
-std::string metric(const std::string& wanted) {
-    struct Walk : MetricRegistry::Visitor {
-        bool visitMetric(Metric* metric) override {
-            if (metric->instance != "tested" || metric->name != name) return false;
-            found = metric->description + "|" + std::to_string(static_cast<int>(metric->collect()));
-            return true;
-        }
-        std::string name;
-        std::string found;
-    } walk;
-    walk.name = wanted;
-    MetricRegistry::Instance()->visit(walk);
-    return walk.found;
-}
-
 int number(const std::string& name) {
-    const std::string text = metric(name);
+    const std::string text = metric("tested", name);
     return std::stoi(text.substr(text.rfind('|') + 1));
 }
 
-// The faults that these tests look for are hangs, too: one ends the process.
 class TriggerTest : public testing::Test {
   protected:
     void SetUp() override {
-        alarm(240);
         ear->reserve();
         trigger->subscribe(ear);
-        ear->onChange = [this](Trigger* changed) {
-            if (changed->getValue() == held) open.get_future().wait();
-        };
     }
     void TearDown() override {
         trigger.reset();
         EXPECT_TRUE(ear->release()) << "the trigger has given its reference back";
-        alarm(0);
     }
-    // Enables the trigger and holds its drain at a value until `open` is set.
+    // Enables the trigger and holds its drain at a value until the ear is opened.
     void holdAt(int value) {
-        held = value;
+        ear->held = value;
         trigger->setEnabled(true);
         trigger->setValue(value);
         notes.waitFor(2);
@@ -99,8 +69,6 @@ class TriggerTest : public testing::Test {
     Notes notes;
     Ear* const ear = new Ear(notes);
     std::unique_ptr<Trigger> trigger = std::make_unique<Trigger>("tested");
-    std::promise<void> open;
-    std::atomic<int> held{-1000};
 };
 
 }  // namespace
@@ -123,7 +91,8 @@ TEST_F(TriggerTest, WhileDisabledValuesAreAppliedSilentlyAndAtOnce) {
 
     for (const bool enable : {false, true, true, false})
         trigger->setEnabled(enable);
-    EXPECT_EQ(notes.take(), (Texts{"enabled on " + threadName(), "disabled on " + threadName()}));
+    EXPECT_EQ(notes.take(),
+              (Texts{threadName() + ": enabled at 6", threadName() + ": disabled at 6"}));
     EXPECT_GE(trigger->getEnabledTime(), first);
     EXPECT_GE(trigger->getDisabledTime(), trigger->getEnabledTime());
 }
@@ -133,16 +102,16 @@ TEST_F(TriggerTest, ChangesOfTheRequestedValueAreHeardInOrderOnAWorker) {
     notes.take();
     for (const int value : {1, 2, 3, 3, 4, 3})
         trigger->setValue(value);
-    EXPECT_EQ(heard(), (Texts{"0 to 1 on Default Worker", "1 to 2 on Default Worker",
-                              "2 to 3 on Default Worker", "3 to 4 on Default Worker",
-                              "4 to 3 on Default Worker"}));
+    EXPECT_EQ(heard(),
+              (Texts{"Default Worker: 0 to 1", "Default Worker: 1 to 2", "Default Worker: 2 to 3",
+                     "Default Worker: 3 to 4", "Default Worker: 4 to 3"}));
     for (const int value : {9, 9})
         trigger->setValueQuietly(value);
     trigger->setValue(3);
     EXPECT_EQ(heard(), Texts{}) << "the last requested value, whatever was applied quietly";
     EXPECT_EQ(trigger->getValue(), 9);
     trigger->setValue(9);
-    EXPECT_EQ(heard(), Texts{"9 to 9 on Default Worker"});
+    EXPECT_EQ(heard(), Texts{"Default Worker: 9 to 9"});
     EXPECT_EQ(trigger->getChangeCount(), 7);
     EXPECT_EQ(trigger->getSetCount(), 10);
 }
@@ -155,11 +124,11 @@ TEST_F(TriggerTest, UnsubscribingIsAppliedByTheNotifier) {
     holdAt(1);
     trigger->unsubscribe(other);
     trigger->setValue(2);
-    open.set_value();
+    ear->open.set_value();
     heard();
     const Texts all = otherNotes.take();
-    EXPECT_EQ(std::count(all.begin(), all.end(), "0 to 1 on Default Worker"), 2);
-    EXPECT_EQ(std::count(all.begin(), all.end(), "1 to 2 on Default Worker"), 1);
+    EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 0 to 1"), 2);
+    EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 1 to 2"), 1);
     EXPECT_EQ(std::count(all.begin(), all.end(), "gone"), 1);
     EXPECT_EQ(trigger->getChangeCount(), 2) << "a maintenance entry is no change";
     trigger.reset();
@@ -168,25 +137,14 @@ TEST_F(TriggerTest, UnsubscribingIsAppliedByTheNotifier) {
 
 // Either the enabling comes second, then its listeners find the value, or the value is heard of.
 TEST_F(TriggerTest, NoValueIsLostBetweenSettingAndEnabling) {
-    std::atomic<int> seen{0};
-    struct Watcher : Trigger::Listener {
-        explicit Watcher(std::atomic<int>& value) : last(value) {}
-        void reserve() override {}
-        bool release() override { return false; }
-        void onTriggerEnabled(Trigger* changed) override { last = changed->getValue(); }
-        void onTriggerValueChange(Trigger* changed) override { last = changed->getValue(); }
-        std::atomic<int>& last;
-    } watcher(seen);
-    trigger->subscribe(&watcher);
     for (int value = 1; value <= 2000; ++value) {
         std::thread setter([&] { trigger->setValue(value); });
         trigger->setEnabled(true);
         setter.join();
-        heard();
-        ASSERT_EQ(seen, value);
+        const std::string last = heard().back();
+        ASSERT_EQ(last.substr(last.rfind(' ') + 1), std::to_string(value));
         trigger->setEnabled(false);
     }
-    trigger.reset();
 }
 
 TEST_F(TriggerTest, MetricsTellWhatHappens) {
@@ -194,23 +152,23 @@ TEST_F(TriggerTest, MetricsTellWhatHappens) {
     for (const int value : {2, 3, 4, 4})
         trigger->setValue(value);
     EXPECT_EQ(number("Queue Size"), 4);
-    open.set_value();
+    ear->open.set_value();
     heard();
     const std::pair<const char*, const char*> expected[] = {
-        {"Queue Size", "the size of the queue that manages pending changes.|0"},
-        {"Max Queue Size", "the maxium number of events that waited in the queue.|3"},
-        {"Set Count", "the number of times the trigger has been set.|5"},
-        {"Change Count", "the number of times the trigger has been changed.|4"},
-        {"Subscriber Count", "the number of subscribers for trigger events.|1"}};
+        {"Queue Size", "Trigger|the size of the queue that manages pending changes.|0"},
+        {"Max Queue Size", "Trigger|the maxium number of events that waited in the queue.|3"},
+        {"Set Count", "Trigger|the number of times the trigger has been set.|5"},
+        {"Change Count", "Trigger|the number of times the trigger has been changed.|4"},
+        {"Subscriber Count", "Trigger|the number of subscribers for trigger events.|1"}};
     for (const auto& each : expected)
-        EXPECT_EQ(metric(each.first), each.second);
+        EXPECT_EQ(metric("tested", each.first), each.second);
 
     for (int value = 101; value <= 200; ++value)
         trigger->setValue(value);
     trigger.reset();
     EXPECT_EQ(notes.take().size(), 100u) << "a trigger that goes delivers first";
     for (const auto& each : expected)
-        EXPECT_EQ(metric(each.first), "");
+        EXPECT_EQ(metric("tested", each.first), "");
 }
 
 // Half of the threads set values of their own, half of them the same few, where a value that is
@@ -224,10 +182,9 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
             values.push_back(changed->getValue());
         }
         std::vector<int> values{0};
-    } first, second;
+    } log;
     constexpr int count = sanitized ? 1000 : 10000;
-    trigger->subscribe(&first);
-    trigger->subscribe(&second);
+    trigger->subscribe(&log);
     trigger->setEnabled(true);
     std::vector<std::thread> setters;
     for (int thread = 1; thread <= 8; ++thread)
@@ -238,36 +195,21 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
     for (std::thread& setter : setters)
         setter.join();
     const Texts all = heard();
-    EXPECT_EQ(all.size(), first.values.size()) << "whose first is the enabling";
-    EXPECT_EQ(first.values, second.values);
-    EXPECT_EQ(std::adjacent_find(first.values.begin(), first.values.end()), first.values.end());
-    EXPECT_EQ(first.values.back(), trigger->getRequestedValue());
-    std::array<int, 5> last{};
-    for (const int value : first.values) {
+    EXPECT_EQ(all.size(), log.values.size()) << "whose first is the enabling";
+    EXPECT_EQ(std::adjacent_find(log.values.begin(), log.values.end()), log.values.end());
+    EXPECT_EQ(log.values.back(), trigger->getRequestedValue());
+    std::map<int, int> last;
+    for (const int value : log.values) {
         if (value < 1000000) continue;
-        int& previous = last[static_cast<size_t>(value / 1000000)];
-        EXPECT_EQ(value % 1000000, ++previous);
+        EXPECT_EQ(value % 1000000, ++last[value / 1000000]);
     }
-    EXPECT_EQ(last, (std::array<int, 5>{0, count, count, count, count}));
-    const int changes = static_cast<int>(first.values.size()) - 1;
+    EXPECT_EQ(last, (std::map<int, int>{{1, count}, {2, count}, {3, count}, {4, count}}));
+    const int changes = static_cast<int>(log.values.size()) - 1;
     EXPECT_EQ(number("Set Count"), 8 * count);
     EXPECT_EQ(number("Change Count"), changes);
     EXPECT_LE(number("Max Queue Size"), changes);
     EXPECT_GE(number("Max Queue Size"), 1);
     trigger.reset();  // before its listeners
-}
-
-TEST(TriggerRegistryTest, OneTriggerPerNameHoweverManyAskFirst) {
-    for (int trial = 0; trial < 50; ++trial) {
-        const std::string name = "trial " + std::to_string(trial);
-        std::array<Trigger*, 2> found{};
-        std::vector<std::thread> threads;
-        for (Trigger*& trigger : found)
-            threads.emplace_back([&] { trigger = TriggerRegistry::getTrigger(name); });
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_EQ(found[0], found[1]);
-    }
 }
 
 TEST(TaskQueueTest, ProducersWaitForRoomUntilCloseLetsThemGo) {
@@ -294,24 +236,18 @@ TEST(TaskQueueTest, ProducersWaitForRoomUntilCloseLetsThemGo) {
         queue.began.get_future().wait();
         for (const int entry : {1, 2})
             queue.add(entry);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 3; ++i)
-            threads.emplace_back([&] {
+        std::thread producers[3];
+        for (std::thread& producer : producers)
+            producer = std::thread([&] {
                 for (int entry = 0; entry < (closing ? 1 : 200); ++entry)
                     queue.add(entry);
             });
-        if (closing) {
-            std::thread closer([&] { queue.close(); });
-            for (std::thread& producer : threads)
-                producer.join();
-            queue.goOn.set_value();
-            closer.join();
-        } else {
-            queue.goOn.set_value();
-            for (std::thread& producer : threads)
-                producer.join();
-            queue.close();
-        }
+        std::thread closer([&] { closing ? queue.close() : queue.goOn.set_value(); });
+        for (std::thread& producer : producers)
+            producer.join();
+        if (closing) queue.goOn.set_value();
+        closer.join();
+        queue.close();
         EXPECT_EQ(queue.all.size(), closing ? 3u : 603u);
     }
 }
