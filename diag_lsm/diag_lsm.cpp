@@ -118,7 +118,18 @@ void diag_socket_init() {
 // Its only job is to interrupt the read; anything more would not be safe in a signal handler.
 void dummy_handler(int) {}
 
+// A signal of the process (an alarm, a child's end) that the kernel hands to this thread would end
+// its read for good. What a thread brings upon itself cannot be put off.
+void refuse_other_signals() {
+    sigset_t set;
+    sigfillset(&set);
+    for (const int own : {signal_number, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        sigdelset(&set, own);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 void accept_signal() {
+    refuse_other_signals();
     struct sigaction action {};
     action.sa_handler = dummy_handler;  // no SA_RESTART: the read is to return
     sigemptyset(&action.sa_mask);

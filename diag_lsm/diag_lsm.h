@@ -8,7 +8,7 @@
 //
 // Threads: "reader thread" is the one that Diag_LSM_Init() starts; every callback and command
 // handler runs on it. Signal 12 (SIGUSR2) is blocked in the thread that calls Diag_LSM_Init() and
-// interrupts the reader's read.
+// interrupts the reader's read; the reader blocks all others that are sent to the process.
 //
 // Stopping: Diag_LSM_DeInit() asks the driver to de-initialise, which ends the reader with a
 // type-16 buffer. Where the driver refuses, or nothing comes within a second, it raises a stop flag

@@ -101,6 +101,21 @@ TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
     EXPECT_EQ(remote.waitFor(2), (std::vector<Bytes>{{1}, {3, 4, 5}}));
 }
 
+// The kernel may hand a signal of the process, such as an alarm, to any of its threads.
+TEST_F(DiagLsm, SignalsOfOthersLeaveTheReaderAlone) {
+    open();
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    for (size_t count = 1; count <= 20; ++count) {
+        pthread_kill(read_thread_hdl, SIGALRM);
+        device().deliver(words({32, 1, 1}, {1}));
+        ASSERT_EQ(inbox.waitFor(count).size(), count);
+    }
+}
+
 TEST_F(DiagLsm, SendsTheRequestBehindItsDataType) {
     open(R"({"remote_mask": 2})");
     Bytes request = {0x4B, 0x12, 0x2A, 0x00, 0x00};
