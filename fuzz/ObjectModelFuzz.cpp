@@ -26,8 +26,10 @@ void writeText(JSOM& to, const JSOM& from) {
     mustHold(to == JSOM::JERROR || to.stringValue("none") == text, "a text, its own too");
 }
 
+// An array or an object that is there already gets the elements of the text in addition.
 void parse(JSOM& to, const std::string& own, const char* text) {
     JSOM other;
+    if (to.hasNode()) other.copy(to);
     other.fromString(own);
     const bool good = to.fromString(text) != JSOM::JERROR;
     mustHold(!good || compact(to) == compact(other), "a parsed text, its own too");

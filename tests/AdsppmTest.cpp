@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "adsppm/ADSPPM.h"
+#include "log/LogAdapter.h"
 #include "runtime/SelfDestructingObject.h"
 #include "server/SystemErrorMessages.h"
 #include "tests/SimSupport.h"
@@ -72,33 +73,48 @@ TEST_F(Adsppm, RegistrationsMakeTheRequest) {
     EXPECT_FALSE(adsppm().startMetricCollection()) << "no period";
     EXPECT_TRUE(add(a, 5, 100));
     EXPECT_EQ(startRequest(), "05 00 00 00 64 00 00 00");
-    EXPECT_TRUE(add(a, 7, 300) && add(b, 9, 200) && add(b, 5, 50) && add(a, -7, 60));
-    EXPECT_EQ(startRequest(), "05 07 09 00 32 00 00 00");
+    EXPECT_TRUE(add(a, 7, 300) && add(b, 1, 200) && add(b, 5, 50) && add(a, -7, 60));
+    EXPECT_EQ(startRequest(), "05 07 01 00 32 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
-    EXPECT_EQ(startRequest(), "05 09 00 00 32 00 00 00");
+    EXPECT_EQ(startRequest(), "05 01 00 00 32 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&b, 5)) << "5 keeps a's registration";
-    EXPECT_EQ(startRequest(), "05 09 00 00 3C 00 00 00");
+    EXPECT_EQ(startRequest(), "05 01 00 00 3C 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&b, -7)) << "unknown there";
     EXPECT_TRUE(adsppm().unregisterListener(&a, -7));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 5));
-    EXPECT_EQ(startRequest(), "09 00 00 00 C8 00 00 00");
+    EXPECT_EQ(startRequest(), "01 00 00 00 C8 00 00 00");
     EXPECT_TRUE(add(a, 0x103, 500));  // only the low byte, and never freed again
     EXPECT_TRUE(adsppm().unregisterListener(&a, 0x103));
     EXPECT_TRUE(add(a, 11, 0xFFFFFFFF));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 11)) << "keeps its slot";
-    EXPECT_EQ(startRequest(), "09 03 0B 00 C8 00 00 00");
-    EXPECT_TRUE(adsppm().unregisterListener(&b, 9));
+    EXPECT_EQ(startRequest(), "01 03 0B 00 C8 00 00 00");
+    EXPECT_TRUE(adsppm().unregisterListener(&b, 1));
     EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody left";
 }
 
 TEST_F(Adsppm, TheFifthEventIsRefused) {
+    struct : tavrik::LogAdapter {
+        int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
+                bool) override {
+            adsppm().unregisterListener(nullptr, 1);  // it may call back
+            lines += logger + " " + level.getName() + " " + message;
+            return 0;
+        }
+        int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
+            return 0;
+        }
+        int flush() override { return 0; }
+        std::string lines;
+    } adapter;
     Inbox inbox;
     for (int id = 1; id <= 4; ++id)
         EXPECT_TRUE(add(inbox, id));
     const std::string text =
         "Cannot add event FIFTH to ADSP PMU, the event limit has been reached.";
-    expectOnce("[ADSPPM]: WARN ADSPPM::registerListener: " + text + "\n",
-               [&] { EXPECT_FALSE(adsppm().registerListener(&inbox, 5, "FIFTH", 1, refusal)); });
+    tavrik::Logger::setLogAdapter(&adapter);
+    EXPECT_FALSE(adsppm().registerListener(&inbox, 5, "FIFTH", 1, refusal));
+    tavrik::Logger::setLogAdapter(nullptr);
+    EXPECT_EQ(adapter.lines, "ADSPPM WARN ADSPPM::registerListener: " + text);
     EXPECT_EQ(refusal, text);
     const tavrik::error_message_t* message = SystemErrorMessages::nextMessage();
     ASSERT_NE(message, nullptr);
@@ -299,11 +315,11 @@ TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
         follower->waitFor(told += 2);
     };
     ASSERT_TRUE(adsppm().startMetricCollection());
-    ASSERT_TRUE(add(inbox, 7, 50));
+    ASSERT_TRUE(add(inbox, 7));  // a slot, and the same period
     change(1);
     EXPECT_EQ(lines("host    stop request").size(), 1u);
     EXPECT_EQ(lines("host    start request").size(), 2u);
-    EXPECT_NE(lines("host    start request").back().find("07 00 00 00 32 00 00 00"),
+    EXPECT_NE(lines("host    start request").back().find("07 00 00 00 A0 86 01 00"),
               std::string::npos);
     change(3);
     EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
@@ -314,5 +330,8 @@ TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
     change(7);
     EXPECT_EQ(lines("host    start request").size(), 3u) << "started from idle";
     EXPECT_EQ(lines("host    stop request").size(), 2u);
+    ASSERT_TRUE(add(inbox, -1, 50));  // another period, and no slot
+    change(9);
+    EXPECT_EQ(lines("host    start request").size(), 4u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }

@@ -49,9 +49,10 @@ TEST_F(RuntimeTest, TimedWaitLastsAcrossTheSecond) {
     testing::internal::CaptureStderr();
     const WallClock::time_point start = WallClock::now();
     const auto sinceEpoch = std::chrono::duration_cast<milliseconds>(start.time_since_epoch());
-    const int delay = 1010 - static_cast<int>(sinceEpoch.count() % 1000);
+    const int delay = 2010 - static_cast<int>(sinceEpoch.count() % 1000);
     lock.wait(delay);
     EXPECT_GE(WallClock::now() - start, milliseconds(delay - 1));
+    EXPECT_LT(WallClock::now() - start, milliseconds(delay + 900));
     lock.wait(0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
@@ -129,22 +130,15 @@ TEST_F(RuntimeTest, DemotionWakesNobody) {
 }
 
 TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
-    rw.notifyAll();  // nobody waits, so nothing is kept for the wait below
-    rw.readLock();
-    const WallClock::time_point start = WallClock::now();
-    rw.readerWait(30);
-    EXPECT_GE(WallClock::now() - start, milliseconds(29));
-    EXPECT_FALSE(rw.tryWriteLock());
-    rw.readUnlock();
-
     bool changed = false;
-    startBlocked([&] {
+    const auto read = [&] {
         rw.readLock();
         rw.readerWait();
         EXPECT_TRUE(changed);
         EXPECT_FALSE(rw.tryWriteLock());
         rw.readUnlock();
-    });
+    };
+    startBlocked(read);
     startBlocked([&] {
         rw.writeLock();
         rw.writerWait();
@@ -154,12 +148,24 @@ TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
     });
     EXPECT_TRUE(rw.tryWriteLock());
     changed = true;
-    rw.notify();
+    rw.notifyAll();
     rw.writeUnlock();
+    join();
+    startBlocked(read);
+    startBlocked(read);
+    rw.notify();
     while (rw.waitersForTesting() != 1)
         std::this_thread::yield();
-    rw.notifyAll();
+    rw.notify();
     join();
+
+    rw.notifyAll();  // nobody waits, so nothing is kept for the wait below
+    rw.readLock();
+    const WallClock::time_point start = WallClock::now();
+    rw.readerWait(30);
+    EXPECT_GE(WallClock::now() - start, milliseconds(29));
+    EXPECT_FALSE(rw.tryWriteLock());
+    rw.readUnlock();
 }
 
 TEST_F(RuntimeTest, WritersExcludeEverybodyUnderLoad) {

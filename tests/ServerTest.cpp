@@ -146,6 +146,7 @@ TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
         EXPECT_EQ(++depth, code == THREADS * EACH ? 2 : 1);
         if (++published.at(code) == 1 && code == 5) SystemErrorMessages::recordOnly(&nested);
         SystemErrorMessages::lockMessages(), SystemErrorMessages::unlockMessages();
+        if (code == 5) std::thread(SystemErrorMessages::hasMessages).join();
         EXPECT_EQ(textsOf(buffer), textOf(code));
         EXPECT_TRUE(begin <= entry.timestamp && entry.timestamp <= getNow() && entry.value == 0);
         --depth;
@@ -227,6 +228,7 @@ TEST(MarkerBufferTest, GrowsInStepsWrapsAndIsCopiedAsItLies) {
         sizes += std::to_string(ring.getReserveSize()) + static_cast<char>(ring.getStartTime());
     }
     EXPECT_EQ(sizes + textsOf(ring) + textsOf(copy), "11414141424344454647207789AB9A78");
+    EXPECT_EQ(copy.getEntry(0).value, 7);
     copy.copy(ring), ring.shift(), ring.copy(copy);
     EXPECT_EQ(textsOf(ring), "789AB");
     EXPECT_EQ(ring.getReserveSize() - copy.getReserveSize(), 20u - 5u);

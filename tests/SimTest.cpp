@@ -1,7 +1,9 @@
 // The simulated device, seen as a client of the node sees it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -110,6 +112,23 @@ TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
         request.insert(request.begin(), 19);
         EXPECT_EQ(answer, request);
     }
+}
+
+TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
+    start(R"({"adsp": {"collecting": true, "period_us": 200000}})");
+    EXPECT_EQ(wordAt(ask(logMask(0x20)), 4, 4), 3u);
+    EXPECT_EQ(readFrames().at(0).size(), 4u + 92u);
+    EXPECT_EQ(ask({0x73, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}).size(), 12u);
+    pollfd more{fd_, POLLIN, 0};
+    EXPECT_EQ(::poll(&more, 1, 400), 0);
+}
+
+TEST_F(Client, OtherFilesAreOpenedAsTheyWere) {
+    const std::string name = testing::TempDir() + "SimTest" + std::to_string(getpid());
+    fd_ = ::open(name.c_str(), O_CREAT | O_RDWR, 0400);
+    struct stat file {};
+    EXPECT_TRUE(::fstat(fd_, &file) == 0 && ::unlink(name.c_str()) == 0);
+    EXPECT_EQ(file.st_mode & 0777, 0400u);
 }
 
 TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {

@@ -38,9 +38,9 @@ TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
     tavrik::Logger::getLogger("Time")->setLevel(*tavrik::LogLevel::LVL_DEBUG);
     const double uptimeBefore = uptime();
     const double before = getNow();
+    const int descriptors = openDescriptors();
     double boot = 0.0;
     const std::string output = outputOf([&] {
-        setFakeTimeOffset(0.0);
         setFakeTimeOffset(1e6);
         setFakeTimeOffset(1e6);
         boot = getSystemStartTime();
@@ -51,6 +51,7 @@ TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
     EXPECT_LE(std::abs(before - static_cast<double>(time(nullptr))), getNow() - before + 1.5);
     EXPECT_GE(boot, before + 1e6 - uptime() - 0.02);
     EXPECT_LE(boot, getNow() + 1e6 - uptimeBefore + 0.02);
+    EXPECT_EQ(openDescriptors(), descriptors);
     EXPECT_EQ(occurrences(output, "\n"), 4);
     for (const std::string& line :
          {std::string("INFO Fake time offset has been set to 1000000.000000\n"),
