@@ -48,9 +48,10 @@ constexpr int all_masks = 7;
 // Touched by the reader thread only, and by nobody while none runs.
 unsigned char read_buffer[100000];
 
-// Guards the reader's end; taken alone.
+// Guards the reader's begin and end; taken alone.
 StaticMutex reader_mutex;
-StaticCondition reader_cond;  // notified when either flag becomes true
+StaticCondition reader_cond;  // notified when one of the flags becomes true
+bool reader_begun GUARDED_BY(reader_mutex) = false;
 bool reader_ended GUARDED_BY(reader_mutex) = true;
 bool reader_stop GUARDED_BY(reader_mutex) = false;
 
@@ -320,8 +321,15 @@ void read_until_end() {
     }
 }
 
+void tell_begin() {
+    StaticMutexLock guard(reader_mutex);
+    reader_begun = true;
+    reader_cond.notifyAll();
+}
+
 void* CreateWaitThread(void*) {
     accept_signal();
+    tell_begin();
     read_until_end();
     StaticMutexLock guard(reader_mutex);
     reader_ended = true;
@@ -341,13 +349,25 @@ void block_signal() {
     }
 }
 
+// The time in which the masks have to come is the driver's; a busy machine may need more than that
+// to let a new thread begin.
+void await_begin() {
+    StaticMutexLock guard(reader_mutex);
+    while (!reader_begun)
+        reader_cond.wait(reader_mutex);
+}
+
 bool start_reader() {
     {
         StaticMutexLock guard(reader_mutex);
+        reader_begun = false;
         reader_ended = false;
         reader_stop = false;
     }
-    if (pthread_create(&read_thread_hdl, nullptr, CreateWaitThread, nullptr) == 0) return true;
+    if (pthread_create(&read_thread_hdl, nullptr, CreateWaitThread, nullptr) == 0) {
+        await_begin();
+        return true;
+    }
     read_thread_hdl = 0;
     StaticMutexLock guard(reader_mutex);
     reader_ended = true;
