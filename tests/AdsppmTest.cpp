@@ -277,7 +277,7 @@ TEST_F(Adsppm, ARegistrationWaitsForAStart) {
 }
 
 TEST_F(Adsppm, TheLoopbackSetsTheTime) {
-    plug(R"({"requests": {"loopback": {"on": [1], "refuse": true}}})");
+    plug(R"({"requests": {"loopback": {"on": [1], "short": 9}}})");
     Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     outputOf([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
