@@ -144,10 +144,11 @@ TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
 }
 
 TEST_F(Adsppm, AFailedStopKeepsTheOldText) {
-    plug(R"({"requests": {"stop": {"refuse": true}}})");
+    plug(R"({"requests": {"stop": {"refuse": true}, "start": {"short": 8}}})");
     Inbox inbox;
     EXPECT_TRUE(add(inbox, -2));
     EXPECT_TRUE(adsppm().startMetricCollection());
+    EXPECT_TRUE(lines(", cut").empty()) << "it is no longer than that";
     EXPECT_FALSE(adsppm().startMetricCollection()) << "collecting already";
     tavrik::LogLevel::_init();
     tavrik::Logger::getLogger("ADSPPM")->setLevel(*tavrik::LogLevel::LVL_TRACE);

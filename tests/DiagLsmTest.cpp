@@ -52,6 +52,7 @@ TEST_F(DiagLsm, OpensAndCloses) {
     EXPECT_EQ(gdwClientID, getpid());
     EXPECT_EQ(diag_sync_mask, 7);
     EXPECT_EQ(client_tbl[0].registered, -1);
+    EXPECT_EQ(Diag_LSM_Pkt_Init(), 1);
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     EXPECT_TRUE(sigismember(&blocked, SIGUSR2));

@@ -106,18 +106,23 @@ TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
     start("{}");
     Bytes wrongCount = logMask(0x20);
     wrongCount[12] ^= 1;
-    for (Bytes request : {Bytes{1}, Bytes{0x60, 0, 0}, wrongCount, Bytes{0x73}}) {
+    for (Bytes request :
+         {Bytes{1}, Bytes{0x60, 0, 0}, wrongCount, Bytes{0x73}, Bytes{0x73, 0, 0, 0, 9, 0, 0, 0}}) {
         const Bytes answer = ask(request);
         request.resize(std::min<size_t>(16, request.size()));
         request.insert(request.begin(), 19);
         EXPECT_EQ(answer, request);
     }
+    EXPECT_TRUE(device_.waitForTrace("unknown command", 1, 0));
+    EXPECT_FALSE(device_.waitForTrace("shorter than its header", 2, 0));
 }
 
 TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
     start(R"({"adsp": {"collecting": true, "period_us": 200000}})");
     EXPECT_EQ(wordAt(ask(logMask(0x20)), 4, 4), 3u);
-    EXPECT_EQ(readFrames().at(0).size(), 4u + 92u);
+    const Bytes packet = readFrames().at(0);
+    EXPECT_EQ(packet.size(), 4u + 92u);
+    EXPECT_EQ(wordAt(packet, 4 + 16, 4), 0u) << "no event was asked for";
     EXPECT_EQ(ask({0x73, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}).size(), 12u);
     pollfd more{fd_, POLLIN, 0};
     EXPECT_EQ(::poll(&more, 1, 400), 0);

@@ -82,10 +82,6 @@ class Outcome:
 class Case(collections.namedtuple("Case", "scenario status messages milliseconds")):
     """A scenario, and what its run comes to. A status of None: 0 or 1, with whatever messages."""
 
-    def masks_came_late(self, run):
-        """Whether the reader got no processor in the 21 ms in which the masks have to be there."""
-        return run.status == 1 and FAILED_INIT[0] in run.output and FAILED_INIT[0] not in (self.messages or [])
-
     def check(self, run):
         assert run.errors == "", "errors"
         assert run.status == 1 or run.acknowledged(), "a success that there was not"
