@@ -138,7 +138,7 @@ TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
     bool changed = false;
     const auto read = [&] {
         rw.readLock();
-        rw.readerWait();
+        rw.readerWait(10000);
         EXPECT_TRUE(changed);
         EXPECT_FALSE(rw.tryWriteLock());
         rw.readUnlock();
