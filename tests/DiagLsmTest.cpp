@@ -331,6 +331,7 @@ TEST_F(DiagLsm, MemoryDeviceFillsItsPoolsInTurn) {
     device().deliver(buffer);    // wakes it: it drops this and hands over what there is
     memory_device_set_write_in_progress(0);
     EXPECT_EQ(takePool(0), payload);
+    memory_device_append(half.data(), 1000);  // lost with the session
     std::thread writer([] { EXPECT_EQ(takePool(1), 0u); });
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     writer.join();
