@@ -80,10 +80,10 @@ extern std::atomic<int> gdwClientID;     // the process id
 extern std::atomic<int> num_bytes_read;  // result of the reader's last read
 extern std::atomic<int> in_read;         // 1 while the reader is inside read
 
-// Opens the device, starts the reader and waits (about 21 ms at most) until the driver has sent its
-// three masks. Returns 1, or 0 on failure; then the device may still be open and the reader
-// running. On an open handle it only repeats what follows the start of the reader. The argument is
-// not used.
+// Opens the device, starts the reader and, once it has begun, waits (about 21 ms at most) until the
+// driver has sent its three masks. Returns 1, or 0 on failure; then the device may still be open
+// and the reader running. On an open handle it only repeats what follows the start of the reader.
+// The argument is not used.
 int Diag_LSM_Init(unsigned char* unused);
 
 // Withdraws, ends and joins the reader, closes the device. Returns 1 when every step succeeded,
