@@ -136,14 +136,13 @@ TEST_F(RuntimeTest, DemotionWakesNobody) {
 
 TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
     bool changed = false;
-    const auto read = [&] {
+    startBlocked([&] {
         rw.readLock();
-        rw.readerWait(10000);
+        rw.readerWait();
         EXPECT_TRUE(changed);
         EXPECT_FALSE(rw.tryWriteLock());
         rw.readUnlock();
-    };
-    startBlocked(read);
+    });
     startBlocked([&] {
         rw.writeLock();
         rw.writerWait();
@@ -153,14 +152,17 @@ TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
     });
     EXPECT_TRUE(rw.tryWriteLock());
     changed = true;
-    rw.notifyAll();
-    rw.writeUnlock();
-    join();
-    startBlocked(read);
-    startBlocked(read);
     rw.notify();
+    rw.writeUnlock();
     while (rw.waitersForTesting() != 1)
         std::this_thread::yield();
+    rw.notifyAll();
+    join();
+    startBlocked([&] {
+        rw.readLock();
+        rw.readerWait(1000000);
+        rw.readUnlock();
+    });
     rw.notify();
     join();
 
