@@ -57,24 +57,24 @@ class ADSPPM : public DIAG::LogListener {
     // are taken (warning logged, server message LIMITREACHED posted) and after a failed start or
     // stop (nothing logged); `error` then holds the text.
     bool registerListener(Listener* listener, int eventId, const std::string& name,
-                          unsigned int period, std::string& error) EXCLUDES(lock);
+                          unsigned int period, std::string& error) TAVRIK_EXCLUDES(lock);
 
     // Removes one registration of `listener` for `eventId`, the one of the smallest period. Always
     // true. The listener is not running and is not called again for it once this returns.
-    bool unregisterListener(Listener* listener, int eventId) EXCLUDES(lock);
+    bool unregisterListener(Listener* listener, int eventId) TAVRIK_EXCLUDES(lock);
 
     // Starts collection: three exchanges of up to 250 ms with the ADSP, a fourth if it fails, and
     // DIAG's connection. False when not idle or nobody is registered (nothing logged), or when the
     // ADSP did not acknowledge (error logged); after that every start and registration fails.
-    bool startMetricCollection() EXCLUDES(lock);
+    bool startMetricCollection() TAVRIK_EXCLUDES(lock);
 
     // Stops collection: two exchanges of up to 250 ms. False when not collecting, or when the ADSP
     // did not acknowledge (traced); after that every start and registration fails.
-    bool stopMetricCollection() EXCLUDES(lock);
+    bool stopMetricCollection() TAVRIK_EXCLUDES(lock);
 
     // DIAG::LogListener: decodes one log packet and calls the listeners. The first packet after a
     // start only primes the decoder.
-    void onLog(const unsigned char* record) override EXCLUDES(lock);
+    void onLog(const unsigned char* record) override TAVRIK_EXCLUDES(lock);
 
     // Seconds since the Unix epoch of an ADSP time stamp, by the present time shift.
     double convertTimeStamp(unsigned int low, unsigned int high) const;
@@ -93,22 +93,23 @@ class ADSPPM : public DIAG::LogListener {
     static void createInstance();
     void subscribeToRunLevel();
 
-    bool takeSlot(int eventId) REQUIRES(lock);
-    void freeSlot(int eventId) REQUIRES(lock);
-    unsigned int smallestPeriod() const REQUIRES(lock);
-    unsigned int period() const REQUIRES(lock);
-    void setPeriod(unsigned int period) REQUIRES(lock);
+    bool takeSlot(int eventId) TAVRIK_REQUIRES(lock);
+    void freeSlot(int eventId) TAVRIK_REQUIRES(lock);
+    unsigned int smallestPeriod() const TAVRIK_REQUIRES(lock);
+    unsigned int period() const TAVRIK_REQUIRES(lock);
+    void setPeriod(unsigned int period) TAVRIK_REQUIRES(lock);
 
     // The exchanges with the ADSP; called with `busy` set and `lock` free.
     void measureTimeShift();
     bool exchangeStart(unsigned char* request);
     bool exchangeStop();
 
-    void deliver(int eventId, double time, long double value) REQUIRES(lock);
-    void deliverSlots(const unsigned char* record, double time, double factor) REQUIRES(lock);
+    void deliver(int eventId, double time, long double value) TAVRIK_REQUIRES(lock);
+    void deliverSlots(const unsigned char* record, double time, double factor)
+        TAVRIK_REQUIRES(lock);
     void deliverCounter(int eventId, const unsigned char* record, int offset, double time,
-                        double factor) REQUIRES(lock);
-    void deliverAll(const unsigned char* record, double time) REQUIRES(lock);
+                        double factor) TAVRIK_REQUIRES(lock);
+    void deliverAll(const unsigned char* record, double time) TAVRIK_REQUIRES(lock);
 
     static ADSPPM* theInstance;
     static Logger* logger;  // constant once theInstance is set
@@ -124,14 +125,14 @@ class ADSPPM : public DIAG::LogListener {
     // Guards the state below. Taken after DIAG's listenerLock and the subscriber set's lock of
     // "_RunLevel"; nothing but what a listener takes is taken under it.
     Lock lock;
-    int state GUARDED_BY(lock);
-    bool busy GUARDED_BY(lock);
-    bool stopping GUARDED_BY(lock);
-    std::string errorText GUARDED_BY(lock);            // of the last failed start
-    unsigned char configRequest[20] GUARDED_BY(lock);  // the next start's
-    unsigned char lastLog[92] GUARDED_BY(lock);        // log code 0: there is none
-    double lastLogTime GUARDED_BY(lock);
-    std::map<int, Listeners> listeners GUARDED_BY(lock);  // empty entries may stay
+    int state TAVRIK_GUARDED_BY(lock);
+    bool busy TAVRIK_GUARDED_BY(lock);
+    bool stopping TAVRIK_GUARDED_BY(lock);
+    std::string errorText TAVRIK_GUARDED_BY(lock);            // of the last failed start
+    unsigned char configRequest[20] TAVRIK_GUARDED_BY(lock);  // the next start's
+    unsigned char lastLog[92] TAVRIK_GUARDED_BY(lock);        // log code 0: there is none
+    double lastLogTime TAVRIK_GUARDED_BY(lock);
+    std::map<int, Listeners> listeners TAVRIK_GUARDED_BY(lock);  // empty entries may stay
 };
 
 }  // namespace tavrik

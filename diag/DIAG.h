@@ -53,12 +53,12 @@ class DIAG {
       private:
         friend class DIAG;
 
-        void reset() EXCLUDES(lock);
-        void handOver(bool result) EXCLUDES(lock);
-        void waitUntilDone(int milliseconds) EXCLUDES(lock);
+        void reset() TAVRIK_EXCLUDES(lock);
+        void handOver(bool result) TAVRIK_EXCLUDES(lock);
+        void waitUntilDone(int milliseconds) TAVRIK_EXCLUDES(lock);
 
-        Lock lock;                   // taken after the session's requestLock
-        bool done GUARDED_BY(lock);  // the answer has come, accepted or not
+        Lock lock;                          // taken after the session's requestLock
+        bool done TAVRIK_GUARDED_BY(lock);  // the answer has come, accepted or not
     };
 
     // Receives the log packets of one log code.
@@ -81,33 +81,34 @@ class DIAG {
 
     // Connects the session if needed (may take four times 250 ms). False, with an error logged,
     // when it cannot be or has failed before.
-    bool connect() EXCLUDES(connectLock);
+    bool connect() TAVRIK_EXCLUDES(connectLock);
 
     // Sends `length` raw packet bytes, or queues a copy while another request is outstanding. True
     // when sent or queued: the caller then calls awaitResponse() with the same listener, which may
     // be null where nobody cares. False when the session is not connected or the driver refused.
     bool sendRequest(unsigned char* data, int length, ResponseListener* listener)
-        EXCLUDES(requestLock, connectLock);
+        TAVRIK_EXCLUDES(requestLock, connectLock);
 
     // Waits up to 250 ms for the answer to the request sent with `listener`, and takes the listener
     // back whatever happened: it hears nothing afterwards. The request itself keeps its place in
     // the queue. True when an answer came and was accepted; logs nothing.
-    bool awaitResponse(ResponseListener& listener) EXCLUDES(requestLock);
+    bool awaitResponse(ResponseListener& listener) TAVRIK_EXCLUDES(requestLock);
 
     // Makes `listener` the one for `logCode` and sends the new log mask of its equipment id. False
     // when not connected, when the code has a listener already, and when the mask was not accepted
     // (error logged; the listener stays registered then).
-    bool registerLogListener(unsigned short logCode, LogListener* listener) EXCLUDES(listenerLock);
+    bool registerLogListener(unsigned short logCode, LogListener* listener)
+        TAVRIK_EXCLUDES(listenerLock);
 
     // Takes `listener` from `logCode`, sends the log mask and disconnects if nothing is in use any
     // more. False when not connected (the listener is taken away all the same), when the code has
     // another listener or none, and when the mask was not accepted. No onLog() runs once it
     // returns.
     bool unregisterLogListener(unsigned short logCode, LogListener* listener)
-        EXCLUDES(listenerLock);
+        TAVRIK_EXCLUDES(listenerLock);
 
     // Disconnects when no listener is registered, no request queued and no mask under way.
-    void disconnectIfIdle() EXCLUDES(listenerLock, requestLock, connectLock);
+    void disconnectIfIdle() TAVRIK_EXCLUDES(listenerLock, requestLock, connectLock);
 
     // Callback of the driver client; `context` is the session. Takes a buffer of framed data apart,
     // rewriting it in place. Malformed frames are dropped with a warning. Returns 0.
@@ -146,37 +147,38 @@ class DIAG {
     bool disableLogs();
     bool retrieveRanges();
     bool sendSetupRequest(unsigned char* data, int length, ResponseListener* listener)
-        EXCLUDES(requestLock);
+        TAVRIK_EXCLUDES(requestLock);
     bool setup(const char* name, unsigned char* data, int length, ResponseListener& listener,
                bool mustBeSent = true);
 
     static void traceSend(const unsigned char* data, int length, const ResponseListener* listener,
                           const char* outcome);
     bool sendOrQueue(unsigned char* data, int length, ResponseListener* listener)
-        REQUIRES(requestLock);
-    void withdraw(ResponseListener& listener) EXCLUDES(requestLock);
+        TAVRIK_REQUIRES(requestLock);
+    void withdraw(ResponseListener& listener) TAVRIK_EXCLUDES(requestLock);
 
-    bool insertListener(unsigned short logCode, LogListener* listener) REQUIRES(listenerLock);
-    bool eraseListener(unsigned short logCode, LogListener* listener) REQUIRES(listenerLock);
-    void waitWhileMaskBusy() REQUIRES(listenerLock);
+    bool insertListener(unsigned short logCode, LogListener* listener)
+        TAVRIK_REQUIRES(listenerLock);
+    bool eraseListener(unsigned short logCode, LogListener* listener) TAVRIK_REQUIRES(listenerLock);
+    void waitWhileMaskBusy() TAVRIK_REQUIRES(listenerLock);
     // Sends the log mask of the equipment id in bits 15..12 and awaits the answer. Gives the lock
     // up meanwhile, with maskBusy set. True when the target accepted it; failures are logged.
-    bool updateLogMask(unsigned short equipmentIdBits) REQUIRES(listenerLock);
+    bool updateLogMask(unsigned short equipmentIdBits) TAVRIK_REQUIRES(listenerLock);
     void setMaskBits(unsigned short equipmentIdBits, unsigned char* request, int length)
-        REQUIRES(listenerLock);
+        TAVRIK_REQUIRES(listenerLock);
     bool exchangeLogMask(unsigned char* request, int length);
 
     void onFrame(unsigned char* frame, int length);
-    void onLogFrame(const unsigned char* frame, int length) EXCLUDES(listenerLock);
-    void onResponseFrame(const unsigned char* frame, int length) EXCLUDES(requestLock);
+    void onLogFrame(const unsigned char* frame, int length) TAVRIK_EXCLUDES(listenerLock);
+    void onResponseFrame(const unsigned char* frame, int length) TAVRIK_EXCLUDES(requestLock);
 
     static DIAG* theInstance;
     static Logger* logger;  // constant once theInstance is set
 
     // Lock order: listenerLock, requestLock, connectLock (all three in disconnectIfIdle() only);
     // an ADSPPM's lock may be taken under listenerLock, a ResponseListener's under requestLock.
-    Lock listenerLock ACQUIRED_BEFORE(requestLock);
-    Lock requestLock ACQUIRED_BEFORE(connectLock);
+    Lock listenerLock TAVRIK_ACQUIRED_BEFORE(requestLock);
+    Lock requestLock TAVRIK_ACQUIRED_BEFORE(connectLock);
     Lock connectLock;
 
     // Whether the driver takes the logging mode by address. Used by whoever set `moving`.
@@ -188,13 +190,13 @@ class DIAG {
     std::atomic<bool> inError;
     std::atomic<bool> connected;
 
-    bool moving GUARDED_BY(connectLock);
+    bool moving TAVRIK_GUARDED_BY(connectLock);
 
-    std::map<unsigned short, LogListener*> logListeners GUARDED_BY(listenerLock);
-    bool maskBusy GUARDED_BY(listenerLock);
+    std::map<unsigned short, LogListener*> logListeners TAVRIK_GUARDED_BY(listenerLock);
+    bool maskBusy TAVRIK_GUARDED_BY(listenerLock);
 
     // The front one is outstanding at the target, the others hold copies of their bytes.
-    std::deque<Request> requests GUARDED_BY(requestLock);
+    std::deque<Request> requests TAVRIK_GUARDED_BY(requestLock);
 
     // Highest item number by equipment id. Written by the reader while connecting, constant while
     // connected.

@@ -51,9 +51,9 @@ unsigned char read_buffer[100000];
 // Guards the reader's begin and end; taken alone.
 StaticMutex reader_mutex;
 StaticCondition reader_cond;  // notified when one of the flags becomes true
-bool reader_begun GUARDED_BY(reader_mutex) = false;
-bool reader_ended GUARDED_BY(reader_mutex) = true;
-bool reader_stop GUARDED_BY(reader_mutex) = false;
+bool reader_begun TAVRIK_GUARDED_BY(reader_mutex) = false;
+bool reader_ended TAVRIK_GUARDED_BY(reader_mutex) = true;
+bool reader_stop TAVRIK_GUARDED_BY(reader_mutex) = false;
 
 // Guards changes of diag_sync_mask; taken alone.
 StaticMutex mask_sync_mutex;
@@ -65,7 +65,7 @@ StaticMutex client_mutex;
 
 // Guards the sink's buffer; innermost.
 StaticMutex diagnostics_mutex;
-char diagnostics[256] GUARDED_BY(diagnostics_mutex);
+char diagnostics[256] TAVRIK_GUARDED_BY(diagnostics_mutex);
 
 // Tokens and callback of socket output, which this build never opens.
 struct {

@@ -16,11 +16,11 @@ struct pool_block {
 
 // Guards everything below.
 StaticMutex gaDiagSvcMalloc_mutex;
-pool_block gaDiagSvcMalloc[blocks_per_pool] GUARDED_BY(gaDiagSvcMalloc_mutex);
-pool_block gaDiagSvcPktMalloc[blocks_per_pool] GUARDED_BY(gaDiagSvcMalloc_mutex);
-bool gnDiagSvcMalloc_Initialized GUARDED_BY(gaDiagSvcMalloc_mutex) = false;
+pool_block gaDiagSvcMalloc[blocks_per_pool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
+pool_block gaDiagSvcPktMalloc[blocks_per_pool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
+bool gnDiagSvcMalloc_Initialized TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex) = false;
 
-pool_block* pool_of(int pool) REQUIRES(gaDiagSvcMalloc_mutex) {
+pool_block* pool_of(int pool) TAVRIK_REQUIRES(gaDiagSvcMalloc_mutex) {
     if (pool == DIAGSVC_POOL_GENERAL) return gaDiagSvcMalloc;
     if (pool == DIAGSVC_POOL_PACKETS) return gaDiagSvcPktMalloc;
     return nullptr;

@@ -47,7 +47,7 @@ class ClockListener : public ADSPPM::Listener {
 
   private:
     tavrik::Lock lock;
-    std::deque<Sample> samples GUARDED_BY(lock);
+    std::deque<Sample> samples TAVRIK_GUARDED_BY(lock);
 };
 
 bool printSamples(ClockListener& listener, int count) {

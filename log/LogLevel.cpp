@@ -52,7 +52,7 @@ bool LogLevel::Record::operator<(const Record& other) const {
 const LogLevel::Record* LogLevel::intern(const std::string& name, int number) {
     struct Table {
         Lock lock;
-        std::set<Record> records GUARDED_BY(lock);
+        std::set<Record> records TAVRIK_GUARDED_BY(lock);
     };
     static Table* const table = new Table;
     LockGuard guard(table->lock);

@@ -24,7 +24,7 @@ enum Number { ERROR = 2, WARN = 3, INFO = 4, DEBUG = 5, TRACE = 6, ALL = 8 };
 struct Registry {
     // Guards the map. Innermost but for the short lock inside LogLevel.
     Lock lock;
-    std::map<std::string, Logger*> loggers GUARDED_BY(lock);
+    std::map<std::string, Logger*> loggers TAVRIK_GUARDED_BY(lock);
 };
 
 // Made on first use and never destroyed: static initialisers of other files ask for their loggers,

@@ -33,18 +33,18 @@ class MetricRegistry {
     MetricRegistry& operator=(const MetricRegistry&) = delete;
 
     // Adding a metric twice and removing one that is not there change nothing.
-    void addMetric(Metric* metric) EXCLUDES(lock);
-    void removeMetric(Metric* metric) EXCLUDES(lock);
+    void addMetric(Metric* metric) TAVRIK_EXCLUDES(lock);
+    void removeMetric(Metric* metric) TAVRIK_EXCLUDES(lock);
 
     // Visits the metrics in ascending order of their addresses.
-    void visit(Visitor& visitor) const EXCLUDES(lock);
+    void visit(Visitor& visitor) const TAVRIK_EXCLUDES(lock);
 
   private:
     MetricRegistry();
 
     static std::atomic<Logger*> logger;
 
-    std::set<Metric*> metrics GUARDED_BY(lock);
+    std::set<Metric*> metrics TAVRIK_GUARDED_BY(lock);
 
     // Guards the set; held while a visitor runs. Taken after the trigger map's lock; locks of a
     // metric's component may be taken under it.

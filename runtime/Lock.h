@@ -14,23 +14,23 @@ namespace tavrik {
 //
 // A failing pthread call is printed with perror ("pthread_mutex_lock() error" and the like) and
 // otherwise ignored; nothing is thrown and nothing is returned.
-class CAPABILITY("mutex") Lock {
+class TAVRIK_CAPABILITY("mutex") Lock {
   public:
     Lock();
     virtual ~Lock();
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
-    void lock() ACQUIRE();
-    void unlock() RELEASE();
+    void lock() TAVRIK_ACQUIRE();
+    void unlock() TAVRIK_RELEASE();
 
     // Gives the lock up, sleeps until a notification and takes the lock again. May also return
     // without one, so the caller tests its own condition in a loop.
-    void wait() REQUIRES(this);
+    void wait() TAVRIK_REQUIRES(this);
 
     // As wait(), but for `milliseconds` (0 or more) at most. The deadline stands on the wall clock:
     // a clock step lengthens or shortens the wait. Does not tell a time-out from a notification.
-    void wait(int milliseconds) REQUIRES(this);
+    void wait(int milliseconds) TAVRIK_REQUIRES(this);
 
     // Wake one waiter or all of them. The lock need not be held, but a waiter can miss a
     // notification that is sent without it.
@@ -44,22 +44,22 @@ class CAPABILITY("mutex") Lock {
 
 // Holds a Lock for a scope, and gives it back also when an exception passes. May be opened and
 // closed again in between with unlock() and lock(); used by one thread only.
-class SCOPED_CAPABILITY LockGuard {
+class TAVRIK_SCOPED_CAPABILITY LockGuard {
   public:
-    explicit LockGuard(Lock& guarded) ACQUIRE(guarded) : lock_(guarded), held_(true) {
+    explicit LockGuard(Lock& guarded) TAVRIK_ACQUIRE(guarded) : lock_(guarded), held_(true) {
         lock_.lock();
     }
-    ~LockGuard() RELEASE() {
+    ~LockGuard() TAVRIK_RELEASE() {
         if (held_) lock_.unlock();
     }
     LockGuard(const LockGuard&) = delete;
     LockGuard& operator=(const LockGuard&) = delete;
 
-    void lock() ACQUIRE() {
+    void lock() TAVRIK_ACQUIRE() {
         lock_.lock();
         held_ = true;
     }
-    void unlock() RELEASE() {
+    void unlock() TAVRIK_RELEASE() {
         held_ = false;
         lock_.unlock();
     }
@@ -74,8 +74,10 @@ class SCOPED_CAPABILITY LockGuard {
 // guarded may be touched in that scope.
 class LockRelease {
   public:
-    explicit LockRelease(Lock& held) NO_THREAD_SAFETY_ANALYSIS : lock(held) { lock.unlock(); }
-    ~LockRelease() NO_THREAD_SAFETY_ANALYSIS { lock.lock(); }
+    explicit LockRelease(Lock& held) TAVRIK_NO_THREAD_SAFETY_ANALYSIS : lock(held) {
+        lock.unlock();
+    }
+    ~LockRelease() TAVRIK_NO_THREAD_SAFETY_ANALYSIS { lock.lock(); }
     LockRelease(const LockRelease&) = delete;
     LockRelease& operator=(const LockRelease&) = delete;
 

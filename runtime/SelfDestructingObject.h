@@ -13,11 +13,11 @@ namespace tavrik {
 // nothing else while it is in use for that.
 class SelfDestructingObject : public Lock, public SelfDestructingResource {
   public:
-    void reserve() override EXCLUDES(this);
-    bool release() override EXCLUDES(this);
+    void reserve() override TAVRIK_EXCLUDES(this);
+    bool release() override TAVRIK_EXCLUDES(this);
 
   private:
-    int count GUARDED_BY(this) = 0;
+    int count TAVRIK_GUARDED_BY(this) = 0;
 };
 
 }  // namespace tavrik

@@ -31,13 +31,13 @@ class TaskQueue : public Runnable {
     TaskQueue& operator=(const TaskQueue&) = delete;
 
     // Queues an entry, waiting for room if there is a limit. Dropped when closed.
-    void add(const T& entry) EXCLUDES(lock) {
+    void add(const T& entry) TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         append(entry);
     }
 
     // Waits until the drain has ended and no producer waits. What is queued is drained before.
-    virtual void close() EXCLUDES(lock) {
+    virtual void close() TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         if (!group) return;
         group = nullptr;
@@ -47,7 +47,7 @@ class TaskQueue : public Runnable {
     }
 
     // The drain; called by the group.
-    void run() override EXCLUDES(lock) {
+    void run() override TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         while (std::deque<T>* const batch = nextBatch()) {
             LockRelease released(lock);
@@ -67,7 +67,7 @@ class TaskQueue : public Runnable {
     virtual void exec(const T& entry, int index, int count) = 0;
 
     // As add(), for callers that do more under the lock.
-    void append(const T& entry) REQUIRES(lock) {
+    void append(const T& entry) TAVRIK_REQUIRES(lock) {
         if (!waitForRoom()) return;
         input->push_back(entry);
         ++size;
@@ -81,7 +81,7 @@ class TaskQueue : public Runnable {
 
   private:
     // False when closed.
-    bool waitForRoom() REQUIRES(lock) {
+    bool waitForRoom() TAVRIK_REQUIRES(lock) {
         if (!group) return false;
         if (limit == 0 || static_cast<int>(input->size()) < limit) return true;
         ++blockedProducers;
@@ -94,7 +94,7 @@ class TaskQueue : public Runnable {
     }
 
     // Swaps the queues; null, with the drain at its end, when nothing has come in.
-    std::deque<T>* nextBatch() REQUIRES(lock) {
+    std::deque<T>* nextBatch() TAVRIK_REQUIRES(lock) {
         std::deque<T>* const batch = input;
         if (batch->empty()) {
             running = false;
@@ -120,11 +120,11 @@ class TaskQueue : public Runnable {
     // Changed under the lock, read anywhere.
     std::atomic<bool> running{false};
 
-    ThreadGroup* group GUARDED_BY(lock);  // null once closed
-    std::deque<T> queueA;                 // the input queue is guarded by the lock, the other one
-    std::deque<T> queueB;                 // belongs to the drain
-    std::deque<T>* input GUARDED_BY(lock) = &queueA;
-    int blockedProducers GUARDED_BY(lock) = 0;
+    ThreadGroup* group TAVRIK_GUARDED_BY(lock);  // null once closed
+    std::deque<T> queueA;  // the input queue is guarded by the lock, the other one
+    std::deque<T> queueB;  // belongs to the drain
+    std::deque<T>* input TAVRIK_GUARDED_BY(lock) = &queueA;
+    int blockedProducers TAVRIK_GUARDED_BY(lock) = 0;
     const int limit;
 
     // For the metrics.

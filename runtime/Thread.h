@@ -35,11 +35,11 @@ class Thread : public Runnable, public SelfDestructingObject {
     // Starts the thread, at most once; the kernel sees the first 15 characters of its name. A
     // failure is printed to standard error; the thread then counts as started, never runs and keeps
     // the reference that would have been its own.
-    void start() EXCLUDES(stateLock);
+    void start() TAVRIK_EXCLUDES(stateLock);
 
     // Does nothing before start() and after the thread has ended. Whether the system granted the
     // priority is not told.
-    void setPriority(const Priority& priority) EXCLUDES(stateLock);
+    void setPriority(const Priority& priority) TAVRIK_EXCLUDES(stateLock);
 
     // Called on the new thread: runs the Runnable, if there is one.
     void run() override;
@@ -50,7 +50,7 @@ class Thread : public Runnable, public SelfDestructingObject {
 
   private:
     static void* bootstrap(void* thread);
-    bool create() REQUIRES(stateLock);
+    bool create() TAVRIK_REQUIRES(stateLock);
     void runNamed();
 
     static std::atomic<Logger*> logger;
@@ -63,8 +63,8 @@ class Thread : public Runnable, public SelfDestructingObject {
 
     // Guards what follows; innermost but for the logger's.
     Lock stateLock;
-    pthread_t* threadInfo GUARDED_BY(stateLock) = nullptr;  // set once started
-    bool alive GUARDED_BY(stateLock) = false;               // *threadInfo names a thread
+    pthread_t* threadInfo TAVRIK_GUARDED_BY(stateLock) = nullptr;  // set once started
+    bool alive TAVRIK_GUARDED_BY(stateLock) = false;               // *threadInfo names a thread
 };
 
 }  // namespace tavrik

@@ -28,27 +28,27 @@ class ThreadGroup {
 
         // Gives the worker a task, waiting while it has one. A stopped worker drops it, deleting it
         // if `autoDelete`.
-        void assign(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
+        void assign(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
         // Ends the worker for good; waits until the task at hand has run. A task that the worker
         // has not begun is dropped, and deleted if it was assigned so.
-        void stop() EXCLUDES(lock);
+        void stop() TAVRIK_EXCLUDES(lock);
 
         // The thread's body: runs task after task.
-        void run() override EXCLUDES(lock);
+        void run() override TAVRIK_EXCLUDES(lock);
 
       private:
-        bool waitForTask() REQUIRES(lock);
-        void dropTask() REQUIRES(lock);
+        bool waitForTask() TAVRIK_REQUIRES(lock);
+        void dropTask() TAVRIK_REQUIRES(lock);
 
         ThreadGroup* const group;  // not touched once stop() has returned
 
         // Guards what follows. Free while a task runs: `runnable` stays set then, and that is what
         // assign() and stop() wait for. Taken before the group's lock.
         Lock lock;
-        bool stopped GUARDED_BY(lock) = false;
-        bool autoDelete GUARDED_BY(lock) = false;
-        Runnable* runnable GUARDED_BY(lock) = nullptr;  // null: idle
+        bool stopped TAVRIK_GUARDED_BY(lock) = false;
+        bool autoDelete TAVRIK_GUARDED_BY(lock) = false;
+        Runnable* runnable TAVRIK_GUARDED_BY(lock) = nullptr;  // null: idle
     };
 
     explicit ThreadGroup(const char* name);
@@ -59,20 +59,20 @@ class ThreadGroup {
 
     // Runs a task on a worker. The task must live until it has run; it is deleted only if it never
     // ran and `autoDelete` is set. A closed group neither runs nor deletes it.
-    void spawn(Runnable* runnable, bool autoDelete) EXCLUDES(lock);
+    void spawn(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
     // An idle worker for the caller to assign a task to, the one that returned last, or a new one;
     // null when closed. The caller assigns once and sees to it that the group is not closed before
     // it has assigned.
-    WorkerThread* getWorker() EXCLUDES(lock);
+    WorkerThread* getWorker() TAVRIK_EXCLUDES(lock);
 
     // Takes a worker back; called by the worker itself after each task, under its own lock. Does
     // nothing when closed.
-    void putWorker(WorkerThread* worker) EXCLUDES(lock);
+    void putWorker(WorkerThread* worker) TAVRIK_EXCLUDES(lock);
 
     // Stops all workers, in the order of their creation, and lets them go. Only the first call
     // waits.
-    void close() EXCLUDES(lock);
+    void close() TAVRIK_EXCLUDES(lock);
 
   private:
     // Workers that are neither idle nor new; all workers. Read from mirrors, without the lock.
@@ -88,9 +88,9 @@ class ThreadGroup {
     };
 
     // With `reserved`, the caller gets a reference of its own.
-    WorkerThread* takeWorker(bool reserved) EXCLUDES(lock);
-    WorkerThread* addWorker() REQUIRES(lock);
-    void mirrorSizes() REQUIRES(lock);
+    WorkerThread* takeWorker(bool reserved) TAVRIK_EXCLUDES(lock);
+    WorkerThread* addWorker() TAVRIK_REQUIRES(lock);
+    void mirrorSizes() TAVRIK_REQUIRES(lock);
     void publish(Metric& metric, const char* metricName, const char* description);
 
     static std::atomic<Logger*> logger;
@@ -102,8 +102,9 @@ class ThreadGroup {
     // Guards the vectors, and changes of `closed`. Taken after a worker's lock; only a worker's
     // count, a new worker's state and the logger's locks are taken under it.
     Lock lock;
-    std::vector<WorkerThread*> workers GUARDED_BY(lock);      // in order of creation
-    std::vector<WorkerThread*> idleWorkers GUARDED_BY(lock);  // the one that returned last is last
+    std::vector<WorkerThread*> workers TAVRIK_GUARDED_BY(lock);  // in order of creation
+    std::vector<WorkerThread*> idleWorkers
+        TAVRIK_GUARDED_BY(lock);  // the one that returned last is last
     std::atomic<bool> closed{false};
 
     // All workers, and those that are not idle; for the metrics.

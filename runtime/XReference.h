@@ -33,20 +33,20 @@ class XReference {
 
     // Queue a change and never wait for a walk. The newest of two opposite changes counts; adding a
     // member and removing a stranger are harmless.
-    void add(SelfDestructingResource* resource) EXCLUDES(pendingLock);
-    void remove(SelfDestructingResource* resource) EXCLUDES(pendingLock);
+    void add(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
+    void remove(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
 
     // Applies the queued changes, then walks the members in ascending order of their addresses.
     // Changes queued during the walk count from the next one on.
-    void visit(Visitor& visitor) EXCLUDES(setLock, pendingLock);
+    void visit(Visitor& visitor) TAVRIK_EXCLUDES(setLock, pendingLock);
 
     // Apply the queued changes; the first also counts the members.
-    unsigned getSize() EXCLUDES(setLock, pendingLock);
-    void optimize() EXCLUDES(setLock, pendingLock);
+    unsigned getSize() TAVRIK_EXCLUDES(setLock, pendingLock);
+    void optimize() TAVRIK_EXCLUDES(setLock, pendingLock);
 
     // Releases the members and the queued additions and forgets everything. The references that
     // queued removals hold are kept: those resources live on.
-    void clear() EXCLUDES(setLock, pendingLock);
+    void clear() TAVRIK_EXCLUDES(setLock, pendingLock);
 
   private:
     struct Node {
@@ -61,23 +61,23 @@ class XReference {
     static void destroy(Node*& list);
 
     // Takes a reference and queues it on `list`.
-    void push(Node*& list, SelfDestructingResource* resource) REQUIRES(pendingLock);
+    void push(Node*& list, SelfDestructingResource* resource) TAVRIK_REQUIRES(pendingLock);
     // Takes the front node off `list`, keeps it as a spare and returns its resource.
-    SelfDestructingResource* pop(Node*& list) REQUIRES(pendingLock);
-    void maintenance() REQUIRES(setLock);
+    SelfDestructingResource* pop(Node*& list) TAVRIK_REQUIRES(pendingLock);
+    void maintenance() TAVRIK_REQUIRES(setLock);
 
     // Lock order: setLock, pendingLock. A resource's own locks may be taken under both.
 
     // Guards the members and every walk over them.
-    Lock setLock ACQUIRED_BEFORE(pendingLock);
+    Lock setLock TAVRIK_ACQUIRED_BEFORE(pendingLock);
     // Guards the three lists.
     Lock pendingLock;
 
-    Node* freeNodes GUARDED_BY(pendingLock) = nullptr;  // spares, kept until clear()
-    Node* pendingAdds GUARDED_BY(pendingLock) = nullptr;
-    Node* pendingRemoves GUARDED_BY(pendingLock) = nullptr;
+    Node* freeNodes TAVRIK_GUARDED_BY(pendingLock) = nullptr;  // spares, kept until clear()
+    Node* pendingAdds TAVRIK_GUARDED_BY(pendingLock) = nullptr;
+    Node* pendingRemoves TAVRIK_GUARDED_BY(pendingLock) = nullptr;
 
-    std::set<SelfDestructingResource*> members GUARDED_BY(setLock);
+    std::set<SelfDestructingResource*> members TAVRIK_GUARDED_BY(setLock);
 };
 
 }  // namespace tavrik

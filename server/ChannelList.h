@@ -26,20 +26,21 @@ class ChannelList : public VectorMap<Channel> {
     // Where the name was listed twice, or with no channel, it stays listed with what is there;
     // `channel` is not listed, keeps the reference that was taken for the list, and the others are
     // told all the same.
-    static void addChannel(const std::string& name, Channel* channel) EXCLUDES(Instance()->lock);
+    static void addChannel(const std::string& name, Channel* channel)
+        TAVRIK_EXCLUDES(Instance()->lock);
 
     // Unlists the channel of that name, if there is one: the others hear of it, then the channel.
-    static void removeChannel(const std::string& name) EXCLUDES(Instance()->lock);
+    static void removeChannel(const std::string& name) TAVRIK_EXCLUDES(Instance()->lock);
 
     // Trades the caller's reference on `current`, which may be null, for one on the channel that is
     // listed under `name` now; null when there is none. `current` is released, with no lock held,
     // unless it is that channel.
     static Channel* reserveChannel(const std::string& name, Channel* current)
-        EXCLUDES(Instance()->lock);
+        TAVRIK_EXCLUDES(Instance()->lock);
 
     // Visits the channels from the last listed to the first; see VectorMap::Visitor. The first
     // result other than 0, or 0. The visitor must neither use the list nor post server messages.
-    static int visit(const Visitor& visitor) EXCLUDES(Instance()->lock);
+    static int visit(const Visitor& visitor) TAVRIK_EXCLUDES(Instance()->lock);
 
     // Call channelAdded() or channelRemoved() of every listed channel that has another name, from
     // the last to the first. Take no lock: the caller holds the list's as a writer.
@@ -52,7 +53,7 @@ class ChannelList : public VectorMap<Channel> {
     ChannelList() = default;
     void notify(const std::string& name, Notice notice);
     // Erases entry i, tells everybody and releases its channel.
-    void unlist(size_t i, const std::string& name) REQUIRES(lock);
+    void unlist(size_t i, const std::string& name) TAVRIK_REQUIRES(lock);
 
     // Guards both vectors of the map. Held during callbacks, and before any lock that those take.
     RWLock lock;

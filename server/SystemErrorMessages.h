@@ -41,12 +41,12 @@ class SystemErrorMessages {
     // Post a message; without a text it gets that of the code, Errors::toAscii(code). Wait while a
     // reader is between lockMessages() and unlockMessages(): do not post there, nor while holding a
     // lock that such a reader, or the channel, takes.
-    static void add(int code, const std::string& text) EXCLUDES(Instance()->lock);
-    static void add(int code, const char* text) EXCLUDES(Instance()->lock);
-    static void add(int code) EXCLUDES(Instance()->lock);
+    static void add(int code, const std::string& text) TAVRIK_EXCLUDES(Instance()->lock);
+    static void add(int code, const char* text) TAVRIK_EXCLUDES(Instance()->lock);
+    static void add(int code) TAVRIK_EXCLUDES(Instance()->lock);
 
     // Publishes a message without queueing it; waits as add() does.
-    static void recordOnly(const error_message_t* message) EXCLUDES(Instance()->lock);
+    static void recordOnly(const error_message_t* message) TAVRIK_EXCLUDES(Instance()->lock);
 
     // Whether there is a message, and the oldest one, taken out of the queue (null when there is
     // none). Between lockMessages() and unlockMessages() the returned message stays as it is until
@@ -55,8 +55,8 @@ class SystemErrorMessages {
     static error_message_t* nextMessage();
 
     // Keep the queue for one reader. Not recursive.
-    static void lockMessages() ACQUIRE(Instance()->lock);
-    static void unlockMessages() RELEASE(Instance()->lock);
+    static void lockMessages() TAVRIK_ACQUIRE(Instance()->lock);
+    static void unlockMessages() TAVRIK_RELEASE(Instance()->lock);
 
   private:
     // Has the channel to itself for a scope; on one thread it may be nested.
@@ -64,32 +64,32 @@ class SystemErrorMessages {
 
     SystemErrorMessages() = default;
 
-    void setUpOnce() EXCLUDES(turnLock);
+    void setUpOnce() TAVRIK_EXCLUDES(turnLock);
     // Makes the channel, on the thread that has the turn.
     void setUpChannel();
 
-    void post(const error_message_t& message) EXCLUDES(lock, queueLock, turnLock);
+    void post(const error_message_t& message) TAVRIK_EXCLUDES(lock, queueLock, turnLock);
 
     // Publishes a message on the posting thread, with no lock held; the message must outlive the
     // call. Nothing without a channel.
-    void mirror(const error_message_t& message) EXCLUDES(lock, queueLock, turnLock);
+    void mirror(const error_message_t& message) TAVRIK_EXCLUDES(lock, queueLock, turnLock);
 
     // Lock order: lock, then queueLock. Nothing else is taken under any of the three.
 
     // Keeps posters away from a reader; a poster holds it while it changes the queue. Guards no
     // field by itself.
-    Lock lock ACQUIRED_BEFORE(queueLock);
+    Lock lock TAVRIK_ACQUIRED_BEFORE(queueLock);
 
     // Guards the queue. A lock of its own, because hasMessages() and nextMessage() are called both
     // with `lock` held and without.
     Lock queueLock;
 
-    CircularQueue<error_message_t> queue GUARDED_BY(queueLock){100};
+    CircularQueue<error_message_t> queue TAVRIK_GUARDED_BY(queueLock){100};
 
     // Guards whose turn it is. Waited on for the turn, and free while somebody has it.
     Lock turnLock;
-    pthread_t turnOwner GUARDED_BY(turnLock){};
-    int turns GUARDED_BY(turnLock) = 0;  // of turnOwner, nested in each other
+    pthread_t turnOwner TAVRIK_GUARDED_BY(turnLock){};
+    int turns TAVRIK_GUARDED_BY(turnLock) = 0;  // of turnOwner, nested in each other
 
     // Set, by whoever has the turn, when it begins to make the channel.
     std::atomic<bool> setUpBegun{false};

@@ -121,8 +121,8 @@ class Trigger {
         double collect() override;
     };
 
-    void apply(int newValue, double newTime) EXCLUDES(valueLock);
-    void applyLocked(int newValue, double newTime) REQUIRES(valueLock);
+    void apply(int newValue, double newTime) TAVRIK_EXCLUDES(valueLock);
+    void applyLocked(int newValue, double newTime) TAVRIK_REQUIRES(valueLock);
     // Calls `notify` on every subscriber.
     void tellSubscribers(void (Listener::*notify)(Trigger*));
     void publish(TriggerMetric& metric, const char* metricName, const char* description);

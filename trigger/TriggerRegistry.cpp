@@ -11,7 +11,7 @@ namespace {
 struct Registry {
     // Guards the map; held while a trigger is made.
     Lock tlock;
-    std::map<std::string, Trigger*> triggers GUARDED_BY(tlock);
+    std::map<std::string, Trigger*> triggers TAVRIK_GUARDED_BY(tlock);
 };
 
 // Made on first use and never destroyed: workers may use their triggers while the process exits.

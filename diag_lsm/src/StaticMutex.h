@@ -7,21 +7,21 @@
 
 #include "runtime/ThreadAnnotations.h"
 
-class CAPABILITY("mutex") StaticMutex {
+class TAVRIK_CAPABILITY("mutex") StaticMutex {
   public:
-    void lock() ACQUIRE() { pthread_mutex_lock(&handle); }
-    void unlock() RELEASE() { pthread_mutex_unlock(&handle); }
+    void lock() TAVRIK_ACQUIRE() { pthread_mutex_lock(&handle); }
+    void unlock() TAVRIK_RELEASE() { pthread_mutex_unlock(&handle); }
 
     pthread_mutex_t handle = PTHREAD_MUTEX_INITIALIZER;
 };
 
 // Holds a StaticMutex for a scope.
-class SCOPED_CAPABILITY StaticMutexLock {
+class TAVRIK_SCOPED_CAPABILITY StaticMutexLock {
   public:
-    explicit StaticMutexLock(StaticMutex& guarded) ACQUIRE(guarded) : mutex(guarded) {
+    explicit StaticMutexLock(StaticMutex& guarded) TAVRIK_ACQUIRE(guarded) : mutex(guarded) {
         mutex.lock();
     }
-    ~StaticMutexLock() RELEASE() { mutex.unlock(); }
+    ~StaticMutexLock() TAVRIK_RELEASE() { mutex.unlock(); }
     StaticMutexLock(const StaticMutexLock&) = delete;
     StaticMutexLock& operator=(const StaticMutexLock&) = delete;
 
@@ -68,10 +68,12 @@ class StaticDeadline {
 
 class StaticCondition {
   public:
-    void wait(StaticMutex& mutex) REQUIRES(mutex) { pthread_cond_wait(&handle, &mutex.handle); }
+    void wait(StaticMutex& mutex) TAVRIK_REQUIRES(mutex) {
+        pthread_cond_wait(&handle, &mutex.handle);
+    }
 
     // False once the deadline has passed; true when it was woken before, for whatever reason.
-    bool waitUntil(StaticMutex& mutex, const StaticDeadline& deadline) REQUIRES(mutex) {
+    bool waitUntil(StaticMutex& mutex, const StaticDeadline& deadline) TAVRIK_REQUIRES(mutex) {
         return deadline.wait(&handle, &mutex.handle) == 0;
     }
 

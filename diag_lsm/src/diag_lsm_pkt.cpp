@@ -87,7 +87,7 @@ static_assert(sizeof(delayed_rsp_id_request) == 12, "layout of the driver");
 
 // Guards the slots and the copies in them; taken alone. Never held while a handler runs.
 StaticMutex gUserTbl_mutex;
-diagpkt_user_table_desc* diagpkt_user_table[DIAGPKT_TABLE_SLOTS] GUARDED_BY(gUserTbl_mutex);
+diagpkt_user_table_desc* diagpkt_user_table[DIAGPKT_TABLE_SLOTS] TAVRIK_GUARDED_BY(gUserTbl_mutex);
 
 bool is_subsystem(Byte cmd_code) {
     return cmd_code == DIAG_CMD_SUBSYSTEM || cmd_code == DIAG_CMD_SUBSYSTEM_V2;
@@ -105,7 +105,7 @@ void put_guard(void* pkt, unsigned length) {
 
 // --- Registration ---------------------------------------------------------------------------
 
-int free_slot() REQUIRES(gUserTbl_mutex) {
+int free_slot() TAVRIK_REQUIRES(gUserTbl_mutex) {
     for (int i = 0; i < DIAGPKT_TABLE_SLOTS; ++i) {
         if (!diagpkt_user_table[i]) return i;
     }

@@ -21,9 +21,9 @@ struct memory_pool {
     StaticMutex mutex;  // guards what follows; taken alone
     StaticCondition data_ready;
     StaticCondition room;
-    bool full GUARDED_BY(mutex) = false;
-    bool stopped GUARDED_BY(mutex) = false;
-    pool_buffer* buffers GUARDED_BY(mutex) = nullptr;
+    bool full TAVRIK_GUARDED_BY(mutex) = false;
+    bool stopped TAVRIK_GUARDED_BY(mutex) = false;
+    pool_buffer* buffers TAVRIK_GUARDED_BY(mutex) = nullptr;
 };
 
 // Buffers of the two pools alternate in this area.
@@ -35,8 +35,8 @@ memory_pool pools[pool_count];
 // Guards flush_log's changes and the two flags; taken alone.
 StaticMutex stop_mutex;
 StaticCondition stop_cond;
-int write_in_progress GUARDED_BY(stop_mutex) = 0;
-bool flush_stopped GUARDED_BY(stop_mutex) = false;
+int write_in_progress TAVRIK_GUARDED_BY(stop_mutex) = 0;
+bool flush_stopped TAVRIK_GUARDED_BY(stop_mutex) = false;
 // Only changed while no reader runs.
 bool buffer_init = false;
 
@@ -49,20 +49,20 @@ void init_buffers() {
     buffer_init = true;
 }
 
-void empty(memory_pool& pool) REQUIRES(pool.mutex) {
+void empty(memory_pool& pool) TAVRIK_REQUIRES(pool.mutex) {
     for (int i = 0; i < buffers_per_pool; ++i)
         pool.buffers[i].used = 0;
     pool.full = false;
 }
 
-pool_buffer* buffer_with_room(memory_pool& pool, unsigned length) REQUIRES(pool.mutex) {
+pool_buffer* buffer_with_room(memory_pool& pool, unsigned length) TAVRIK_REQUIRES(pool.mutex) {
     for (int i = 0; i < buffers_per_pool; ++i) {
         if (length <= MEMORY_DEVICE_BUFFER_SIZE - pool.buffers[i].used) return &pool.buffers[i];
     }
     return nullptr;
 }
 
-void hand_over(memory_pool& pool) REQUIRES(pool.mutex) {
+void hand_over(memory_pool& pool) TAVRIK_REQUIRES(pool.mutex) {
     pool.full = true;
     pool.data_ready.notifyAll();
     curr_read = 1 - curr_read;
@@ -70,7 +70,7 @@ void hand_over(memory_pool& pool) REQUIRES(pool.mutex) {
 
 // False when no buffer had room and the pool went to the writer instead.
 bool append_to(memory_pool& pool, const unsigned char* payload, unsigned length)
-    REQUIRES(pool.mutex) {
+    TAVRIK_REQUIRES(pool.mutex) {
     pool_buffer* buffer = buffer_with_room(pool, length);
     if (!buffer) {
         hand_over(pool);

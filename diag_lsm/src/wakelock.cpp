@@ -14,12 +14,12 @@ constexpr size_t name_size = 25;
 
 // Guards everything below; taken before the diagnostics sink's.
 StaticMutex wakelock_mutex;
-char* wl_name GUARDED_BY(wakelock_mutex) = nullptr;
-int fd_wakelock GUARDED_BY(wakelock_mutex) = -1;
-int fd_wakeunlock GUARDED_BY(wakelock_mutex) = -1;
-bool wakelock_ready GUARDED_BY(wakelock_mutex) = false;
+char* wl_name TAVRIK_GUARDED_BY(wakelock_mutex) = nullptr;
+int fd_wakelock TAVRIK_GUARDED_BY(wakelock_mutex) = -1;
+int fd_wakeunlock TAVRIK_GUARDED_BY(wakelock_mutex) = -1;
+bool wakelock_ready TAVRIK_GUARDED_BY(wakelock_mutex) = false;
 
-bool keep_name(const char* name) REQUIRES(wakelock_mutex) {
+bool keep_name(const char* name) TAVRIK_REQUIRES(wakelock_mutex) {
     wl_name = static_cast<char*>(calloc(1, name_size));
     if (!wl_name) {
         qsprintf("diag: In %s, cannot allocate memory for wl_name\n", "diag_wakelock_init");
@@ -29,7 +29,7 @@ bool keep_name(const char* name) REQUIRES(wakelock_mutex) {
     return true;
 }
 
-bool open_files() REQUIRES(wakelock_mutex) {
+bool open_files() TAVRIK_REQUIRES(wakelock_mutex) {
     fd_wakelock = open("/sys/power/wake_lock", O_WRONLY | O_APPEND | O_CLOEXEC);
     if (fd_wakelock < 0) {
         qsprintf("diag: could not open wakelock file, errno: %d\n", errno);
@@ -48,7 +48,7 @@ void close_file(int& handle) {
     handle = -1;
 }
 
-void give_up() REQUIRES(wakelock_mutex) {
+void give_up() TAVRIK_REQUIRES(wakelock_mutex) {
     close_file(fd_wakelock);
     close_file(fd_wakeunlock);
     free(wl_name);
@@ -56,7 +56,7 @@ void give_up() REQUIRES(wakelock_mutex) {
     wakelock_ready = false;
 }
 
-bool write_name(int handle) REQUIRES(wakelock_mutex) {
+bool write_name(int handle) TAVRIK_REQUIRES(wakelock_mutex) {
     const size_t length = strlen(wl_name);
     return write(handle, wl_name, length) == static_cast<ssize_t>(length);
 }
