@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+inline namespace tavrik_diag_lsm {
+
 inline uint16_t diag_get_u16(const unsigned char* at) {
     return static_cast<uint16_t>(at[0] | at[1] << 8);
 }
@@ -25,3 +27,5 @@ inline void diag_put_u32(unsigned char* at, uint32_t value) {
     diag_put_u16(at, static_cast<uint16_t>(value));
     diag_put_u16(at + 2, static_cast<uint16_t>(value >> 16));
 }
+
+}  // namespace tavrik_diag_lsm

@@ -19,6 +19,8 @@
 #include "diag_lsm/src/services.h"
 #include "log/Logger.h"
 
+inline namespace tavrik_diag_lsm {
+
 // The address of these goes to the driver, which takes it for one of an int.
 static_assert(sizeof(std::atomic<int>) == sizeof(int), "the driver reads an int");
 
@@ -599,3 +601,5 @@ int qsprintf(const char* fmt, ...) {
     va_end(args);
     return length;
 }
+
+}  // namespace tavrik_diag_lsm

@@ -24,6 +24,9 @@
 #include <atomic>
 #include <cstdint>
 
+// Spelt as global functions and variables; the namespace gives them symbols of the library's own.
+inline namespace tavrik_diag_lsm {
+
 // Data types: the first word of what is read from the driver and written to it.
 constexpr uint32_t DIAG_TYPE_MSG_MASKS = 1;
 constexpr uint32_t DIAG_TYPE_LOG_MASKS = 2;
@@ -125,3 +128,5 @@ int diag_is_wakelock_init(void);
 // Sink of the library's diagnostics: formats into one 256-byte buffer and shows it to nobody.
 // Returns the length of the whole text.
 int qsprintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace tavrik_diag_lsm

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+inline namespace tavrik_diag_lsm {
+
 constexpr unsigned char DIAG_CMD_SUBSYSTEM = 75;
 constexpr unsigned char DIAG_CMD_SUBSYSTEM_V2 = 128;
 
@@ -96,3 +98,5 @@ int Diag_LSM_Pkt_Init(void);
 // Withdraws this process's registrations from the driver and forgets its tables. Returns 1, or 0
 // when the driver refused.
 int Diag_LSM_Pkt_DeInit(void);
+
+}  // namespace tavrik_diag_lsm

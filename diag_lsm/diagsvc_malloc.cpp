@@ -4,6 +4,8 @@
 
 #include "diag_lsm/src/StaticMutex.h"
 
+inline namespace tavrik_diag_lsm {
+
 namespace {
 
 constexpr int blocks_per_pool = 10;
@@ -99,3 +101,5 @@ void DiagSvc_Free(void* p, int pool) {
     free(block->memory);
     block->memory = nullptr;
 }
+
+}  // namespace tavrik_diag_lsm

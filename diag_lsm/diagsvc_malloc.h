@@ -3,6 +3,8 @@
 // Two pools of ten blocks of 2000 bytes each. All functions may be called on any thread.
 #pragma once
 
+inline namespace tavrik_diag_lsm {
+
 constexpr int DIAGSVC_POOL_GENERAL = 1;
 constexpr int DIAGSVC_POOL_PACKETS = 2;
 
@@ -20,3 +22,5 @@ void* DiagSvc_Malloc(unsigned int size, int pool);
 // Gives back what DiagSvc_Malloc returned for the same pool. Does nothing for null, nor for memory
 // from the heap once the pools are gone.
 void DiagSvc_Free(void* p, int pool);
+
+}  // namespace tavrik_diag_lsm

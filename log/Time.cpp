@@ -12,6 +12,8 @@
 
 #include "log/Logger.h"
 
+inline namespace tavrik_time {
+
 namespace {
 
 using tavrik::Logger;
@@ -111,3 +113,5 @@ void timeToString(double t, std::string& out) {
     timeToString(t, text);
     out = text;
 }
+
+}  // namespace tavrik_time

@@ -6,6 +6,9 @@
 #include <cstddef>
 #include <string>
 
+// Spelt as global functions; the namespace gives them symbols of the library's own.
+inline namespace tavrik_time {
+
 // The wall clock plus the fake offset.
 double getNow();
 
@@ -25,3 +28,5 @@ double getSystemStartTime();
 // and an empty text, when it did not fit.
 size_t timeToString(double t, char* out);
 void timeToString(double t, std::string& out);
+
+}  // namespace tavrik_time

@@ -7,6 +7,8 @@
 
 #include "runtime/ThreadAnnotations.h"
 
+inline namespace tavrik_diag_lsm {
+
 class TAVRIK_CAPABILITY("mutex") StaticMutex {
   public:
     void lock() TAVRIK_ACQUIRE() { pthread_mutex_lock(&handle); }
@@ -32,7 +34,7 @@ class TAVRIK_SCOPED_CAPABILITY StaticMutexLock {
 // Whether the C library can wait on the monotonic clock.
 #if defined(__GLIBC__)
 #if __GLIBC_PREREQ(2, 30)
-#define DIAG_HAS_CLOCKWAIT
+#define TAVRIK_HAS_CLOCKWAIT
 #endif
 #endif
 
@@ -50,7 +52,7 @@ class StaticDeadline {
         }
     }
 
-#if defined(DIAG_HAS_CLOCKWAIT)
+#if defined(TAVRIK_HAS_CLOCKWAIT)
     static constexpr clockid_t clock = CLOCK_MONOTONIC;
     int wait(pthread_cond_t* condition, pthread_mutex_t* mutex) const {
         return pthread_cond_clockwait(condition, mutex, clock, &at);
@@ -82,3 +84,5 @@ class StaticCondition {
   private:
     pthread_cond_t handle = PTHREAD_COND_INITIALIZER;
 };
+
+}  // namespace tavrik_diag_lsm

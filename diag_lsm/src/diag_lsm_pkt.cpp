@@ -15,6 +15,8 @@
 #include "diag_lsm/diagsvc_malloc.h"
 #include "diag_lsm/src/StaticMutex.h"
 
+inline namespace tavrik_diag_lsm {
+
 #define ASSERT_V2(pkt_ptr)                                                                         \
     do {                                                                                           \
         if ((pkt_ptr) == nullptr)                                                                  \
@@ -441,3 +443,5 @@ int Diag_LSM_Pkt_DeInit(void) {
     }
     return result;
 }
+
+}  // namespace tavrik_diag_lsm

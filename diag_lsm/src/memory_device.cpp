@@ -4,6 +4,8 @@
 
 #include "diag_lsm/src/StaticMutex.h"
 
+inline namespace tavrik_diag_lsm {
+
 std::atomic<int> flush_log{0};
 std::atomic<int> curr_read{0};
 
@@ -168,3 +170,5 @@ void memory_device_set_write_in_progress(int on) {
     write_in_progress = on;
     stop_cond.notifyAll();
 }
+
+}  // namespace tavrik_diag_lsm

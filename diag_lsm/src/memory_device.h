@@ -7,6 +7,8 @@
 
 #include <atomic>
 
+inline namespace tavrik_diag_lsm {
+
 // Bytes appended to a buffer before its pool goes to the writer, and the room of a buffer beyond
 // it.
 constexpr unsigned MEMORY_DEVICE_THRESHOLD = 131071;
@@ -40,3 +42,5 @@ bool memory_device_take(int pool,
 // For the writer: sets or clears flush_log and write_in_progress and wakes the reader.
 void memory_device_set_flush(int on);
 void memory_device_set_write_in_progress(int on);
+
+}  // namespace tavrik_diag_lsm

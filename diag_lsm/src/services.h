@@ -2,6 +2,8 @@
 // message services, the DCI client. Each accepts what it is given and does nothing.
 #pragma once
 
+inline namespace tavrik_diag_lsm {
+
 int Diag_LSM_Log_Init(void);
 int Diag_LSM_Msg_Init(void);
 int Diag_LSM_Event_Init(void);
@@ -13,3 +15,5 @@ void diag_update_event_masks(unsigned char* payload);
 void diag_update_dci_log_masks(unsigned char* payload, int length);
 void diag_update_dci_event_masks(unsigned char* payload, int length);
 void diag_process_dci_data(unsigned char* payload, int length);
+
+}  // namespace tavrik_diag_lsm

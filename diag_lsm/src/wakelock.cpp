@@ -8,6 +8,8 @@
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/src/StaticMutex.h"
 
+inline namespace tavrik_diag_lsm {
+
 namespace {
 
 constexpr size_t name_size = 25;
@@ -113,3 +115,5 @@ int diag_is_wakelock_init(void) {
     StaticMutexLock guard(wakelock_mutex);
     return wakelock_ready ? 1 : 0;
 }
+
+}  // namespace tavrik_diag_lsm
