@@ -1,0 +1,225 @@
+#include "diag_lsm/src/reader.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <initializer_list>
+
+#include "diag_lsm/diag_bytes.h"
+#include "diag_lsm/diag_lsm.h"
+#include "diag_lsm/diag_lsm_pkt.h"
+#include "diag_lsm/src/StaticMutex.h"
+#include "diag_lsm/src/callbacks.h"
+#include "diag_lsm/src/masks.h"
+#include "diag_lsm/src/memory_device.h"
+#include "diag_lsm/src/services.h"
+
+inline namespace tavrik_diag_lsm {
+
+pthread_t read_thread_hdl;
+std::atomic<int> num_bytes_read{0};
+std::atomic<int> in_read{0};
+
+namespace {
+
+constexpr int signal_number = SIGUSR2;
+
+// Touched by the reader thread only, and by nobody while none runs.
+unsigned char read_buffer[100000];
+
+// Guards the reader's begin and end; taken alone.
+StaticMutex reader_mutex;
+StaticCondition reader_cond;  // notified when one of the flags becomes true
+bool reader_begun TAVRIK_GUARDED_BY(reader_mutex) = false;
+bool reader_ended TAVRIK_GUARDED_BY(reader_mutex) = true;
+bool reader_stop TAVRIK_GUARDED_BY(reader_mutex) = false;
+
+// Its only job is to interrupt the read; anything more would not be safe in a signal handler.
+void dummy_handler(int) {}
+
+// A signal of the process (an alarm, a child's end) that the kernel hands to this thread would end
+// its read for good. What a thread brings upon itself cannot be put off.
+void refuse_other_signals() {
+    sigset_t set;
+    sigfillset(&set);
+    for (const int own : {signal_number, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+        sigdelset(&set, own);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void accept_signal() {
+    refuse_other_signals();
+    struct sigaction action {};
+    action.sa_handler = dummy_handler;  // no SA_RESTART: the read is to return
+    sigemptyset(&action.sa_mask);
+    sigaction(signal_number, &action, nullptr);
+
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal_number);
+    if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0) {
+        qsprintf("diag: Failed to unbock signal for read thread\n");
+    }
+}
+
+bool must_stop() {
+    StaticMutexLock guard(reader_mutex);
+    return reader_stop;
+}
+
+// A device that has gone reads as empty for ever; do not spin on it.
+void pause_reader() {
+    StaticMutexLock guard(reader_mutex);
+    const StaticDeadline deadline(10000);
+    while (!reader_stop && reader_cond.waitUntil(reader_mutex, deadline)) {
+    }
+}
+
+void process_user_space_data(unsigned char* payload, int length) {
+    const int mode = logging_mode;
+    if (mode == DIAG_MODE_MEMORY_DEVICE) {
+        memory_device_append(payload, static_cast<unsigned>(length));
+    } else {
+        log_to_device(payload, length, mode);
+    }
+}
+
+void dispatch(uint32_t type, unsigned char* payload, int length) {
+    switch (type) {
+        case DIAG_TYPE_MSG_MASKS:
+            diag_update_msg_masks(payload, length);
+            return update_sync_mask(1);
+        case DIAG_TYPE_LOG_MASKS:
+            diag_update_log_masks(payload);
+            return update_sync_mask(2);
+        case DIAG_TYPE_EVENT_MASKS:
+            diag_update_event_masks(payload);
+            return update_sync_mask(4);
+        case DIAG_TYPE_COMMAND:
+            return diagpkt_LSM_process_request(payload, static_cast<uint16_t>(length & 0xFFFF));
+        case DIAG_TYPE_USER_SPACE_DATA:
+            return process_user_space_data(payload, length);
+        case DIAG_TYPE_DCI:
+            return diag_process_dci_data(payload, length);
+        case DIAG_TYPE_DCI_LOG_MASKS:
+            return diag_update_dci_log_masks(payload, length);
+        case DIAG_TYPE_DCI_EVENT_MASKS:
+            return diag_update_dci_event_masks(payload, length);
+        default:
+            return;
+    }
+}
+
+int read_once() {
+    in_read = 1;
+    const int count = static_cast<int>(read(fd, read_buffer, sizeof read_buffer));
+    in_read = 0;
+    num_bytes_read = count;
+    return count;
+}
+
+void read_until_end() {
+    while (!must_stop()) {
+        memory_device_flush();
+        const int count = read_once();
+        if (count < 0) return;
+        if (count == 0) {
+            pause_reader();
+            continue;
+        }
+        // Behind a shorter read the buffer still holds the previous one, a type 16 perhaps.
+        if (count < 4) continue;
+        const uint32_t type = diag_get_u32(read_buffer);
+        if (type == DIAG_TYPE_DEINIT) return;
+        if (flush_log) continue;
+        dispatch(type, read_buffer + 4, count - 4);
+    }
+}
+
+void tell_begin() {
+    StaticMutexLock guard(reader_mutex);
+    reader_begun = true;
+    reader_cond.notifyAll();
+}
+
+void* CreateWaitThread(void*) {
+    accept_signal();
+    tell_begin();
+    read_until_end();
+    StaticMutexLock guard(reader_mutex);
+    reader_ended = true;
+    reader_cond.notifyAll();
+    return nullptr;
+}
+
+// The time in which the masks have to come is the driver's; a busy machine may need more than that
+// to let a new thread begin.
+void await_begin() {
+    StaticMutexLock guard(reader_mutex);
+    while (!reader_begun)
+        reader_cond.wait(reader_mutex);
+}
+
+// True when the reader reported its end in time.
+bool wait_for_reader_end(long microseconds) {
+    StaticMutexLock guard(reader_mutex);
+    const StaticDeadline deadline(microseconds);
+    while (!reader_ended && reader_cond.waitUntil(reader_mutex, deadline)) {
+    }
+    return reader_ended;
+}
+
+void force_reader_end() {
+    {
+        StaticMutexLock guard(reader_mutex);
+        reader_stop = true;
+        reader_cond.notifyAll();
+    }
+    memory_device_stop();
+    // A signal that falls between the reader's look at the flag and its read is lost: repeat it.
+    do {
+        pthread_kill(read_thread_hdl, signal_number);
+    } while (!wait_for_reader_end(5000));
+}
+
+}  // namespace
+
+void block_signal() {
+    sigset_t set;
+    if (sigemptyset(&set) != 0 || sigaddset(&set, signal_number) != 0) {
+        qsprintf("diag: Failed to initialize block set\n");
+    }
+    if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) {
+        qsprintf("diag: Failed to block signal for main thread\n");
+    }
+}
+
+bool start_reader() {
+    {
+        StaticMutexLock guard(reader_mutex);
+        reader_begun = false;
+        reader_ended = false;
+        reader_stop = false;
+    }
+    if (pthread_create(&read_thread_hdl, nullptr, CreateWaitThread, nullptr) == 0) {
+        await_begin();
+        return true;
+    }
+    read_thread_hdl = 0;
+    StaticMutexLock guard(reader_mutex);
+    reader_ended = true;
+    return false;
+}
+
+int join_reader(bool end_announced) {
+    constexpr long grace = 1000000;
+    if (!read_thread_hdl) return ESRCH;
+    if (pthread_equal(read_thread_hdl, pthread_self())) return EDEADLK;
+    if (!end_announced || !wait_for_reader_end(grace)) force_reader_end();
+    const int error = pthread_join(read_thread_hdl, nullptr);
+    if (error == 0) read_thread_hdl = 0;
+    return error;
+}
+
+}  // namespace tavrik_diag_lsm
