@@ -1,7 +1,6 @@
 #include "diag/DIAG.h"
 
 #include <pthread.h>
-#include <sys/ioctl.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -9,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "diag_lsm/device.h"
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/diag_lsm_pkt.h"
@@ -199,9 +199,9 @@ bool DIAG::openSession() {
 void DIAG::switchLoggingMode(int mode, bool retryOtherForm) {
     logging_mode = mode;
     const auto tell = [this, mode] {
-        return switchModeByPointer
-                   ? ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, &logging_mode)
-                   : ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, static_cast<unsigned long>(mode));
+        return switchModeByPointer ? diag_device_ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, &logging_mode)
+                                   : diag_device_ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING,
+                                                       static_cast<unsigned long>(mode));
     };
     if (tell() >= 0 || !retryOtherForm) return;
     switchModeByPointer = !switchModeByPointer;

@@ -1,16 +1,17 @@
 #include "diag_lsm/diag_lsm.h"
 
-#include <alloca.h>
-#include <fcntl.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <new>
 
+#include "diag_lsm/device.h"
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm_pkt.h"
 #include "diag_lsm/diagsvc_malloc.h"
+#include "diag_lsm/src/CancellationDisabled.h"
 #include "diag_lsm/src/callbacks.h"
 #include "diag_lsm/src/masks.h"
 #include "diag_lsm/src/memory_device.h"
@@ -48,7 +49,7 @@ void diag_socket_init() {
 }
 
 bool open_device() {
-    const int handle = open("/dev/diag", O_RDWR | O_CLOEXEC);
+    const int handle = diag_device_open();
     if (handle < 0) {
         qsprintf(" Diag_LSM_Init: Failed to open handle to diag driver, error = %d", errno);
         return false;
@@ -73,7 +74,11 @@ bool is_remote_present(int proc) {
 
 }  // namespace
 
+// A thread that is cancelled half-way through Init or DeInit would leave a session that nobody can
+// use or end.
+
 int Diag_LSM_Init(unsigned char*) {
+    const CancellationDisabled uncancelled;
     if (fd == -1 && !open_device()) return 0;
     gdwClientID = getpid();
     if (!DiagSvc_Malloc_Init()) {
@@ -89,13 +94,14 @@ int Diag_LSM_Init(unsigned char*) {
 }
 
 int Diag_LSM_DeInit(void) {
+    const CancellationDisabled uncancelled;
     socket_state.initialized = false;
     DiagSvc_Malloc_Exit();
     int result = Diag_LSM_Pkt_DeInit();
     if (result) result = Diag_LSM_Msg_DeInit();
     if (fd == -1) return result;
 
-    const int announced = ioctl(fd, DIAG_IOCTL_DEINIT, 0UL);
+    const int announced = diag_device_ioctl(fd, DIAG_IOCTL_DEINIT, 0UL);
     if (announced != 1) {
         qsprintf(" Diag_LSM_DeInit: DeviceIOControl failed. ret: %d, error: %d\n", announced,
                  errno);
@@ -110,7 +116,7 @@ int Diag_LSM_DeInit(void) {
     if (error == EDEADLK) return result;
 
     // Closed to everybody else before the number can stand for another file.
-    const int closed = close(fd.exchange(-1));
+    const int closed = diag_device_close(fd.exchange(-1));
     if (closed < 0) {
         qsprintf("diag: In %s, error closing file, ret: %d, errno: %d\n", "Diag_LSM_DeInit", closed,
                  errno);
@@ -157,7 +163,14 @@ int diag_callback_send_data(int proc, unsigned char* buf, int len) {
         qsprintf("diag: Invalid buffer in %s", "diag_callback_send_data");
         return -1;
     }
-    unsigned char* buffer = static_cast<unsigned char*>(alloca(len + 8));
+    // The longest request of the session itself has 8,208 bytes. A longer one comes from the heap:
+    // it would overrun the stack of a small thread.
+    unsigned char on_stack[8216];
+    const bool fits = static_cast<size_t>(len) + 8 <= sizeof on_stack;
+    const std::unique_ptr<unsigned char[]> on_heap(
+        fits ? nullptr : new (std::nothrow) unsigned char[static_cast<size_t>(len) + 8]);
+    unsigned char* const buffer = fits ? on_stack : on_heap.get();
+    if (!buffer) return -1;
     int header = 4;
     diag_put_u32(buffer, DIAG_TYPE_CALLBACK_DATA);
     if (proc != 0) {
@@ -176,7 +189,7 @@ int diag_send_data(unsigned char* buf, int len) {
     constexpr int dci_sent = 1001;
     constexpr int dci_failed = 1006;
     errno = 0;
-    const int result = static_cast<int>(write(fd, buf, static_cast<size_t>(len)));
+    const int result = diag_device_write(fd, buf, static_cast<size_t>(len));
     if (len >= 4 && diag_get_u32(buf) == DIAG_TYPE_DCI) {
         if (result == dci_sent) return result;
         qsprintf(" DCI send data failed, bytes written: %d, error: %d\n", result, errno);
@@ -188,7 +201,9 @@ int diag_send_data(unsigned char* buf, int len) {
     return result;
 }
 
-int diag_has_remote_device(uint16_t* mask) { return ioctl(fd, DIAG_IOCTL_REMOTE_DEVICES, mask); }
+int diag_has_remote_device(uint16_t* mask) {
+    return diag_device_ioctl(fd, DIAG_IOCTL_REMOTE_DEVICES, mask);
+}
 
 int diag_vote_md_real_time(int mode) {
     if (mode != 0 && mode != 1) {
@@ -201,7 +216,7 @@ int diag_vote_md_real_time(int mode) {
         uint8_t unused;
     } vote = {2, static_cast<uint8_t>(mode), 0};
     static_assert(sizeof vote == 4, "the driver reads four bytes");
-    return ioctl(fd, DIAG_IOCTL_VOTE_REAL_TIME, &vote);
+    return diag_device_ioctl(fd, DIAG_IOCTL_VOTE_REAL_TIME, &vote);
 }
 
 int diag_get_real_time_status(int* status) {
@@ -209,7 +224,7 @@ int diag_get_real_time_status(int* status) {
         qsprintf("diag: invalid pointer in %s\n", "diag_get_real_time_status");
         return -1;
     }
-    return ioctl(fd, DIAG_IOCTL_REAL_TIME_STATUS, status);
+    return diag_device_ioctl(fd, DIAG_IOCTL_REAL_TIME_STATUS, status);
 }
 
 int diag_get_max_channels(void) { return 2; }

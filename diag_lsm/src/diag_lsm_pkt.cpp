@@ -3,13 +3,13 @@
 // The version-2 accessors abort in every build type.
 #undef NDEBUG
 #include <assert.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "diag_lsm/device.h"
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/diagsvc_malloc.h"
@@ -141,7 +141,7 @@ void announce(registration_record* records, unsigned count) {
     request.count = count;
     request.records = records;
     errno = 0;
-    if (ioctl(fd, DIAG_IOCTL_REGISTER, &request) == 0) {
+    if (diag_device_ioctl(fd, DIAG_IOCTL_REGISTER, &request) == 0) {
         qsprintf("diagpkt_tbl_reg: DeviceIOControl failed, error: %d\n", errno);
     }
 }
@@ -215,7 +215,8 @@ bool diagpkt_get_delayed_rsp_id_lsm(void* id) {
     if (fd == -1 || !id) return false;
     uint32_t bytes_filled = 0;
     delayed_rsp_id_request request = {id, 2, &bytes_filled};
-    if (ioctl(fd, DIAG_IOCTL_DELAYED_RSP_ID, &request) == 0 && bytes_filled == 2) return true;
+    if (diag_device_ioctl(fd, DIAG_IOCTL_DELAYED_RSP_ID, &request) == 0 && bytes_filled == 2)
+        return true;
     qsprintf(" diagpkt_get_delayed_rsp_id_lsm: DeviceIOControl failed.");
     return false;
 }
@@ -431,7 +432,7 @@ int Diag_LSM_Pkt_Init(void) { return 1; }
 int Diag_LSM_Pkt_DeInit(void) {
     int result = 1;
     errno = 0;
-    if (ioctl(fd, DIAG_IOCTL_WITHDRAW, &gdwClientID) == 0) {
+    if (diag_device_ioctl(fd, DIAG_IOCTL_WITHDRAW, &gdwClientID) == 0) {
         qsprintf(" Diag_LSM_Pkt_DeInit: DeviceIOControl failed, Error = %d\n.", errno);
         result = 0;
     }

@@ -1,11 +1,12 @@
 #include "diag_lsm/src/reader.h"
 
 #include <signal.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <initializer_list>
 
+#include "diag_lsm/device.h"
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/diag_lsm_pkt.h"
@@ -68,10 +69,23 @@ bool must_stop() {
     return reader_stop;
 }
 
-// A device that has gone reads as empty for ever; do not spin on it.
-void pause_reader() {
+// How long to wait after so many reads in a row that brought nothing, in microseconds. A driver may
+// report a few in front of an answer, which must not come late for that; a device that has gone
+// reads as empty for ever, which must not cost processor time.
+long pause_after(int empty_reads) {
+    constexpr int at_once = 10;
+    constexpr int steps = 7;
+    constexpr long shortest = 100;
+    constexpr long longest = 10000;
+    if (empty_reads <= at_once) return 0;
+    const int step = std::min((empty_reads - at_once - 1) / 10, steps);
+    return std::min(shortest << step, longest);
+}
+
+void pause_reader(long microseconds) {
+    if (microseconds == 0) return;
     StaticMutexLock guard(reader_mutex);
-    const StaticDeadline deadline(10000);
+    const StaticDeadline deadline(microseconds);
     while (!reader_stop && reader_cond.waitUntil(reader_mutex, deadline)) {
     }
 }
@@ -113,23 +127,26 @@ void dispatch(uint32_t type, unsigned char* payload, int length) {
 
 int read_once() {
     in_read = 1;
-    const int count = static_cast<int>(read(fd, read_buffer, sizeof read_buffer));
+    const int count = diag_device_read(fd, read_buffer, sizeof read_buffer);
     in_read = 0;
     num_bytes_read = count;
     return count;
 }
 
 void read_until_end() {
+    int empty_reads = 0;
     while (!must_stop()) {
         memory_device_flush();
         const int count = read_once();
         if (count < 0) return;
-        if (count == 0) {
-            pause_reader();
+        // Without a data type of its own: the buffer still holds the previous one, a type 16
+        // perhaps.
+        if (count < 4) {
+            empty_reads = std::min(empty_reads + 1, 1000);
+            pause_reader(pause_after(empty_reads));
             continue;
         }
-        // Behind a shorter read the buffer still holds the previous one, a type 16 perhaps.
-        if (count < 4) continue;
+        empty_reads = 0;
         const uint32_t type = diag_get_u32(read_buffer);
         if (type == DIAG_TYPE_DEINIT) return;
         if (flush_log) continue;

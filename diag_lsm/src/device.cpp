@@ -1,0 +1,92 @@
+#include "diag_lsm/device.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "diag_lsm/src/CancellationDisabled.h"
+
+inline namespace tavrik_diag_lsm {
+
+namespace {
+
+constexpr int last_standard_stream = 2;
+
+// Occupies the closed standard streams for a scope. An O_PATH descriptor refuses reads and writes
+// as a closed one does, so other threads notice nothing.
+class StandardStreamsOccupied {
+  public:
+    StandardStreamsOccupied() {
+        int handle = 0;
+        do {
+            handle = open("/", O_PATH | O_CLOEXEC);
+            if (handle >= 0 && handle <= last_standard_stream) occupied[handle] = true;
+        } while (handle >= 0 && handle <= last_standard_stream);
+        if (handle >= 0) close(handle);
+    }
+    ~StandardStreamsOccupied() {
+        const int error = errno;
+        for (int handle = 0; handle <= last_standard_stream; ++handle) {
+            if (occupied[handle] && isStillOurs(handle)) close(handle);
+        }
+        errno = error;
+    }
+    StandardStreamsOccupied(const StandardStreamsOccupied&) = delete;
+    StandardStreamsOccupied& operator=(const StandardStreamsOccupied&) = delete;
+
+  private:
+    // Another thread may have put a stream of its own there meanwhile.
+    static bool isStillOurs(int handle) {
+        const int flags = fcntl(handle, F_GETFL);
+        return flags >= 0 && (flags & O_PATH) != 0;
+    }
+
+    bool occupied[last_standard_stream + 1] = {};
+};
+
+// Makes a system call, and makes it again where a signal interrupted it. Not for ever: a driver
+// that reports nothing but interruptions must not hang its caller.
+template <typename Call>
+int uninterrupted(Call call) {
+    constexpr int max_tries = 1000;
+    const CancellationDisabled uncancelled;
+    int result = 0;
+    for (int tries = 0; tries < max_tries; ++tries) {
+        result = static_cast<int>(call());
+        if (result != -1 || errno != EINTR) break;
+    }
+    return result;
+}
+
+}  // namespace
+
+int diag_device_open(void) {
+    const CancellationDisabled uncancelled;
+    const StandardStreamsOccupied kept_free;
+    return uninterrupted([] { return open("/dev/diag", O_RDWR | O_CLOEXEC); });
+}
+
+int diag_device_read(int handle, unsigned char* buffer, size_t size) {
+    return static_cast<int>(read(handle, buffer, size));
+}
+
+int diag_device_write(int handle, const unsigned char* buffer, size_t size) {
+    return uninterrupted([=] { return write(handle, buffer, size); });
+}
+
+int diag_device_ioctl(int handle, unsigned long request, void* argument) {
+    return uninterrupted([=] { return ioctl(handle, request, argument); });
+}
+
+int diag_device_ioctl(int handle, unsigned long request, unsigned long argument) {
+    return uninterrupted([=] { return ioctl(handle, request, argument); });
+}
+
+int diag_device_close(int handle) {
+    const CancellationDisabled uncancelled;
+    return close(handle);
+}
+
+}  // namespace tavrik_diag_lsm
