@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "diag/FrameCutter.h"
 #include "diag_lsm/device.h"
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm.h"
@@ -18,10 +19,6 @@ namespace tavrik {
 namespace {
 
 using Byte = unsigned char;
-
-constexpr Byte frameEnd = 0x7E;
-constexpr Byte escapeByte = 0x7D;
-constexpr Byte escapeMask = 0x20;
 
 constexpr Byte logPacket = 16;
 constexpr Byte eventReportControl = 96;
@@ -49,31 +46,6 @@ const char* text(bool result) { return result ? "true" : "false"; }
 // The caller has looked whether 12 bytes are there.
 bool isLogConfigurationDone(const Byte* rsp, uint32_t operation) {
     return diag_get_u32(rsp + 4) == operation && diag_get_u32(rsp + 8) == 0;
-}
-
-struct Frame {
-    Byte* data;
-    int length;
-};
-
-// Unescapes the frame that begins at `at`, in place, and moves `at` behind it. False when no end
-// flag is left.
-bool cutFrame(Byte*& at, const Byte* end, Frame& frame) {
-    Byte* const begin = at;
-    Byte* out = at;
-    while (at != end) {
-        const Byte byte = *at++;
-        if (byte == escapeByte) {
-            if (at == end) return false;
-            *out++ = *at++ ^ escapeMask;
-            continue;
-        }
-        *out++ = byte;
-        if (byte != frameEnd) continue;
-        frame = {begin, static_cast<int>(out - begin)};
-        return true;
-    }
-    return false;
 }
 
 }  // namespace
@@ -478,19 +450,13 @@ int DIAG::onDIAGData(unsigned char* buf, int len, void* context) {
 }
 
 void DIAG::onDIAGData(unsigned char* buf, int len) {
-    if (len <= 0) return;
-    Byte* at = buf;
-    const Byte* const end = buf + len;
-    while (at != end) {
-        const Byte* const begin = at;
-        Frame frame{};
-        if (!cutFrame(at, end, frame)) {
-            logger->warnf("DIAG::onDIAGData() dropped %d bytes without an end flag",
-                          static_cast<int>(end - begin));
-            return;
-        }
+    if (!buf || len <= 0) return;
+    FrameCutter cutter(buf, len);
+    Frame frame{};
+    while (cutter.next(frame))
         onFrame(frame.data, frame.length);
-    }
+    if (cutter.bytesLeft() == 0) return;
+    logger->warnf("DIAG::onDIAGData() dropped %d bytes without an end flag", cutter.bytesLeft());
 }
 
 void DIAG::onFrame(unsigned char* frame, int length) {
