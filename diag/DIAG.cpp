@@ -29,7 +29,7 @@ constexpr uint32_t logDisable = 0;
 constexpr uint32_t logRetrieveRanges = 1;
 constexpr uint32_t logSetMask = 3;
 
-constexpr int responseTimeout = 250;  // milliseconds
+constexpr std::chrono::milliseconds responseTimeout{250};
 
 constexpr int logHeaderLength = 8;     // of a frame: up to and including the log code
 constexpr int logRecordOffset = 4;     // in a frame
@@ -55,7 +55,8 @@ Logger* DIAG::logger = nullptr;
 
 // --- ResponseListener and Request -----------------------------------------------------------
 
-DIAG::ResponseListener::ResponseListener() : accepted(false), done(false) {}
+DIAG::ResponseListener::ResponseListener()
+    : accepted(false), done(false), waiting(false), called(false) {}
 
 DIAG::ResponseListener::~ResponseListener() = default;
 
@@ -63,6 +64,7 @@ void DIAG::ResponseListener::reset() {
     LockGuard guard(lock);
     accepted = false;
     done = false;
+    called = false;
 }
 
 void DIAG::ResponseListener::handOver(bool result) {
@@ -73,29 +75,44 @@ void DIAG::ResponseListener::handOver(bool result) {
     lock.notify();
 }
 
-void DIAG::ResponseListener::waitUntilDone(int milliseconds) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
+bool DIAG::ResponseListener::callToSend() {
     LockGuard guard(lock);
-    while (!done) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        if (left.count() <= 0) return;
+    if (!waiting) return false;
+    called = true;
+    lock.notify();
+    return true;
+}
+
+DIAG::ResponseListener::Event DIAG::ResponseListener::wait(Deadline deadline) {
+    using std::chrono::milliseconds;
+    LockGuard guard(lock);
+    waiting = true;
+    while (!done && !called) {
+        const auto left = std::chrono::ceil<milliseconds>(deadline - Deadline::clock::now());
+        if (left.count() <= 0) break;
         lock.wait(static_cast<int>(left.count()));
     }
+    waiting = false;
+    if (std::exchange(called, false)) return Event::calledToSend;
+    return done ? Event::answered : Event::timedOut;
 }
 
-DIAG::Request::Request(unsigned char* bytes, int count, ResponseListener* receiver)
-    : listener(receiver), data(bytes), length(count) {}
-
-DIAG::Request::Request(const Request& other)
-    : listener(other.listener), data(nullptr), length(other.length) {
-    if (!other.data) return;
-    data = static_cast<unsigned char*>(malloc(static_cast<size_t>(length)));
-    if (data) memcpy(data, other.data, static_cast<size_t>(length));
+DIAG::Request::Request(const unsigned char* bytes, int count, ResponseListener* receiver)
+    : listener(receiver), data(nullptr), length(count) {
+    if (!bytes || count < 1) return;
+    data = static_cast<unsigned char*>(malloc(static_cast<size_t>(count)));
+    if (data) memcpy(data, bytes, static_cast<size_t>(count));
 }
 
-DIAG::Request& DIAG::Request::operator=(Request other) {
+DIAG::Request::Request(Request&& other) noexcept
+    : listener(other.listener),
+      outstanding(other.outstanding),
+      data(std::exchange(other.data, nullptr)),
+      length(other.length) {}
+
+DIAG::Request& DIAG::Request::operator=(Request other) noexcept {
     std::swap(listener, other.listener);
+    std::swap(outstanding, other.outstanding);
     std::swap(data, other.data);
     std::swap(length, other.length);
     return *this;
@@ -103,12 +120,19 @@ DIAG::Request& DIAG::Request::operator=(Request other) {
 
 DIAG::Request::~Request() { free(data); }
 
-bool DIAG::Request::send() {
+DIAG::Request DIAG::Request::takeForSending() {
+    outstanding = true;
+    Request taken(nullptr, length, nullptr);
+    taken.data = std::exchange(data, nullptr);
+    return taken;
+}
+
+int DIAG::Request::send(const char* format) {
     const int result = diag_callback_send_data(0, data, length);
-    logger->tracef("DIAG::Request::send() [%p,%d] => %d", static_cast<void*>(data), length, result);
+    logger->tracef(format, static_cast<void*>(data), length, result);
     free(data);
     data = nullptr;
-    return result == 0;
+    return result;
 }
 
 // --- Instance -------------------------------------------------------------------------------
@@ -265,17 +289,26 @@ bool DIAG::setup(const char* name, unsigned char* data, int length, ResponseList
 bool DIAG::sendSetupRequest(unsigned char* data, int length, ResponseListener* listener) {
     traceSend(data, length, listener, "");
     LockGuard guard(requestLock);
-    const bool sent = sendOrQueue(data, length, listener);
+    const bool sent = enqueue(data, length, listener);
     guard.unlock();
     traceSend(data, length, listener, sent ? " => true" : " => false");
     return sent;
 }
 
 void DIAG::disconnectIfIdle() {
+    while (!tryDisconnectIfIdle()) {
+        LockGuard guard(requestLock);
+        while (sending)
+            requestLock.wait();
+    }
+}
+
+bool DIAG::tryDisconnectIfIdle() {
     LockGuard listenersGuard(listenerLock);
     LockGuard requestsGuard(requestLock);
     LockGuard guard(connectLock);
-    if (!logListeners.empty() || !requests.empty() || maskBusy || moving) return;
+    if (!logListeners.empty() || !requests.empty() || maskBusy || moving) return true;
+    if (sending) return false;
     logger->tracef("DIAG::disconnectIfIdle() => disconnect");
     BusyFlag disconnecting(moving, connectLock);
     connected = false;
@@ -285,6 +318,7 @@ void DIAG::disconnectIfIdle() {
     LockRelease released(connectLock);
     switchLoggingMode(DIAG_MODE_USB, false);
     Diag_LSM_DeInit();
+    return true;
 }
 
 // --- Requests -------------------------------------------------------------------------------
@@ -298,40 +332,85 @@ void DIAG::traceSend(const unsigned char* data, int length, const ResponseListen
 bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listener) {
     traceSend(data, length, listener, "");
     bool sent = false;
+    Withdrawal onUnwinding(*this, listener);
     while (connect()) {
         LockGuard guard(requestLock);
         // Another thread may have disconnected since.
         if (!connected) continue;
-        sent = sendOrQueue(data, length, listener);
+        sent = enqueue(data, length, listener);
         break;
     }
     traceSend(data, length, listener, sent ? " => true" : " => false");
+    onUnwinding.cancel();
     return sent;
 }
 
-bool DIAG::sendOrQueue(unsigned char* data, int length, ResponseListener* listener) {
+bool DIAG::enqueue(const unsigned char* data, int length, ResponseListener* listener) {
     if (listener) listener->reset();
-    if (requests.empty()) {
-        // Before it is sent: what the driver has taken must not be missing in the queue.
-        requests.emplace_back(nullptr, 0, listener);
-        const int result = diag_callback_send_data(0, data, length);
-        logger->tracef("diag_callback_send_data(%p,%d) => %d", static_cast<void*>(data), length,
-                       result);
-        if (result != 0) requests.pop_back();
-        return result == 0;
+    const bool due = requests.empty() && !sending;
+    if (!due) traceSend(data, length, listener, " => queue");
+    Request request(data, length, listener);
+    if (!due && !request.hasBytes()) return false;
+    requests.push_back(std::move(request));
+    if (!due) return true;
+    const bool sent = sendFront("diag_callback_send_data(%p,%d) => %d") == 0;
+    sendDueOrDelegate();
+    return sent;
+}
+
+bool DIAG::isDue() const { return !sending && !requests.empty() && !requests.front().outstanding; }
+
+int DIAG::sendFront(const char* format) {
+    if (std::exchange(delegated, false)) requestLock.notifyAll();
+    // Its place in the queue may be gone when the write returns: the answer may come before.
+    Request taken = requests.front().takeForSending();
+    const unsigned long finishedBefore = finished;
+    int result = 0;
+    {
+        BusyFlag busy(sending, requestLock);
+        LockRelease released(requestLock);
+        result = taken.send(format);
     }
-    traceSend(data, length, listener, " => queue");
-    if (length < 1) return false;
-    Byte* copy = static_cast<Byte*>(malloc(static_cast<size_t>(length)));
-    if (!copy) return false;
-    memcpy(copy, data, static_cast<size_t>(length));
-    requests.emplace_back(copy, length, listener);
-    return true;
+    if (result != 0 && finished == finishedBefore) finishFront();
+    return result;
+}
+
+void DIAG::finishFront() {
+    requests.pop_front();
+    ++finished;
+}
+
+void DIAG::sendDue() {
+    if (isDue()) sendFront("DIAG::Request::send() [%p,%d] => %d");
+}
+
+void DIAG::sendDueOrDelegate() {
+    while (isDue()) {
+        if (delegate()) return;
+        sendDue();
+    }
+}
+
+bool DIAG::delegate() {
+    for (const Request& request : requests) {
+        if (!request.listener || !request.listener->callToSend()) continue;
+        delegated = true;
+        return true;
+    }
+    return false;
 }
 
 bool DIAG::awaitResponse(ResponseListener& listener) {
-    listener.waitUntilDone(responseTimeout);
-    withdraw(listener);
+    using Event = ResponseListener::Event;
+    {
+        Withdrawal onLeaving(*this, &listener);
+        const auto deadline = ResponseListener::Deadline::clock::now() + responseTimeout;
+        while (listener.wait(deadline) == Event::calledToSend) {
+            LockGuard guard(requestLock);
+            sendDue();
+            sendDueOrDelegate();
+        }
+    }
     // Last: an answer that came at the last moment counts.
     return listener.accepted;
 }
@@ -341,6 +420,8 @@ void DIAG::withdraw(ResponseListener& listener) {
     for (Request& request : requests) {
         if (request.listener == &listener) request.listener = nullptr;
     }
+    // It may have been called to send, and leaves without.
+    sendDueOrDelegate();
 }
 
 // --- Log listeners and masks ----------------------------------------------------------------
@@ -498,15 +579,18 @@ void DIAG::onLogFrame(const unsigned char* frame, int length) {
 
 void DIAG::onResponseFrame(const unsigned char* frame, int length) {
     LockGuard guard(requestLock);
+    // A frame answers the front request. One that is due must be on its way by then; who was called
+    // to send it comes within its own time-out.
+    while (delegated)
+        requestLock.wait();
     if (requests.empty()) {
         logger->warnf("DIAG::onDIAGData() received unsolicited response: %d", frame[0]);
         return;
     }
     ResponseListener* const listener = requests.front().listener;
     if (listener) listener->handOver(listener->onResponse(frame, length));
-    requests.pop_front();
-    while (!requests.empty() && !requests.front().send())
-        requests.pop_front();
+    finishFront();
+    sendDueOrDelegate();
 }
 
 }  // namespace tavrik

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -25,9 +26,9 @@ namespace tavrik {
 //
 // Ownership: a singleton, never destroyed. Listeners belong to their owners.
 //
-// Locks: a thread that waits for the target or for the reader's end holds no mutex. Who may not
-// pass meanwhile is kept out by a flag: `maskBusy` (a log mask is under way) and `moving`
-// (connecting or disconnecting).
+// Locks: a thread that waits for the target or for the reader's end, or is inside a call into the
+// driver, holds no mutex. A flag keeps the others out meanwhile: `sending` (a request is being
+// written), `maskBusy` (a log mask is under way) and `moving` (connecting or disconnecting).
 class DIAG {
   public:
     // Receives the answer to one request at a time. Lives until awaitResponse() has returned.
@@ -52,13 +53,19 @@ class DIAG {
 
       private:
         friend class DIAG;
+        using Deadline = std::chrono::steady_clock::time_point;
+        enum class Event { answered, calledToSend, timedOut };
 
         void reset() TAVRIK_EXCLUDES(lock);
         void handOver(bool result) TAVRIK_EXCLUDES(lock);
-        void waitUntilDone(int milliseconds) TAVRIK_EXCLUDES(lock);
+        // Calls the waiter to send the request that is due. False when nobody waits.
+        bool callToSend() TAVRIK_EXCLUDES(lock);
+        Event wait(Deadline deadline) TAVRIK_EXCLUDES(lock);
 
-        Lock lock;                          // taken after the session's requestLock
-        bool done TAVRIK_GUARDED_BY(lock);  // the answer has come, accepted or not
+        Lock lock;                             // taken after the session's requestLock
+        bool done TAVRIK_GUARDED_BY(lock);     // the answer has come, accepted or not
+        bool waiting TAVRIK_GUARDED_BY(lock);  // a thread is in wait()
+        bool called TAVRIK_GUARDED_BY(lock);   // ... and is to send
     };
 
     // Receives the log packets of one log code.
@@ -116,23 +123,47 @@ class DIAG {
     void onDIAGData(unsigned char* buf, int len);
 
   private:
-    // One queued request.
+    // One queued request with a copy of its bytes.
     class Request {
       public:
-        // Takes over `bytes` (from malloc); null for a request that the driver has already.
-        Request(unsigned char* bytes, int count, ResponseListener* receiver);
-        Request(const Request& other);
-        Request& operator=(Request other);
+        // Without bytes when there are none to copy, or no memory.
+        Request(const unsigned char* bytes, int count, ResponseListener* receiver);
+        Request(Request&& other) noexcept;
+        Request& operator=(Request other) noexcept;
         ~Request();
 
-        // Hands the bytes to the driver client and frees them. True when the driver took them.
-        bool send();
+        bool hasBytes() const { return data != nullptr; }
+
+        // Gives the bytes to who hands them to the driver; from then on the request is outstanding.
+        Request takeForSending();
+
+        // Hands the bytes to the driver client and frees them. Traces `format` with their address,
+        // their number and the driver's result, which is 0 when the driver took them; returns it.
+        int send(const char* format);
 
         ResponseListener* listener;  // not owned; null when nobody waits any more
+        bool outstanding = false;    // the driver has it, or is being given it
 
       private:
         unsigned char* data;
         int length;
+    };
+
+    // Takes a listener back from the queue at the end of a scope, however that is left.
+    class Withdrawal {
+      public:
+        Withdrawal(DIAG& owner, ResponseListener* waiter) : session(owner), listener(waiter) {}
+        ~Withdrawal() {
+            if (listener) session.withdraw(*listener);
+        }
+        Withdrawal(const Withdrawal&) = delete;
+        Withdrawal& operator=(const Withdrawal&) = delete;
+
+        void cancel() { listener = nullptr; }
+
+      private:
+        DIAG& session;
+        ResponseListener* listener;
     };
 
     DIAG();
@@ -153,8 +184,26 @@ class DIAG {
 
     static void traceSend(const unsigned char* data, int length, const ResponseListener* listener,
                           const char* outcome);
-    bool sendOrQueue(unsigned char* data, int length, ResponseListener* listener)
+    // Puts a request into the queue, and sends it where it is due. False when it cannot be queued
+    // or the driver refused it; then it is not in the queue.
+    bool enqueue(const unsigned char* data, int length, ResponseListener* listener)
         TAVRIK_REQUIRES(requestLock);
+    // Whether the front request has not been sent and nobody is sending.
+    bool isDue() const TAVRIK_REQUIRES(requestLock);
+    // Hands the front request to the driver, with `sending` set and the lock free meanwhile.
+    // Returns the driver's result; what the driver refused has left the queue. `format` is for
+    // Request::send().
+    int sendFront(const char* format) TAVRIK_REQUIRES(requestLock);
+    // Removes the front request.
+    void finishFront() TAVRIK_REQUIRES(requestLock);
+    // Sends the front request if it is due.
+    void sendDue() TAVRIK_REQUIRES(requestLock);
+    // Has a due request sent, and the next one where the driver refuses it: by a caller that waits
+    // for an answer or, without one, here. A write may block until the reader has read, so the
+    // reader writes only where nobody waits.
+    void sendDueOrDelegate() TAVRIK_REQUIRES(requestLock);
+    // Calls a waiting caller to send the due request. False when nobody waits.
+    bool delegate() TAVRIK_REQUIRES(requestLock);
     void withdraw(ResponseListener& listener) TAVRIK_EXCLUDES(requestLock);
 
     bool insertListener(unsigned short logCode, LogListener* listener)
@@ -171,6 +220,10 @@ class DIAG {
     void onFrame(unsigned char* frame, int length);
     void onLogFrame(const unsigned char* frame, int length) TAVRIK_EXCLUDES(listenerLock);
     void onResponseFrame(const unsigned char* frame, int length) TAVRIK_EXCLUDES(requestLock);
+
+    // Disconnects if idle. False when that cannot be told yet: a write has not returned although
+    // its request is answered.
+    bool tryDisconnectIfIdle() TAVRIK_EXCLUDES(listenerLock, requestLock, connectLock);
 
     static DIAG* theInstance;
     static Logger* logger;  // constant once theInstance is set
@@ -195,8 +248,14 @@ class DIAG {
     std::map<unsigned short, LogListener*> logListeners TAVRIK_GUARDED_BY(listenerLock);
     bool maskBusy TAVRIK_GUARDED_BY(listenerLock);
 
-    // The front one is outstanding at the target, the others hold copies of their bytes.
+    // Only the front one can be outstanding at the target.
     std::deque<Request> requests TAVRIK_GUARDED_BY(requestLock);
+    // Counts the requests that have left the queue.
+    unsigned long finished TAVRIK_GUARDED_BY(requestLock) = 0;
+    // A thread is inside the driver's write. Who finishes it sends what became due meanwhile.
+    bool sending TAVRIK_GUARDED_BY(requestLock) = false;
+    // The front request is due, and a caller that waits has been called to send it.
+    bool delegated TAVRIK_GUARDED_BY(requestLock) = false;
 
     // Highest item number by equipment id. Written by the reader while connecting, constant while
     // connected.
