@@ -17,16 +17,13 @@ namespace tavrik {
 //
 // Threads: none of its own. A tree, its counts included, is used by one thread at a time.
 //
-// Trees may be of any depth: nothing here recurses. The parsers alone refuse more than MAX_DEPTH
-// arrays and objects in each other.
+// Trees may be of any depth: nothing here recurses.
 //
 // Strings are bytes; no encoding is looked at.
 class JSONData {
   public:
     // NONE is a fresh or reset node; it writes nothing.
     enum Type : uint16_t { NONE, JSON_NULL, BOOLEAN, OBJECT, ARRAY, STRING, LONG, DOUBLE };
-
-    static constexpr unsigned MAX_DEPTH = 1000;
 
     // A member of an object.
     struct entry {

@@ -267,7 +267,6 @@ class JSONData::Parser {
     }
 
     bool open(JSONData& node, Type container) {
-        if (opened.size() == MAX_DEPTH) return fail("syntax error: nesting too deep");
         source.advance();
         become(node, container);
         opened.push_back(Open{&node});
