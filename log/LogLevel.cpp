@@ -12,13 +12,13 @@ namespace tavrik {
 
 namespace {
 
-constexpr int UNKNOWN = 7;
-constexpr int LEVELS = 9;
+constexpr int kUnknown = 7;
+constexpr int kLevels = 9;
 
 // The order is the numbering. Built on first use and never destroyed, because static initialisers
 // of other files log, and threads log while the process exits.
 const std::string& levelName(int number) {
-    static const std::string* const names = new std::string[LEVELS]{
+    static const std::string* const names = new std::string[kLevels]{
         "OFF", "FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE", "UNKNOWN", "ALL"};
     return names[number];
 }
@@ -32,18 +32,18 @@ const std::string& LogLevel::WARN_NAME = levelName(3);
 const std::string& LogLevel::INFO_NAME = levelName(4);
 const std::string& LogLevel::DEBUG_NAME = levelName(5);
 const std::string& LogLevel::TRACE_NAME = levelName(6);
-const std::string& LogLevel::UNKNOWN_NAME = levelName(UNKNOWN);
+const std::string& LogLevel::UNKNOWN_NAME = levelName(kUnknown);
 const std::string& LogLevel::ALL_NAME = levelName(8);
 
-LogLevel* LogLevel::LVL_OFF = nullptr;
-LogLevel* LogLevel::LVL_FATAL = nullptr;
-LogLevel* LogLevel::LVL_ERROR = nullptr;
-LogLevel* LogLevel::LVL_WARN = nullptr;
-LogLevel* LogLevel::LVL_INFO = nullptr;
-LogLevel* LogLevel::LVL_DEBUG = nullptr;
-LogLevel* LogLevel::LVL_TRACE = nullptr;
-LogLevel* LogLevel::LVL_UNKNOWN = nullptr;
-LogLevel* LogLevel::LVL_ALL = nullptr;
+LogLevel::SharedLevel LogLevel::LVL_OFF;
+LogLevel::SharedLevel LogLevel::LVL_FATAL;
+LogLevel::SharedLevel LogLevel::LVL_ERROR;
+LogLevel::SharedLevel LogLevel::LVL_WARN;
+LogLevel::SharedLevel LogLevel::LVL_INFO;
+LogLevel::SharedLevel LogLevel::LVL_DEBUG;
+LogLevel::SharedLevel LogLevel::LVL_TRACE;
+LogLevel::SharedLevel LogLevel::LVL_UNKNOWN;
+LogLevel::SharedLevel LogLevel::LVL_ALL;
 
 bool LogLevel::Record::operator<(const Record& other) const {
     return std::tie(number, name) < std::tie(other.number, other.name);
@@ -73,32 +73,33 @@ LogLevel::~LogLevel() = default;
 void LogLevel::_init() {
     static std::once_flag once;
     std::call_once(once, [] {
-        LogLevel* const levels = new LogLevel[LEVELS]{
+        LogLevel* const levels = new LogLevel[kLevels]{
             {levelName(0), 0}, {levelName(1), 1}, {levelName(2), 2},
             {levelName(3), 3}, {levelName(4), 4}, {levelName(5), 5},
             {levelName(6), 6}, {levelName(7), 7}, {levelName(8), 8},
         };
-        LogLevel** const shared[LEVELS] = {&LVL_OFF,   &LVL_FATAL,   &LVL_ERROR,
-                                           &LVL_WARN,  &LVL_INFO,    &LVL_DEBUG,
-                                           &LVL_TRACE, &LVL_UNKNOWN, &LVL_ALL};
-        for (int number = 0; number < LEVELS; ++number)
-            *shared[number] = &levels[number];
+        SharedLevel* const shared[kLevels] = {&LVL_OFF,   &LVL_FATAL,   &LVL_ERROR,
+                                              &LVL_WARN,  &LVL_INFO,    &LVL_DEBUG,
+                                              &LVL_TRACE, &LVL_UNKNOWN, &LVL_ALL};
+        // LVL_OFF last: whoever sees it may rely on the others.
+        for (int number = kLevels - 1; number >= 0; --number)
+            shared[number]->pointer.store(&levels[number], std::memory_order_release);
     });
 }
 
 LogLevel* LogLevel::valueOf(const char* name) {
-    if (name == nullptr) return valueOf(UNKNOWN);
-    for (int number = 0; number < LEVELS; ++number) {
+    if (name == nullptr) return valueOf(kUnknown);
+    for (int number = 0; number < kLevels; ++number) {
         if (strcasecmp(name, levelName(number).c_str()) == 0) return valueOf(number);
     }
-    return valueOf(UNKNOWN);
+    return valueOf(kUnknown);
 }
 
 LogLevel* LogLevel::valueOf(const std::string& name) { return valueOf(name.c_str()); }
 
 LogLevel* LogLevel::valueOf(int level) {
     _init();
-    if (level < 0 || level >= LEVELS) level = UNKNOWN;
+    if (level < 0 || level >= kLevels) level = kUnknown;
     // The nine stand in one array.
     return LVL_OFF + level;
 }

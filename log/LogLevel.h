@@ -13,6 +13,17 @@ namespace tavrik {
 // life of the process, also after the level was assigned to.
 class LogLevel {
   public:
+    // A pointer that _init() sets once, on whatever thread; others may look at it meanwhile.
+    class SharedLevel {
+      public:
+        operator LogLevel*() const { return pointer.load(std::memory_order_acquire); }
+        LogLevel* operator->() const { return *this; }
+
+      private:
+        friend class LogLevel;
+        std::atomic<LogLevel*> pointer{nullptr};
+    };
+
     // Not to be read by static initialisers of other files, which may run before these are set; the
     // rest of the class may.
     static const std::string& OFF_NAME;
@@ -27,15 +38,15 @@ class LogLevel {
 
     // The shared levels, numbered from 0 in this order. Null before _init(), never freed after it.
     // Call _init() before reading one of them, valueOf() does it for its caller.
-    static LogLevel* LVL_OFF;
-    static LogLevel* LVL_FATAL;
-    static LogLevel* LVL_ERROR;
-    static LogLevel* LVL_WARN;
-    static LogLevel* LVL_INFO;
-    static LogLevel* LVL_DEBUG;
-    static LogLevel* LVL_TRACE;
-    static LogLevel* LVL_UNKNOWN;
-    static LogLevel* LVL_ALL;
+    static SharedLevel LVL_OFF;
+    static SharedLevel LVL_FATAL;
+    static SharedLevel LVL_ERROR;
+    static SharedLevel LVL_WARN;
+    static SharedLevel LVL_INFO;
+    static SharedLevel LVL_DEBUG;
+    static SharedLevel LVL_TRACE;
+    static SharedLevel LVL_UNKNOWN;
+    static SharedLevel LVL_ALL;
 
     // Takes a short lock of its own; copying a level takes none.
     LogLevel(const std::string& name, int level);

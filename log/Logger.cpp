@@ -19,7 +19,12 @@ std::atomic<LogAdapter*> Logger::logAdapter{nullptr};
 
 namespace {
 
-enum Number { ERROR = 2, WARN = 3, INFO = 4, DEBUG = 5, TRACE = 6, ALL = 8 };
+constexpr int kError = 2;
+constexpr int kWarn = 3;
+constexpr int kInfo = 4;
+constexpr int kDebug = 5;
+constexpr int kTrace = 6;
+constexpr int kAll = 8;
 
 struct Registry {
     // Guards the map. Innermost but for the short lock inside LogLevel.
@@ -52,14 +57,14 @@ void setOrOverwrite(std::atomic<LogLevel*>& slot, const LogLevel& value) {
 
 LogLevel* valueOrInfo(const std::atomic<LogLevel*>& slot) {
     LogLevel* const value = slot.load(std::memory_order_acquire);
-    return value != nullptr ? value : LogLevel::valueOf(INFO);
+    return value != nullptr ? value : LogLevel::valueOf(kInfo);
 }
 
 }  // namespace
 
 Logger::Logger(const std::string& name_, const LogLevel& level_) : name(name_), level(level_) {
-    setIfUnset(defaultLogLevel, *LogLevel::valueOf(INFO));
-    setIfUnset(masterLogLevel, *LogLevel::valueOf(ALL));
+    setIfUnset(defaultLogLevel, *LogLevel::valueOf(kInfo));
+    setIfUnset(masterLogLevel, *LogLevel::valueOf(kAll));
 }
 
 Logger::~Logger() = default;
@@ -74,7 +79,9 @@ Logger* Logger::getLogger(const std::string& name) {
     return created.release();
 }
 
-Logger* Logger::getLogger(const char* name) { return getLogger(std::string(name)); }
+Logger* Logger::getLogger(const char* name) {
+    return getLogger(std::string(name != nullptr ? name : ""));
+}
 
 void Logger::visitLoggers(LoggerVisitor& visitor) {
     Registry& all = registry();
@@ -104,47 +111,48 @@ void Logger::vlogIfAdmitted(int number, const char* fmt, va_list args) {
 void Logger::errorf(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(ERROR, fmt, args);
+    vlogIfAdmitted(kError, fmt, args);
     va_end(args);
 }
 
 void Logger::warnf(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(WARN, fmt, args);
+    vlogIfAdmitted(kWarn, fmt, args);
     va_end(args);
 }
 
 void Logger::infof(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(INFO, fmt, args);
+    vlogIfAdmitted(kInfo, fmt, args);
     va_end(args);
 }
 
 void Logger::debugf(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(DEBUG, fmt, args);
+    vlogIfAdmitted(kDebug, fmt, args);
     va_end(args);
 }
 
 void Logger::tracef(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(TRACE, fmt, args);
+    vlogIfAdmitted(kTrace, fmt, args);
     va_end(args);
 }
 
 int Logger::vlog(const LogLevel& messageLevel, const char* fmt, va_list args) {
     char message[2048];
     message[0] = '\0';  // what a failing vsnprintf leaves
-    vsnprintf(message, 2047, fmt, args);
+    if (fmt != nullptr) vsnprintf(message, 2047, fmt, args);
     message[2047] = '\0';
     return log(messageLevel, message);
 }
 
 int Logger::log(const LogLevel& messageLevel, const char* message) {
+    if (message == nullptr) message = "";
     LogAdapter* const adapter = logAdapter.load(std::memory_order_acquire);
     if (adapter != nullptr) return adapter->log(messageLevel, name, message, bufferingEnabled);
     return print(messageLevel, message);

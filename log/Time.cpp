@@ -43,23 +43,26 @@ bool readUptime(double& uptime, double& idletime, double& now, int& fields) {
     return true;
 }
 
-double computeStartTime() {
+// Stores the start time before it logs: a log adapter may ask for it.
+void computeStartTime() {
     double uptime = 0.0;
     double idletime = 0.0;
     double now = 0.0;
     int fields = 0;
     if (!readUptime(uptime, idletime, now, fields)) {
+        systemStartTime = 0.0;
         timeLogger()->errorf("getSystemStartTime: Could not open /proc/uptime");
-        return 0.0;
+        return;
     }
     if (fields <= 0) {
+        systemStartTime = 0.0;
         timeLogger()->errorf("getSystemStartTime: Could not parse /proc/uptime");
-        return 0.0;
+        return;
     }
+    systemStartTime = now - uptime;
     timeLogger()->debugf("getSystemStartTime: uptime=%f, idletime=%f, now=%f", uptime, idletime,
                          now);
     timeLogger()->infof("The system start time is %f", now - uptime);
-    return now - uptime;
 }
 
 // Truncates toward zero; what does not fit becomes the nearest number that does, no number becomes
@@ -89,11 +92,12 @@ double getFakeTimeOffset() { return fakeTimeOffset; }
 
 double getSystemStartTime() {
     // Two threads that are first compute it both; either result is right.
-    if (systemStartTime == notComputed) systemStartTime = computeStartTime();
+    if (systemStartTime == notComputed) computeStartTime();
     return systemStartTime;
 }
 
 size_t timeToString(double t, char* out) {
+    if (out == nullptr) return 0;
     const int32_t secs = toInt32(t);
     const double fraction = t - secs;
     const int32_t millis = fraction > -1.0 && fraction < 1.0 ? toInt32(fraction * 1000.0) : 0;
