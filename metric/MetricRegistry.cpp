@@ -14,6 +14,7 @@ MetricRegistry::MetricRegistry() {
 }
 
 void MetricRegistry::addMetric(Metric* metric) {
+    if (!metric) return;
     LockGuard guard(lock);
     metrics.insert(metric);
 }

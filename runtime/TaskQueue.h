@@ -17,7 +17,7 @@ namespace tavrik {
 //
 // Stopping: close() drops what comes later and waits for the drain. A derived class calls it first
 // thing in its own destructor: the base's comes too late for exec(). The group must stay open
-// longer than the queue; a drain whose thread could not be created is waited for for ever.
+// longer than the queue.
 //
 // Must not be done, because it would wait for itself for ever: close() or destruction from exec();
 // add() from exec() to a full queue with a limit.
@@ -36,7 +36,14 @@ class TaskQueue : public Runnable {
         append(entry);
     }
 
-    // Waits until the drain has ended and no producer waits. What is queued is drained before.
+  protected:
+    // Called on the drain for each entry, with no lock of the queue's held; `index` counts from 1
+    // to `count` in each batch.
+    virtual void exec(const T& entry, int index, int count) = 0;
+
+  public:
+    // Waits until the drain has ended and no producer waits. What is queued is drained before, but
+    // for entries whose drain could not be started.
     virtual void close() TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         if (!group) return;
@@ -62,30 +69,34 @@ class TaskQueue : public Runnable {
     int getMaxSize() const { return maxSize; }
 
   protected:
-    // Called on the drain for each entry, with no lock of the queue's held; `index` counts from 1
-    // to `count` in each batch.
-    virtual void exec(const T& entry, int index, int count) = 0;
-
     // As add(), for callers that do more under the lock.
     void append(const T& entry) TAVRIK_REQUIRES(lock) {
         if (!waitForRoom()) return;
         input->push_back(entry);
         ++size;
-        if (running) return;
-        running = true;
-        group->spawn(this, false);
+        startDrain();
     }
 
     // Guards the queues and what follows them. Taken before the group's lock and a worker's.
     Lock lock;
 
   private:
-    // False when closed.
+    // Where the system has no thread for the drain, the next entry tries again.
+    void startDrain() TAVRIK_REQUIRES(lock) {
+        if (!running) running = group->trySpawn(this);
+    }
+
+    bool isFull() const TAVRIK_REQUIRES(lock) {
+        return limit != 0 && static_cast<int>(input->size()) >= limit;
+    }
+
+    // False when closed. Without a drain nobody would make room, so then there is no wait.
     bool waitForRoom() TAVRIK_REQUIRES(lock) {
         if (!group) return false;
-        if (limit == 0 || static_cast<int>(input->size()) < limit) return true;
+        if (!isFull()) return true;
+        startDrain();
         ++blockedProducers;
-        while (group && static_cast<int>(input->size()) >= limit)
+        while (group && running && isFull())
             lock.wait();
         --blockedProducers;
         if (group) return true;

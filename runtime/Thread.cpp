@@ -11,9 +11,10 @@ std::atomic<Logger*> Thread::logger{nullptr};
 
 Thread::Thread(const std::string& threadName) : Thread(threadName, nullptr) {}
 
-Thread::Thread(const char* threadName) : Thread(std::string(threadName), nullptr) {}
+Thread::Thread(const char* threadName) : Thread(threadName, nullptr) {}
 
-Thread::Thread(const char* threadName, Runnable* work) : Thread(std::string(threadName), work) {}
+Thread::Thread(const char* threadName, Runnable* work)
+    : Thread(std::string(threadName ? threadName : ""), work) {}
 
 Thread::Thread(const std::string& threadName, Runnable* work) : name(threadName), runnable(work) {
     if (!logger) logger = Logger::getLogger("Thread");
@@ -29,32 +30,43 @@ Thread::~Thread() {
 }
 
 void Thread::start() {
-    // The new thread may have run and given its reference back before this function is through.
-    reserve();
-    {
-        LockGuard guard(stateLock);
-        if (!threadInfo) {
-            logger.load()->debugf("Creating Thread");
-            reserve();
-            if (!create()) {
-                startFailed = true;
-                fprintf(stderr, "Thread::start()  pthread_create failed\n");
-                fflush(stderr);
-            }
-            logger.load()->debugf("Thread Created successfully");
-        }
+    if (!beginStart()) return;
+    if (!create()) {
+        failStart();
+        fprintf(stderr, "Thread::start()  pthread_create failed\n");
+        fflush(stderr);
     }
-    release();
+    // Not `this` any more: the new thread may have run, given its reference back and deleted it.
+    logger.load()->debugf("Thread Created successfully");
 }
 
+// False when it was started before.
+bool Thread::beginStart() {
+    LockGuard guard(stateLock);
+    if (threadInfo) return false;
+    logger.load()->debugf("Creating Thread");
+    reserve();
+    threadInfo = new pthread_t{};
+    phase = Phase::starting;
+    return true;
+}
+
+// The new thread itself notes its handle: this object may be gone when pthread_create returns.
 bool Thread::create() {
-    threadInfo = new pthread_t;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    alive = pthread_create(threadInfo, &attributes, bootstrap, this) == 0;
+    pthread_t handle;
+    const bool created = pthread_create(&handle, &attributes, bootstrap, this) == 0;
     pthread_attr_destroy(&attributes);
-    return alive;
+    return created;
+}
+
+void Thread::failStart() {
+    startFailed = true;
+    LockGuard guard(stateLock);
+    phase = Phase::over;
+    stateLock.notifyAll();
 }
 
 void* Thread::bootstrap(void* thread) {
@@ -66,16 +78,24 @@ void* Thread::bootstrap(void* thread) {
 
 void Thread::runNamed() {
     prctl(PR_SET_NAME, name.c_str());
+    {
+        LockGuard guard(stateLock);
+        *threadInfo = pthread_self();
+        phase = Phase::running;
+        stateLock.notifyAll();
+    }
     run();
     LockGuard guard(stateLock);
-    alive = false;
+    phase = Phase::over;
 }
 
 void Thread::setPriority(const Priority& priority) {
     LockGuard guard(stateLock);
     if (!threadInfo) return;
     logger.load()->debugf("setPriority %d", priority.value);
-    if (!alive) return;
+    while (phase == Phase::starting)
+        stateLock.wait();
+    if (phase != Phase::running) return;
     sched_param parameters{};
     parameters.sched_priority = priority.value == 0 ? 1 : priority.value + 18;
     pthread_setschedparam(*threadInfo, priority.value == 0 ? SCHED_IDLE : SCHED_FIFO, &parameters);

@@ -37,8 +37,8 @@ class Thread : public Runnable, public SelfDestructingObject {
     // the reference that would have been its own.
     void start() TAVRIK_EXCLUDES(stateLock);
 
-    // Does nothing before start() and after the thread has ended. Whether the system granted the
-    // priority is not told.
+    // Does nothing before start() and after the thread has ended; waits for a thread that is just
+    // being created. Whether the system granted the priority is not told.
     void setPriority(const Priority& priority) TAVRIK_EXCLUDES(stateLock);
 
     // Called on the new thread: runs the Runnable, if there is one.
@@ -48,9 +48,14 @@ class Thread : public Runnable, public SelfDestructingObject {
     // Whether start() was called and could not create the thread. Any thread.
     bool hasFailedToStart() const { return startFailed; }
 
-  private:
+    // The new thread's entry; `thread` is the Thread. Runs it under its name and gives the running
+    // thread's reference back. Null.
     static void* bootstrap(void* thread);
-    bool create() TAVRIK_REQUIRES(stateLock);
+
+  private:
+    bool beginStart() TAVRIK_EXCLUDES(stateLock);
+    bool create();
+    void failStart() TAVRIK_EXCLUDES(stateLock);
     void runNamed();
 
     static std::atomic<Logger*> logger;
@@ -61,10 +66,11 @@ class Thread : public Runnable, public SelfDestructingObject {
 
     std::atomic<bool> startFailed{false};
 
-    // Guards what follows; innermost but for the logger's.
+    // Guards what follows; innermost but for the logger's. Notified when the phase changes.
     Lock stateLock;
+    enum class Phase { unstarted, starting, running, over };
+    Phase phase TAVRIK_GUARDED_BY(stateLock) = Phase::unstarted;
     pthread_t* threadInfo TAVRIK_GUARDED_BY(stateLock) = nullptr;  // set once started
-    bool alive TAVRIK_GUARDED_BY(stateLock) = false;               // *threadInfo names a thread
 };
 
 }  // namespace tavrik

@@ -12,18 +12,23 @@ ThreadGroup::WorkerThread::WorkerThread(ThreadGroup* owner)
     : Thread(owner->workerName), group(owner) {}
 
 void ThreadGroup::WorkerThread::assign(Runnable* task, bool deleteUnrun) {
+    tryAssign(task, deleteUnrun);
+}
+
+bool ThreadGroup::WorkerThread::tryAssign(Runnable* task, bool deleteUnrun) {
     LockGuard guard(lock);
     // A worker without a thread keeps the last task it was given, to drop it in the end.
     if (hasFailedToStart()) dropTask();
-    while (runnable && !stopped)
+    while (runnable)
         lock.wait();
     if (stopped) {
         if (deleteUnrun) delete task;
-        return;
+        return false;
     }
     runnable = task;
     autoDelete = deleteUnrun;
     lock.notifyAll();
+    return !hasFailedToStart();
 }
 
 void ThreadGroup::WorkerThread::run() {
@@ -56,7 +61,6 @@ void ThreadGroup::WorkerThread::dropTask() {
 
 void ThreadGroup::WorkerThread::stop() {
     LockGuard guard(lock);
-    if (stopped) return;
     stopped = true;
     lock.notifyAll();
     // There is no thread that could clear it.
@@ -67,7 +71,8 @@ void ThreadGroup::WorkerThread::stop() {
 
 // --- ThreadGroup ----------------------------------------------------------------------------
 
-ThreadGroup::ThreadGroup(const char* groupName) : ThreadGroup(std::string(groupName)) {}
+ThreadGroup::ThreadGroup(const char* groupName)
+    : ThreadGroup(std::string(groupName ? groupName : "")) {}
 
 ThreadGroup::ThreadGroup(const std::string& groupName)
     : name(groupName), workerName(groupName + " Worker") {
@@ -94,14 +99,20 @@ void ThreadGroup::publish(Metric& metric, const char* metricName, const char* de
     MetricRegistry::Instance()->addMetric(&metric);
 }
 
-void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) {
+void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) { handOut(runnable, autoDelete); }
+
+bool ThreadGroup::trySpawn(Runnable* runnable) { return handOut(runnable, false); }
+
+bool ThreadGroup::handOut(Runnable* runnable, bool autoDelete) {
+    if (!runnable) return false;
     // With a reference: once out of the idle ones, a worker may be stopped and let go by close().
     WorkerThread* const worker = takeWorker(true);
-    if (!worker) return;
+    if (!worker) return false;
     logger.load()->debugf("spawn: group:%s worker:%p runner:%p", name.c_str(),
                           static_cast<void*>(worker), static_cast<void*>(runnable));
-    worker->assign(runnable, autoDelete);
+    const bool accepted = worker->tryAssign(runnable, autoDelete);
     worker->release();
+    return accepted;
 }
 
 ThreadGroup::WorkerThread* ThreadGroup::getWorker() { return takeWorker(false); }

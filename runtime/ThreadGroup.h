@@ -30,14 +30,18 @@ class ThreadGroup {
         // if `autoDelete`.
         void assign(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
-        // Ends the worker for good; waits until the task at hand has run. A task that the worker
-        // has not begun is dropped, and deleted if it was assigned so.
+        // Ends the worker for good. Every call waits until the task at hand has run. A task that
+        // the worker has not begun is dropped, and deleted if it was assigned so.
         void stop() TAVRIK_EXCLUDES(lock);
 
         // The thread's body: runs task after task.
         void run() override TAVRIK_EXCLUDES(lock);
 
       private:
+        friend class ThreadGroup;
+
+        // assign(); false when the task will never run.
+        bool tryAssign(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
         bool waitForTask() TAVRIK_REQUIRES(lock);
         void dropTask() TAVRIK_REQUIRES(lock);
 
@@ -61,6 +65,10 @@ class ThreadGroup {
     // ran and `autoDelete` is set. A closed group neither runs nor deletes it.
     void spawn(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
+    // As spawn() without autoDelete. False when the task will never run, because the group is
+    // closed or the system has no thread for it; another try may succeed in the second case.
+    bool trySpawn(Runnable* runnable) TAVRIK_EXCLUDES(lock);
+
     // An idle worker for the caller to assign a task to, the one that returned last, or a new one;
     // null when closed. The caller assigns once and sees to it that the group is not closed before
     // it has assigned.
@@ -74,7 +82,6 @@ class ThreadGroup {
     // waits.
     void close() TAVRIK_EXCLUDES(lock);
 
-  private:
     // Workers that are neither idle nor new; all workers. Read from mirrors, without the lock.
     class BusyMetric : public Metric {
       public:
@@ -87,6 +94,8 @@ class ThreadGroup {
         const ThreadGroup* owner = nullptr;
     };
 
+  private:
+    bool handOut(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
     // With `reserved`, the caller gets a reference of its own.
     WorkerThread* takeWorker(bool reserved) TAVRIK_EXCLUDES(lock);
     WorkerThread* addWorker() TAVRIK_REQUIRES(lock);

@@ -5,6 +5,7 @@ namespace tavrik {
 XReference::~XReference() { clear(); }
 
 void XReference::add(SelfDestructingResource* resource) {
+    if (!resource) return;
     LockGuard guard(pendingLock);
     if (contains(pendingAdds, resource)) return;
     if (move(pendingRemoves, pendingAdds, resource)) return;
@@ -12,6 +13,7 @@ void XReference::add(SelfDestructingResource* resource) {
 }
 
 void XReference::remove(SelfDestructingResource* resource) {
+    if (!resource) return;
     LockGuard guard(pendingLock);
     if (contains(pendingRemoves, resource)) return;
     if (move(pendingAdds, pendingRemoves, resource)) return;

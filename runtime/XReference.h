@@ -32,7 +32,7 @@ class XReference {
     XReference& operator=(const XReference&) = delete;
 
     // Queue a change and never wait for a walk. The newest of two opposite changes counts; adding a
-    // member and removing a stranger are harmless.
+    // member and removing a stranger are harmless, and a null pointer changes nothing.
     void add(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
     void remove(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
 

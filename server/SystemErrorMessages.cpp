@@ -86,6 +86,7 @@ void SystemErrorMessages::add(int code) {
 }
 
 void SystemErrorMessages::recordOnly(const error_message_t* message) {
+    if (message == nullptr) return;
     SystemErrorMessages* const self = Instance();
     { LockGuard meetingPoint(self->lock); }
     self->mirror(*message);

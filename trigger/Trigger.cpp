@@ -121,6 +121,7 @@ void Trigger::tellSubscribers(void (Listener::*notify)(Trigger*)) {
 void Trigger::subscribe(Listener* listener) { subscribers.add(listener); }
 
 void Trigger::unsubscribe(Listener* listener) {
+    if (!listener) return;
     subscribers.remove(listener);
     // The removal is applied behind every value that was queued before it.
     notifier.add({0, 0.0});
