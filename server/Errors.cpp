@@ -33,7 +33,8 @@ std::string Errors::toToken(unsigned int code) { return code < COUNT ? ROWS[code
 
 std::string Errors::toAscii(unsigned int code) { return code < COUNT ? ROWS[code].text : ""; }
 
-int Errors::toInt(const std::string& token) {
+// The copy is part of the interface.
+int Errors::toInt(std::string token) {  // NOLINT(performance-unnecessary-value-param)
     for (unsigned int code = 0; code < COUNT; ++code) {
         if (token == ROWS[code].token) return static_cast<int>(code);
     }
