@@ -8,6 +8,7 @@
 #include "diag_lsm/diag_bytes.h"
 #include "diag_lsm/diag_lsm_pkt.h"
 #include "runtime/SelfDestructingObject.h"
+#include "server/Errors.h"
 #include "server/SystemErrorMessages.h"
 #include "trigger/TavrikConstants.h"
 #include "trigger/TriggerRegistry.h"
@@ -20,7 +21,6 @@ using Byte = unsigned char;
 
 constexpr unsigned short logCode = 0x1645;
 constexpr unsigned int noPeriod = 0xFFFFFFFF;
-constexpr int limitReached = 11;
 
 // Seconds from the Unix epoch to 6 January 1980, from which the ADSP counts until a loopback has
 // shown what its clock really counts from.
@@ -180,6 +180,7 @@ bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string
                               unsigned int period, std::string& error) {
     logger->tracef("ADSPPM::registerListener(%p,%d,%d)", static_cast<void*>(listener), eventId,
                    static_cast<int>(period));
+    if (!listener) return false;
     LockGuard guard(lock);
     while (busy)
         lock.wait();
@@ -193,7 +194,7 @@ bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string
         const std::string text =
             "Cannot add event " + name + " to ADSP PMU, the event limit has been reached.";
         logger->warnf("ADSPPM::registerListener: %s", text.c_str());
-        SystemErrorMessages::add(limitReached, text);
+        SystemErrorMessages::add(Errors::kLimitReached, text);
         error = text;
         return false;
     }
@@ -385,15 +386,16 @@ void ADSPPM::updateTimeShift(unsigned int low, unsigned int high, const timeval*
 }
 
 void ADSPPM::onLog(const unsigned char* record) {
+    if (!record) return;
     LockGuard guard(lock);
-    // The start has its answer and needs nothing more from this thread: let it finish, so that a
-    // packet right behind that answer is not taken for one in front of it.
-    while (busy && startAccepted)
-        lock.wait();
-    if (state != collecting || record[recordVersion] != 1) return;
+    // Behind its accepted answer a start has only to notice that; its write may even block until
+    // this thread has read more. So the packet counts, but nothing is delivered before the start
+    // succeeds.
+    const bool starting = busy && startAccepted;
+    if ((state != collecting && !starting) || record[recordVersion] != 1) return;
     const double time = convertTimeStamp(diag_get_u32(record + recordTimeLow),
                                          diag_get_u32(record + recordTimeHigh));
-    if (diag_get_u16(lastLog + recordCode) != 0) deliverAll(record, time);
+    if (!starting && diag_get_u16(lastLog + recordCode) != 0) deliverAll(record, time);
     memcpy(lastLog, record, sizeof lastLog);
     lastLogTime = time;
 }

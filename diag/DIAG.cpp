@@ -333,7 +333,7 @@ bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listen
     traceSend(data, length, listener, "");
     bool sent = false;
     Withdrawal onUnwinding(*this, listener);
-    while (connect()) {
+    while (data && connect()) {
         LockGuard guard(requestLock);
         // Another thread may have disconnected since.
         if (!connected) continue;
@@ -429,7 +429,7 @@ void DIAG::withdraw(ResponseListener& listener) {
 bool DIAG::registerLogListener(unsigned short logCode, LogListener* listener) {
     logger->tracef("DIAG::registerLogListener(%d,%p)", logCode, static_cast<void*>(listener));
     bool registered = false;
-    while (connect()) {
+    while (listener && connect()) {
         LockGuard guard(listenerLock);
         waitWhileMaskBusy();
         // Another thread may have disconnected since; from the insertion on nobody can.
