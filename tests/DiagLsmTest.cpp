@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <fstream>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 
@@ -74,6 +75,34 @@ TEST_F(DiagLsm, OpensAndCloses) {
         open(refused);
         EXPECT_EQ(Diag_LSM_DeInit(), 0) << refused;
     }
+}
+
+TEST_F(DiagLsm, TheDeviceIsNeverAStandardStream) {
+    for (const int stream : {0, 1, 2}) {
+        const int kept = dup(stream);
+        close(stream);
+        EXPECT_EQ(Diag_LSM_Init(nullptr), 1);
+        EXPECT_GT(fd, 2);
+        EXPECT_EQ(fcntl(stream, F_GETFD), -1) << "still closed";
+        EXPECT_EQ(Diag_LSM_DeInit(), 1);
+        dup2(kept, stream);
+        close(kept);
+    }
+}
+
+TEST_F(DiagLsm, EmptyReadsDoNotDelayWhatFollows) {
+    long fastest = patience;
+    for (int attempt = 0; attempt < 10 && fastest >= 50; ++attempt) {
+        const Stopwatch watch;
+        open(R"({"empty_reads": 50})");
+        Inbox inbox;
+        diag_register_callback(Inbox::callback, &inbox);
+        device().deliver(words({32, 1, 1}, {1}));
+        inbox.waitFor(1);
+        fastest = std::min(fastest, watch.milliseconds());
+        Diag_LSM_DeInit();
+    }
+    EXPECT_LT(fastest, 50);
 }
 
 TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {

@@ -129,6 +129,21 @@ TEST_F(Session, ARequestThatCannotBeSentIsInNobodysWay) {
     EXPECT_TRUE(exchange(last));
 }
 
+// The late answer finds nobody where the canceled thread's stack was.
+TEST_F(Session, ACancelledCallerIsForgotten) {
+    plug(R"({"requests": {"loopback": {"on": [1], "delay_ms": 50}}})");
+    Answer next;
+    std::thread caller([] {
+        Answer answer;
+        exchange(answer);
+    });
+    ASSERT_TRUE(seen("host    loopback request"));
+    pthread_cancel(caller.native_handle());
+    caller.join();
+    EXPECT_TRUE(exchange(next)) << "the next request has its own answer";
+    EXPECT_EQ(lines("adsp    loopback response").size(), 2u);
+}
+
 // --- Frames -----------------------------------------------------------------------------------
 
 TEST_F(Session, FramesAreCutUnescapedAndAnswerInOrder) {

@@ -138,30 +138,24 @@ TEST(JsonTest, AgreesWithAnotherLibrary) {
     }
 }
 
-TEST(JsonTest, TextsHaveADepthLimitAndTreesHaveNone) {
+TEST(JsonTest, NothingIsTooDeep) {
     setenv("ENV", "value", 1);
     const auto nested = [](size_t depth, const std::string& text) {
         return std::string(depth, '[') + text + std::string(depth, ']');
     };
-    ASSERT_TRUE(setStackSize(1 << 20));
+    ASSERT_TRUE(setStackSize(256 << 10));
     std::thread([&] {
-        for (const char* inner : {"[", "{}", "{\"a\":[]}"})
-            EXPECT_EQ(read(nested(*inner == '[' ? 99999 : 1000, inner)), "[]!nesting too deep");
-        EXPECT_EQ(read(nested(999, "{},[1]")), nested(999, "{},[1]") + '|');
-        std::vector<JSOM> places{parsed("[]")};
-        for (int level = 1; level < 200000; ++level)
-            places.push_back(places.back()[-1]);
-        places.back()[0].setString("${ENV}");
-        for (JSOM top : {places[0], parsed(nested(1000, "\"${ENV}\""))}) {
-            const size_t depth = compact(top).find('$') - 1;
-            JSOM other;
-            std::string text, pretty;
-            top.expandValues();
-            (other = top).toCompactString(text);
-            other.toString(pretty);
-            EXPECT_TRUE(text == nested(depth, "\"value\"") && text == compact(top));
-            EXPECT_EQ(pretty.size(), text.size() + 2 * depth * 51 - 50 * 50);
-        }
+        constexpr size_t depth = 300000;
+        EXPECT_EQ(read(std::string(depth, '[')), "[]!array not closed");
+        JSOM top = parsed(nested(depth, "\"${ENV}\""));
+        JSOM other;
+        std::string text, pretty;
+        top.expandValues();
+        (other = top).toCompactString(text);
+        other.toString(pretty);
+        EXPECT_TRUE(text == nested(depth, "\"value\""));
+        EXPECT_TRUE(text == compact(top));
+        EXPECT_EQ(pretty.size(), text.size() + 2 * depth * 51 - 50 * 50);
     }).join();
 }
 

@@ -73,6 +73,20 @@ void logAtEveryLevel(Logger& logger) {
     logger.tracef("%d", 6);
 }
 
+// The thread sanitizer sees what is not published properly.
+TEST(LoggerTest, AnyThreadMayFindTheLevelsUnset) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            if (!LogLevel::LVL_OFF) LogLevel::_init();
+            EXPECT_EQ(LogLevel::LVL_ALL->getLevel(), 8);
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(Logger::getLogger(nullptr), Logger::getLogger(""));
+}
+
 TEST(LoggerTest, LevelsAreFoundByNameAndNumber) {
     const char* const names[] = {"off",   "Fatal", "ERROR",   "warn", "Info",
                                  "DEBUG", "trace", "UNKNOWN", "all"};

@@ -152,6 +152,15 @@ bool eventually(Condition condition) {
     return true;
 }
 
+// Whether a thread of this process sleeps, or has ended.
+inline bool isAtRest(pid_t thread) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const size_t name = line.rfind(')');
+    return name == std::string::npos || line[name + 2] == 'S';
+}
+
 // A thread that ended may stay listed for a moment.
 inline bool threadsComeTo(long count) {
     return eventually([=] { return runningThreads() == count; });

@@ -148,6 +148,48 @@ TEST_F(ThreadTest, AThreadHasItsNameRunsOnceAndDeletesItself) {
     EXPECT_TRUE(ended->release());
 }
 
+TEST_F(ThreadTest, AStarterNeverDeletesItsThread) {
+    struct Brief : Thread {
+        explicit Brief(std::atomic<int>* counter)
+            : Thread("brief"), starter(gettid()), deletedByStarter(counter) {}
+        ~Brief() override {
+            if (gettid() == starter) ++*deletedByStarter;
+        }
+        const pid_t starter;
+        std::atomic<int>* const deletedByStarter;
+    };
+    std::atomic<int> deletedByStarter{0};
+    for (int i = 0; i < 5000; ++i)
+        (new Brief(&deletedByStarter))->start();
+    EXPECT_TRUE(allThreadsEnd());
+    EXPECT_EQ(deletedByStarter, 0);
+}
+
+TEST_F(ThreadTest, EveryStopWaitsForTheTask) {
+    Task task;
+    ThreadGroup group("Stopped");
+    ThreadGroup::WorkerThread* const worker = group.getWorker();
+    worker->assign(&task, false);
+    task.began.get_future().wait();
+    std::atomic<bool> finishing{false};
+    std::atomic<pid_t> ids[3]{};
+    std::vector<std::thread> callers;
+    for (const int call : {0, 1, 2}) {
+        callers.emplace_back([&, call] {
+            ids[call] = gettid();
+            call == 2 ? worker->assign(&task, false) : worker->stop();
+            EXPECT_TRUE(finishing) << "call " << call << " returned while the task ran";
+        });
+    }
+    for (const std::atomic<pid_t>& id : ids)
+        EXPECT_TRUE(eventually([&] { return id != 0 && isAtRest(id); }));
+    finishing = true;
+    task.finish.set_value();
+    for (std::thread& caller : callers)
+        caller.join();
+    group.close();
+}
+
 TEST_F(ThreadTest, AThreadThatCannotBeCreatedHoldsNobodyUp) {
     std::atomic<int> deleted{0};
     ThreadGroup group("Failing");
@@ -156,8 +198,11 @@ TEST_F(ThreadTest, AThreadThatCannotBeCreatedHoldsNobodyUp) {
     testing::internal::CaptureStderr();
     ThreadGroup::WorkerThread* const worker = group.getWorker();
     worker->start();
+    Task never;
+    EXPECT_FALSE(group.trySpawn(&never));
     EXPECT_TRUE(setStackSize(1 << 20));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Thread::start()  pthread_create failed\n");
+    const std::string message = "Thread::start()  pthread_create failed\n";
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), message + message);
     worker->setPriority(Thread::Priority(5));
     EXPECT_TRUE(priorities.take().empty());
     worker->assign(new Task(&deleted), true);

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <limits>
 
+#include "log/LogAdapter.h"
 #include "log/Time.h"
 #include "tests/SimSupport.h"
 
@@ -20,6 +21,19 @@ std::string text(double t) {
     timeToString(t, out);
     return out;
 }
+
+// Asks for the start time while it is told one.
+struct Curious : tavrik::LogAdapter {
+    int log(const tavrik::LogLevel&, const std::string&, const char*, bool) override {
+        told.push_back(getSystemStartTime());
+        return 0;
+    }
+    int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
+        return 0;
+    }
+    int flush() override { return 0; }
+    std::vector<double> told;
+};
 
 void expectOneFailure(const std::string& uptimeFile, const std::string& message) {
     device().redirect("/proc/uptime", uptimeFile);
@@ -59,6 +73,14 @@ TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
           "INFO The system start time is " + std::to_string(boot) + "\n",
           std::string("INFO Fake time offset has been set to 0.000000\n")})
         EXPECT_EQ(occurrences(output, "[Time]: " + line), 1) << line;
+}
+
+TEST(TimeTest, AnAdapterMayAskForTheStartTimeThatItIsTold) {
+    Curious adapter;
+    tavrik::Logger::setLogAdapter(&adapter);
+    const double start = getSystemStartTime();
+    tavrik::Logger::setLogAdapter(nullptr);
+    EXPECT_EQ(adapter.told, std::vector<double>{start});
 }
 
 TEST(TimeTest, AMissingUptimeIsToldOnce) {

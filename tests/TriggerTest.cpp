@@ -1,6 +1,7 @@
 // Triggers, their registry and the queues behind them.
 #include <atomic>
 #include <future>
+#include <limits>
 #include <map>
 
 #include "log/Time.h"
@@ -250,6 +251,30 @@ TEST(TaskQueueTest, ProducersWaitForRoomUntilCloseLetsThemGo) {
         queue.close();
         EXPECT_EQ(queue.all.size(), closing ? 3u : 603u);
     }
+}
+
+TEST(TaskQueueTest, ADrainThatGotNoThreadIsTriedAgain) {
+    struct Entries : TaskQueue<int> {
+        explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
+        ~Entries() override { close(); }
+        void exec(const int& entry, int, int) override { all.put(entry); }
+        Collector<int> all;
+    };
+    ThreadGroup workers("Queue");
+    Entries queue(&workers);
+    Entries deaf(&workers);
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(setStackSize(std::numeric_limits<size_t>::max() / 65536 * 49152));
+    for (const int entry : {1, 2, 3}) {
+        queue.add(entry);
+        deaf.add(entry);
+    }
+    ASSERT_TRUE(setStackSize(1 << 20));
+    testing::internal::GetCapturedStderr();
+    deaf.close();
+    EXPECT_TRUE(deaf.all.take().empty());
+    queue.add(4);
+    EXPECT_EQ(queue.all.waitFor(4), (std::vector<int>{1, 2, 3, 4}));
 }
 
 }  // namespace tavrik
