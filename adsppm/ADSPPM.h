@@ -27,6 +27,9 @@ namespace tavrik {
 //
 // Ownership: a singleton, never destroyed. Listeners belong to their owners.
 //
+// Process: the same rules hold as for DIAG (see DIAG.h): a forked child must not use the object,
+// and a start takes over SIGUSR2.
+//
 // Locks: `lock` is held for short steps and while listeners run, never while DIAG is called. What
 // is under way keeps others out by flags: `busy` (a start or a stop exchanges requests) holds up
 // every operation of callers, `stopping` (to the very end of a stop) only the next start or stop.
@@ -42,7 +45,7 @@ class ADSPPM : public DIAG::LogListener {
         // what their counter gained since the previous packet, times 1,000, per second (infinite or
         // not a number when no time passed). Called on the reader with the ADSPPM's lock held: must
         // return soon, must not call the ADSPPM, and must not enable or look up triggers nor walk
-        // or change the metrics (setting a trigger's value is allowed).
+        // or change the metrics (setting a trigger's value is allowed). Must not throw.
         virtual void onADSPPMInput(int eventId, double time, long double value) = 0;
     };
 
@@ -52,10 +55,11 @@ class ADSPPM : public DIAG::LogListener {
     ADSPPM(const ADSPPM&) = delete;
     ADSPPM& operator=(const ADSPPM&) = delete;
 
-    // Adds `listener` for `eventId`; the ADSP reports every `period` or more often, if another
-    // registration asks for that. `name` appears in the refusal's text. False when all four slots
-    // are taken (warning logged, server message LIMITREACHED posted) and after a failed start or
-    // stop (nothing logged); `error` then holds the text.
+    // Adds `listener`, which is not null, for `eventId`; the ADSP reports every `period` or more
+    // often, if another registration asks for that. `name` appears in the refusal's text. False
+    // when all four slots are taken (warning logged, server message LIMITREACHED posted) and after
+    // a failed start or stop (nothing logged); `error` then holds the text. False for a null
+    // listener, too.
     bool registerListener(Listener* listener, int eventId, const std::string& name,
                           unsigned int period, std::string& error) TAVRIK_EXCLUDES(lock);
 
@@ -72,8 +76,9 @@ class ADSPPM : public DIAG::LogListener {
     // did not acknowledge (traced); after that every start and registration fails.
     bool stopMetricCollection() TAVRIK_EXCLUDES(lock);
 
-    // DIAG::LogListener: decodes one log packet and calls the listeners. The first packet after a
-    // start only primes the decoder.
+    // DIAG::LogListener: decodes one log packet and calls the listeners. The first packet behind
+    // the accepted answer to a start primes the decoder; values are delivered once the start
+    // succeeded.
     void onLog(const unsigned char* record) override TAVRIK_EXCLUDES(lock);
 
     // Seconds since the Unix epoch of an ADSP time stamp, by the present time shift.

@@ -24,7 +24,15 @@ namespace tavrik {
 // which onDIAGData() and with it every onResponse() and onLog() runs. Public operations may be
 // called by callers at any time, none on the reader.
 //
-// Ownership: a singleton, never destroyed. Listeners belong to their owners.
+// Ownership: a singleton, never destroyed. Listeners belong to their owners. An exception that
+// leaves one ends the process: nothing on the reader catches it.
+//
+// Process: a forked child has no reader. It must not use the session, connected or not. The node's
+// descriptor is closed on exec; a child that does not call exec shares it with its parent, and the
+// driver ends the session only when both have closed it. Connecting replaces the handler of SIGUSR2
+// (signal 12) and blocks that signal in the calling thread, for good, and so in every thread and
+// program that this thread starts later. A SIGUSR2 from outside ends the reader: no answer arrives
+// after that.
 //
 // Locks: a thread that waits for the target or for the reader's end, or is inside a call into the
 // driver, holds no mutex. A flag keeps the others out meanwhile: `sending` (a request is being
@@ -41,7 +49,7 @@ class DIAG {
 
         // `rsp` is an unescaped frame of `len` bytes, any check bytes and the end flag included.
         // Returns whether it is the answer hoped for. Called on the reader with the session's
-        // requestLock held: must not call the session.
+        // requestLock held: must not call the session, and must not throw.
         virtual bool onResponse(const unsigned char* rsp, int len) = 0;
 
         // What onResponse() returned; false before that.
@@ -76,7 +84,7 @@ class DIAG {
         // `record` is a log record (length, log code, time stamp: 12 bytes, then the payload) with
         // at least 92 readable bytes, zeros behind a shorter record; valid during the call. Called
         // on the reader with listenerLock held: must not register or unregister log listeners, nor
-        // enable or look up triggers, nor walk or change the metrics.
+        // enable or look up triggers, nor walk or change the metrics. Must not throw.
         virtual void onLog(const unsigned char* record) = 0;
     };
 
@@ -92,13 +100,15 @@ class DIAG {
 
     // Sends `length` raw packet bytes, or queues a copy while another request is outstanding. True
     // when sent or queued: the caller then calls awaitResponse() with the same listener, which may
-    // be null where nobody cares. False when the session is not connected or the driver refused.
+    // be null where nobody cares. False when the session is not connected, the driver refused or
+    // `data` is null. Between the two calls the caller must not be canceled.
     bool sendRequest(unsigned char* data, int length, ResponseListener* listener)
         TAVRIK_EXCLUDES(requestLock, connectLock);
 
     // Waits up to 250 ms for the answer to the request sent with `listener`, and takes the listener
     // back whatever happened: it hears nothing afterwards. The request itself keeps its place in
-    // the queue. True when an answer came and was accepted; logs nothing.
+    // the queue. True when an answer came and was accepted; logs nothing. May send requests that
+    // are due. A cancellation point: a canceled caller's listener is taken back, too.
     bool awaitResponse(ResponseListener& listener) TAVRIK_EXCLUDES(requestLock);
 
     // Makes `listener` the one for `logCode` and sends the new log mask of its equipment id. False
