@@ -371,6 +371,11 @@ bool ADSPPM::exchangeStop() {
     return false;
 }
 
+void ADSPPM::resetForTesting() {
+    LockGuard guard(lock);
+    state = idle;
+}
+
 // --- Decoding -------------------------------------------------------------------------------
 
 double ADSPPM::convertTimeStamp(unsigned int low, unsigned int high) const {

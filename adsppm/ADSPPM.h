@@ -89,6 +89,9 @@ class ADSPPM : public DIAG::LogListener {
     void updateTimeShift(unsigned int low, unsigned int high, const timeval* sent,
                          const timeval* received);
 
+    // Makes a failed or collecting object idle again. Called while nobody uses it.
+    void resetForTesting() TAVRIK_EXCLUDES(lock);
+
   private:
     using Listeners = std::multimap<unsigned int, Listener*>;  // by period
     enum State { idle = 0, collecting = 1, failed = 2 };

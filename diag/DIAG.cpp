@@ -523,6 +523,21 @@ bool DIAG::exchangeLogMask(unsigned char* request, int length) {
     return false;
 }
 
+bool DIAG::hasLogListenerForTesting(unsigned short logCode) {
+    LockGuard guard(listenerLock);
+    return logListeners.count(logCode) != 0;
+}
+
+void DIAG::resetForTesting() {
+    LockGuard listenersGuard(listenerLock);
+    LockGuard requestsGuard(requestLock);
+    logListeners.clear();
+    requests.clear();
+    connected = false;
+    inError = false;
+    switchModeByPointer = true;
+}
+
 // --- Received data --------------------------------------------------------------------------
 
 int DIAG::onDIAGData(unsigned char* buf, int len, void* context) {

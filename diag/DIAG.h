@@ -132,6 +132,11 @@ class DIAG {
     static int onDIAGData(unsigned char* buf, int len, void* context);
     void onDIAGData(unsigned char* buf, int len);
 
+    // Forget the listeners, the queue and a failure, as if the process had just begun. Called while
+    // the driver client is closed and nobody uses the session.
+    void resetForTesting() TAVRIK_EXCLUDES(listenerLock, requestLock);
+    bool hasLogListenerForTesting(unsigned short logCode) TAVRIK_EXCLUDES(listenerLock);
+
   private:
     // One queued request with a copy of its bytes.
     class Request {

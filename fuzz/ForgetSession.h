@@ -1,5 +1,4 @@
-// For targets that start every input with a session that has not failed yet. They are compiled with
-// -fno-access-control: nobody else can.
+// For targets that start every input with a session that has not failed yet.
 #pragma once
 
 #include "diag_lsm/diag_lsm.h"
@@ -12,16 +11,8 @@ namespace fuzz {
 inline void forgetSession() {
     if (fd != -1) Diag_LSM_DeInit();
     mustHold(!device().isOpen(), "the device is closed");
-    tavrik::DIAG& diag = *tavrik::DIAG::instance();
-    tavrik::LockGuard listenersGuard(diag.listenerLock);
-    tavrik::LockGuard requestsGuard(diag.requestLock);
-    diag.requests.clear();
-    diag.logListeners.clear();
-    diag.connected = diag.inError = false;
-    diag.switchModeByPointer = true;
-    tavrik::ADSPPM& adsppm = *tavrik::ADSPPM::instance();
-    tavrik::LockGuard guard(adsppm.lock);
-    adsppm.state = tavrik::ADSPPM::idle;
+    tavrik::DIAG::instance()->resetForTesting();
+    tavrik::ADSPPM::instance()->resetForTesting();
 }
 
 }  // namespace fuzz
