@@ -5,6 +5,8 @@
 
 #include <cstdio>
 
+#include "log/Logger.h"
+
 namespace tavrik {
 
 std::atomic<Logger*> Thread::logger{nullptr};

@@ -5,11 +5,12 @@
 #include <atomic>
 #include <string>
 
-#include "log/Logger.h"
 #include "runtime/Runnable.h"
 #include "runtime/SelfDestructingObject.h"
 
 namespace tavrik {
+
+class Logger;
 
 // A detached thread that runs one Runnable, or an overridden run().
 //

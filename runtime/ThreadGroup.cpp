@@ -1,10 +1,44 @@
 #include "runtime/ThreadGroup.h"
 
+#include "log/Logger.h"
 #include "metric/MetricRegistry.h"
 
 namespace tavrik {
 
 std::atomic<Logger*> ThreadGroup::logger{nullptr};
+
+// --- Metrics --------------------------------------------------------------------------------
+
+namespace {
+
+// Adds a metric to the registry for as long as it lives.
+class GroupMetric : public Metric {
+  public:
+    GroupMetric(const std::string& groupName, const char* metricName, const char* text,
+                const std::atomic<unsigned>& counter)
+        : count(counter) {
+        category = "Thread Group";
+        instance = groupName;
+        name = metricName;
+        description = text;
+        MetricRegistry::Instance()->addMetric(this);
+    }
+    ~GroupMetric() override { MetricRegistry::Instance()->removeMetric(this); }
+
+    double collect() override { return count; }
+
+  private:
+    const std::atomic<unsigned>& count;
+};
+
+}  // namespace
+
+class ThreadGroup::BusyMetric : public GroupMetric {
+    using GroupMetric::GroupMetric;
+};
+class ThreadGroup::CountMetric : public GroupMetric {
+    using GroupMetric::GroupMetric;
+};
 
 // --- WorkerThread ---------------------------------------------------------------------------
 
@@ -78,25 +112,19 @@ ThreadGroup::ThreadGroup(const std::string& groupName)
     : name(groupName), workerName(groupName + " Worker") {
     if (!logger) logger = Logger::getLogger("ThreadGroup");
     logger.load()->tracef("constructor: this:%p name:%s", static_cast<void*>(this), name.c_str());
-    busyMetric.owner = this;
-    publish(busyMetric, "Busy Count", "the number of thread group worker threads that are in use.");
-    countMetric.owner = this;
-    publish(countMetric, "Worker Count", "the number of worker threads allocated for thread group");
+    busyMetric = std::make_unique<BusyMetric>(
+        name, "Busy Count", "the number of thread group worker threads that are in use.",
+        busyCount);
+    countMetric = std::make_unique<CountMetric>(
+        name, "Worker Count", "the number of worker threads allocated for thread group",
+        workerCount);
 }
 
 ThreadGroup::~ThreadGroup() {
-    MetricRegistry::Instance()->removeMetric(&busyMetric);
-    MetricRegistry::Instance()->removeMetric(&countMetric);
+    busyMetric.reset();
+    countMetric.reset();
     close();
     logger.load()->tracef("destructor: name:%s", name.c_str());
-}
-
-void ThreadGroup::publish(Metric& metric, const char* metricName, const char* description) {
-    metric.category = "Thread Group";
-    metric.instance = name;
-    metric.name = metricName;
-    metric.description = description;
-    MetricRegistry::Instance()->addMetric(&metric);
 }
 
 void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) { handOut(runnable, autoDelete); }
@@ -175,9 +203,5 @@ void ThreadGroup::mirrorSizes() {
     workerCount = static_cast<unsigned>(workers.size());
     busyCount = static_cast<unsigned>(workers.size() - idleWorkers.size());
 }
-
-double ThreadGroup::BusyMetric::collect() { return owner->busyCount; }
-
-double ThreadGroup::CountMetric::collect() { return owner->workerCount; }
 
 }  // namespace tavrik

@@ -1,14 +1,15 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "log/Logger.h"
-#include "metric/Metric.h"
 #include "runtime/Thread.h"
 
 namespace tavrik {
+
+class Logger;
 
 // A pool of worker threads that grows on demand: every task gets an idle worker or, when there is
 // none, a new one. Reports two metrics of category "Thread Group".
@@ -82,17 +83,10 @@ class ThreadGroup {
     // waits.
     void close() TAVRIK_EXCLUDES(lock);
 
-    // Workers that are neither idle nor new; all workers. Read from mirrors, without the lock.
-    class BusyMetric : public Metric {
-      public:
-        double collect() override;
-        const ThreadGroup* owner = nullptr;
-    };
-    class CountMetric : public Metric {
-      public:
-        double collect() override;
-        const ThreadGroup* owner = nullptr;
-    };
+    // The metrics "Busy Count" (workers that are not idle) and "Worker Count" (all workers). Found
+    // in the MetricRegistry; they read counters and take no lock.
+    class BusyMetric;
+    class CountMetric;
 
   private:
     bool handOut(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
@@ -100,8 +94,6 @@ class ThreadGroup {
     WorkerThread* takeWorker(bool reserved) TAVRIK_EXCLUDES(lock);
     WorkerThread* addWorker() TAVRIK_REQUIRES(lock);
     void mirrorSizes() TAVRIK_REQUIRES(lock);
-    void publish(Metric& metric, const char* metricName, const char* description);
-
     static std::atomic<Logger*> logger;
 
     // Constant after construction.
@@ -120,8 +112,8 @@ class ThreadGroup {
     std::atomic<unsigned> workerCount{0};
     std::atomic<unsigned> busyCount{0};
 
-    BusyMetric busyMetric;
-    CountMetric countMetric;
+    std::unique_ptr<BusyMetric> busyMetric;  // set by the constructor
+    std::unique_ptr<CountMetric> countMetric;
 };
 
 }  // namespace tavrik
