@@ -15,8 +15,28 @@ Trigger::Notifier::Notifier(Trigger* owner)
 
 Trigger::Notifier::~Notifier() { close(); }
 
+void Trigger::Notifier::request(int value) {
+    LockGuard guard(lock);
+    if (value == trigger->requestedValue) return;
+    trigger->requestedValue = value;
+    if (trigger->enabled || isRunning()) {
+        append({NotifierEntry::Kind::value, value, getNow()});
+    } else {
+        trigger->apply(value, getNow());
+    }
+}
+
+void Trigger::Notifier::maintain() { add({NotifierEntry::Kind::maintenance, 0, 0.0}); }
+
+// Not between another thread's look at the flag and its silent application: nobody would hear of
+// that value.
+bool Trigger::Notifier::setEnabled(bool enable) {
+    LockGuard guard(lock);
+    return trigger->enabled.exchange(enable) != enable;
+}
+
 void Trigger::Notifier::exec(const NotifierEntry& entry, int, int) {
-    if (entry.time != 0.0) {
+    if (entry.kind == NotifierEntry::Kind::value) {
         trigger->_setValue(entry.value, entry.time);
     } else {
         trigger->subscribers.optimize();
@@ -58,14 +78,7 @@ void Trigger::publish(TriggerMetric& metric, const char* metricName, const char*
 
 void Trigger::setValue(int newValue) {
     ++setCount;
-    LockGuard guard(notifier.lock);
-    if (newValue == requestedValue) return;
-    requestedValue = newValue;
-    if (!enabled && !notifier.isRunning()) {
-        apply(newValue, getNow());
-        return;
-    }
-    notifier.append({newValue, getNow()});
+    notifier.request(newValue);
 }
 
 int Trigger::setValueQuietly(int newValue) {
@@ -94,12 +107,7 @@ void Trigger::applyLocked(int newValue, double newTime) {
 }
 
 void Trigger::setEnabled(bool enable) {
-    {
-        // Not between a setter's look at the flag and its silent application: nobody would hear of
-        // that value.
-        LockGuard guard(notifier.lock);
-        if (enabled.exchange(enable) == enable) return;
-    }
+    if (!notifier.setEnabled(enable)) return;
     (enable ? enabledTime : disabledTime) = getNow();
     tellSubscribers(enable ? &Listener::onTriggerEnabled : &Listener::onTriggerDisabled);
 }
@@ -124,7 +132,7 @@ void Trigger::unsubscribe(Listener* listener) {
     if (!listener) return;
     subscribers.remove(listener);
     // The removal is applied behind every value that was queued before it.
-    notifier.add({0, 0.0});
+    notifier.maintain();
 }
 
 double Trigger::QueueSizeMetric::collect() { return owner->notifier.getSize(); }

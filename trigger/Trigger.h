@@ -82,21 +82,33 @@ class Trigger {
     int getChangeCount() const { return changeCount; }
 
   private:
+    // One queued change: a value with the time of its request, or the order to apply the queued
+    // changes of subscribers.
     struct NotifierEntry {
+        enum class Kind { value, maintenance };
+        Kind kind;
         int value;
-        double time;  // 0.0: no value, apply the queued changes of subscribers
+        double time;
     };
 
+    // Every decision that depends on what is queued is made here, under the queue's lock.
     class Notifier : public TaskQueue<NotifierEntry> {
       public:
         explicit Notifier(Trigger* owner);
         ~Notifier() override;
 
+        // Applies the value at once while the trigger is disabled and nothing is queued; else
+        // queues it. Drops the last requested value. Keeps the order of requests.
+        void request(int value) TAVRIK_EXCLUDES(lock);
+        // Queues the order to apply the changes of subscribers.
+        void maintain() TAVRIK_EXCLUDES(lock);
+        // False when the trigger is in that state already.
+        bool setEnabled(bool enable) TAVRIK_EXCLUDES(lock);
+
       protected:
         void exec(const NotifierEntry& entry, int index, int count) override;
 
       private:
-        friend class Trigger;
         Trigger* const trigger;
     };
 
@@ -130,8 +142,7 @@ class Trigger {
     static std::atomic<Logger*> logger;
 
     // Lock order: the notifier's lock, valueLock; the subscriber set's own is never taken under
-    // them. A setter holds the notifier's lock from the look at the requested value to the
-    // queueing, so that values are queued in the order in which they were requested.
+    // them.
     Notifier notifier;
     const std::string name;
 
@@ -147,7 +158,7 @@ class Trigger {
     std::atomic<double> disabledTime{0.0};
     std::atomic<int> changeCount{0};
     std::atomic<int> setCount{0};
-    std::atomic<bool> enabled{false};
+    std::atomic<bool> enabled{false};  // written under the notifier's lock
 
     XReference subscribers;
 
