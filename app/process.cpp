@@ -5,7 +5,12 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <tavrik/version.h>
+
 namespace {
+
+// For `strings`, and for who finds the program on a device.
+[[gnu::used]] const char version[] = "adsppm-check " TAVRIK_VERSION;
 
 // Room for the log lines of a run. They leave it when the process ends: a pipe or a terminal that
 // nobody reads from would otherwise hold up the thread that receives the answers.

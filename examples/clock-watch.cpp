@@ -7,9 +7,9 @@
 #include <deque>
 #include <string>
 
-#include "adsppm/ADSPPM.h"
-#include "log/Time.h"
-#include "runtime/Lock.h"
+#include <tavrik/adsppm/ADSPPM.h>
+#include <tavrik/log/Time.h>
+#include <tavrik/runtime/Lock.h>
 
 using tavrik::ADSPPM;
 using tavrik::LockGuard;

@@ -9,12 +9,12 @@
 #include <cstdio>
 #include <string>
 
-#include "adsppm/ADSPPM.h"
-#include "log/LogAdapterStore.h"
-#include "log/Logger.h"
-#include "log/Time.h"
-#include "server/ChannelStore.h"
-#include "server/MarkerBuffer.h"
+#include <tavrik/adsppm/ADSPPM.h>
+#include <tavrik/log/LogAdapterStore.h>
+#include <tavrik/log/Logger.h>
+#include <tavrik/log/Time.h>
+#include <tavrik/server/ChannelStore.h>
+#include <tavrik/server/MarkerBuffer.h>
 
 using tavrik::ADSPPM;
 using tavrik::JSOM;

@@ -1,0 +1,7 @@
+// What the program calls as the library calls some of its own.
+int fd = 42;
+int logging_mode = 43;
+double getNow() { return 44; }
+int qsprintf(const char*) { return 45; }
+
+int ownNames() { return fd + logging_mode + static_cast<int>(getNow()) + qsprintf(""); }
