@@ -32,7 +32,7 @@ bool survives(const JSONData& top) {
         pending.pop_back();
         if (hasZero(node.stringValue())) return false;
         const long double value = node.doubleValue();
-        const bool isDouble = node.getType() == JSONData::DOUBLE;
+        const bool isDouble = node.getType() == JSONData::kDouble;
         if (isDouble && (std::abs(value) > 1e9 || (value > -1e-4 && std::signbit(value))))
             return false;
         for (int i = 0; i < node.length(); ++i) {

@@ -201,8 +201,8 @@ class Client : public DIAG::LogListener {
         Request& fresh = run->requests.emplace_back(static_cast<uint8_t>(run->requests.size()));
         guard.unlock();
         fresh.begun = ++run->ticks;
-        const bool sent =
-            DIAG::instance()->sendRequest(fresh.bytes.data(), fresh.bytes.size(), &fresh);
+        const bool sent = DIAG::instance()->sendRequest(
+            fresh.bytes.data(), static_cast<int>(fresh.bytes.size()), &fresh);
         if (sent) outstanding.push_back(&fresh);
         fresh.closed = !sent;
         fresh.sent = sent ? ++run->ticks : 0;

@@ -31,23 +31,23 @@ const std::string& JSOM::EMPTY_STRING = *new std::string;
 JSOM::JSOM(JSONData* node) : JSOM(node, static_cast<JSONData*>(nullptr)) {}
 
 JSOM::JSOM(JSONData* node, JSONData* parent_)
-    : parent(parent_), kind(node != nullptr ? NODE : NOTHING), held(node) {
+    : parent(parent_), kind(node != nullptr ? kNode : kNothing), held(node) {
     if (parent != nullptr) parent->reserve();
     if (held != nullptr) held->reserve();
 }
 
 JSOM::JSOM(JSONData* parent_, int index)
-    : parent(parent_), kind(PENDING_INDEX), pendingIndex(index) {
+    : parent(parent_), kind(kPendingIndex), pendingIndex(index) {
     if (parent != nullptr) parent->reserve();
 }
 
 JSOM::JSOM(JSONData* parent_, const char* key)
-    : parent(parent_), kind(PENDING_KEY_POINTER), pendingKey(key != nullptr ? key : "") {
+    : parent(parent_), kind(kPendingKeyPointer), pendingKey(key != nullptr ? key : "") {
     if (parent != nullptr) parent->reserve();
 }
 
 JSOM::JSOM(JSONData* parent_, const std::string& key)
-    : parent(parent_), kind(PENDING_KEY), pendingKey(key) {
+    : parent(parent_), kind(kPendingKey), pendingKey(key) {
     if (parent != nullptr) parent->reserve();
 }
 
@@ -84,7 +84,7 @@ bool JSOM::takeCopy(const char* operation, const JSONData& original) {
 bool JSOM::operator==(const JSOM& other) const {
     if (error || other.error) return error == other.error;
     if (kind != other.kind || held != other.held) return false;
-    if (kind == NODE) return true;
+    if (kind == kNode) return true;
     return parent == other.parent && pendingKey == other.pendingKey &&
            pendingIndex == other.pendingIndex;
 }
@@ -94,17 +94,17 @@ void JSOM::print(const char* operation, const std::string& message) {
 }
 
 bool JSOM::makeInfoNode(const char* operation) {
-    if (kind == NOTHING) {
+    if (kind == kNothing) {
         print(operation, parent == nullptr ? "null reference error" : "internal error, no info");
         return false;
     }
     held = new JSONData;
-    if (parent != nullptr && kind == PENDING_INDEX) {
+    if (parent != nullptr && kind == kPendingIndex) {
         parent->setByIndex(pendingIndex, held);
-    } else if (parent != nullptr && kind != EMPTY) {
+    } else if (parent != nullptr && kind != kEmpty) {
         parent->setByKey(pendingKey, held);
     }
-    kind = NODE;
+    kind = kNode;
     return true;
 }
 
@@ -129,8 +129,8 @@ JSOM JSOM::byKey(const char* operation, const std::string& key) {
 
 JSOM JSOM::looked() const {
     if (parent == nullptr || hasNode()) return *this;
-    JSONData* const there = kind == PENDING_INDEX ? parent->getByIndex(pendingIndex)
-                            : kind == NOTHING     ? nullptr
+    JSONData* const there = kind == kPendingIndex ? parent->getByIndex(pendingIndex)
+                            : kind == kNothing    ? nullptr
                                                   : parent->getByKey(pendingKey);
     return there != nullptr ? JSOM(there, parent) : *this;
 }
@@ -374,7 +374,7 @@ void JSOM::_expandValues(JSOM& top) {
     while (!pending.empty()) {
         JSONData* const node = pending.back();
         pending.pop_back();
-        if (node->getType() == JSONData::STRING) {
+        if (node->getType() == JSONData::kString) {
             JSOM text(node);
             _expandString(text);
         }

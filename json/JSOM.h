@@ -77,12 +77,12 @@ class JSOM {
     // Whether there is a node, of whatever type.
     bool hasNode() const { return node() != nullptr; }
     // False without a node.
-    bool isNull() const { return is(JSONData::JSON_NULL); }
-    bool isArray() const { return is(JSONData::ARRAY); }
-    bool isObject() const { return is(JSONData::OBJECT); }
-    bool isString() const { return is(JSONData::STRING); }
-    bool isNumber() const { return is(JSONData::LONG) || is(JSONData::DOUBLE); }
-    bool isBoolean() const { return is(JSONData::BOOLEAN); }
+    bool isNull() const { return is(JSONData::kNull); }
+    bool isArray() const { return is(JSONData::kArray); }
+    bool isObject() const { return is(JSONData::kObject); }
+    bool isString() const { return is(JSONData::kString); }
+    bool isNumber() const { return is(JSONData::kLong) || is(JSONData::kDouble); }
+    bool isBoolean() const { return is(JSONData::kBoolean); }
 
     // Number of members or elements; 0 for everything else.
     int size() const;
@@ -148,14 +148,14 @@ class JSOM {
     void expandValues();
 
   private:
-    enum Kind { EMPTY, NODE, PENDING_KEY_POINTER, PENDING_KEY, PENDING_INDEX, NOTHING };
+    enum Kind { kEmpty, kNode, kPendingKeyPointer, kPendingKey, kPendingIndex, kNothing };
     struct ErrorMark {};
 
-    explicit JSOM(ErrorMark) : kind(NOTHING), error(true) {}
+    explicit JSOM(ErrorMark) : kind(kNothing), error(true) {}
     static JSOM& errorHandle();
     static void print(const char* operation, const std::string& message);
 
-    JSONData* node() const { return kind == NODE ? held : nullptr; }
+    JSONData* node() const { return kind == kNode ? held : nullptr; }
     bool is(int type) const { return node() != nullptr && node()->getType() == type; }
     // Where `operation` stands, it is the name that messages give.
 
@@ -177,7 +177,7 @@ class JSOM {
 
     // The container of the place, one reference held, or null.
     JSONData* parent = nullptr;
-    Kind kind = EMPTY;
+    Kind kind = kEmpty;
     // By kind: the node, one reference held; the key, a copy; the index, -1 in the others.
     JSONData* held = nullptr;
     std::string pendingKey{};

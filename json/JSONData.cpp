@@ -25,13 +25,13 @@ void JSONData::setType(int newType) {
     reset();
     type = static_cast<uint16_t>(newType);
     switch (type) {
-        case OBJECT:
+        case kObject:
             value.members = new std::vector<entry*>;
             break;
-        case ARRAY:
+        case kArray:
             value.elements = new std::vector<JSONData*>;
             break;
-        case STRING:
+        case kString:
             value.text = new std::string;
             break;
         default:
@@ -40,23 +40,23 @@ void JSONData::setType(int newType) {
 }
 
 void JSONData::setBoolean(bool newValue) {
-    setType(BOOLEAN);
+    setType(kBoolean);
     value.boolean = newValue ? 1 : 0;
 }
 
 void JSONData::setLong(long long newValue) {
-    setType(LONG);
+    setType(kLong);
     value.integer = newValue;
 }
 
 void JSONData::setDouble(long double newValue) {
-    setType(DOUBLE);
+    setType(kDouble);
     value.real = static_cast<double>(newValue);
 }
 
 void JSONData::setString(const std::string& newValue) {
     std::string copy(newValue);  // setType() may free the original
-    setType(STRING);
+    setType(kString);
     value.text->swap(copy);
 }
 
@@ -68,19 +68,19 @@ void JSONData::reset() {
     std::vector<JSONData*> children;
     moveChildrenTo(children);
     switch (type) {
-        case OBJECT:
+        case kObject:
             delete value.members;
             break;
-        case ARRAY:
+        case kArray:
             delete value.elements;
             break;
-        case STRING:
+        case kString:
             delete value.text;
             break;
         default:
             break;
     }
-    type = NONE;
+    type = kNone;
     value.integer = 0;
     releaseAll(children);
 }
@@ -92,10 +92,10 @@ void JSONData::clear() {
 }
 
 void JSONData::moveChildrenTo(std::vector<JSONData*>& children) {
-    if (type == ARRAY) {
+    if (type == kArray) {
         children.insert(children.end(), value.elements->begin(), value.elements->end());
         value.elements->clear();
-    } else if (type == OBJECT) {
+    } else if (type == kObject) {
         for (const entry* const member : *value.members) {
             children.push_back(member->value);
             delete member;
@@ -114,19 +114,19 @@ void JSONData::releaseAll(std::vector<JSONData*>& children) {
 }
 
 int JSONData::length() const {
-    if (type == ARRAY) return static_cast<int>(value.elements->size());
-    if (type == OBJECT) return static_cast<int>(value.members->size());
+    if (type == kArray) return static_cast<int>(value.elements->size());
+    if (type == kObject) return static_cast<int>(value.members->size());
     return 0;
 }
 
 JSONData* JSONData::getByIndex(int i) const {
     if (!has(i)) return nullptr;
     const size_t index = static_cast<size_t>(i);
-    return type == ARRAY ? (*value.elements)[index] : (*value.members)[index]->value;
+    return type == kArray ? (*value.elements)[index] : (*value.members)[index]->value;
 }
 
 int JSONData::find(const std::string& key) const {
-    if (type != OBJECT) return -1;
+    if (type != kObject) return -1;
     int i = length() - 1;
     while (i >= 0 && (*value.members)[static_cast<size_t>(i)]->key != key)
         --i;
@@ -140,7 +140,7 @@ JSONData* JSONData::getByKey(const char* key) const {
 }
 
 const std::string* JSONData::getKeyAtIndex(int i) const {
-    if (type != OBJECT || !has(i)) return nullptr;
+    if (type != kObject || !has(i)) return nullptr;
     return &(*value.members)[static_cast<size_t>(i)]->key;
 }
 
@@ -152,9 +152,9 @@ bool JSONData::booleanValue() const {
 
 long long JSONData::longValue() const {
     using Limits = std::numeric_limits<long long>;
-    if (type == LONG) return value.integer;
-    if (type == BOOLEAN) return value.boolean;
-    if (type != DOUBLE || std::isnan(value.real)) return 0;
+    if (type == kLong) return value.integer;
+    if (type == kBoolean) return value.boolean;
+    if (type != kDouble || std::isnan(value.real)) return 0;
     constexpr double beyond = 9223372036854775808.0;
     if (value.real >= beyond) return Limits::max();
     if (value.real < -beyond) return Limits::min();
@@ -162,16 +162,16 @@ long long JSONData::longValue() const {
 }
 
 long double JSONData::doubleValue() const {
-    return type == DOUBLE ? static_cast<long double>(value.real)
-                          : static_cast<long double>(longValue());
+    return type == kDouble ? static_cast<long double>(value.real)
+                           : static_cast<long double>(longValue());
 }
 
-const std::string* JSONData::stringValue() const { return type == STRING ? value.text : nullptr; }
+const std::string* JSONData::stringValue() const { return type == kString ? value.text : nullptr; }
 
 void JSONData::setByKey(const std::string& key_, JSONData* newValue) {
     const std::string key(key_);  // setType() and erase() may free the original
     if (newValue != nullptr) newValue->reserve();
-    setType(OBJECT);
+    setType(kObject);
     const int i = find(key);
     if (newValue == nullptr) {
         erase(i);
@@ -189,11 +189,11 @@ void JSONData::setByKey(const char* key, JSONData* newValue) {
 
 void JSONData::setByIndex(int i, JSONData* newValue) {
     if (newValue == nullptr) {
-        if (type == ARRAY) erase(i);
+        if (type == kArray) erase(i);
         return;
     }
     newValue->reserve();
-    setType(ARRAY);
+    setType(kArray);
     if (i == length()) {
         adopt(newValue);
         return;
@@ -213,7 +213,7 @@ void JSONData::adopt(const std::string& key, JSONData* child) {
 void JSONData::erase(int i) {
     JSONData* const child = getByIndex(i);
     if (child == nullptr) return;
-    if (type == ARRAY) {
+    if (type == kArray) {
         value.elements->erase(value.elements->begin() + i);
     } else {
         delete (*value.members)[static_cast<size_t>(i)];
@@ -245,15 +245,15 @@ JSONData* JSONData::clone() const {
 void JSONData::copyShallow(const JSONData& other) {
     setType(other.type);
     switch (type) {
-        case OBJECT:
+        case kObject:
             for (const entry* const member : *other.value.members)
                 adopt(member->key, new JSONData);
             break;
-        case ARRAY:
+        case kArray:
             for (int i = 0; i < other.length(); ++i)
                 adopt(new JSONData);
             break;
-        case STRING:
+        case kString:
             *value.text = *other.value.text;
             break;
         default:
@@ -325,16 +325,16 @@ std::string formatDouble(double value, int precision) {
 
 void JSONData::appendStringValue(std::string& out, int precision) const {
     switch (type) {
-        case JSON_NULL:
+        case kNull:
             out += "null";
             return;
-        case BOOLEAN:
+        case kBoolean:
             out += value.boolean != 0 ? "true" : "false";
             return;
-        case LONG:
+        case kLong:
             out += std::to_string(value.integer);
             return;
-        case DOUBLE:
+        case kDouble:
             break;
         default:
             return;

@@ -22,8 +22,8 @@ namespace tavrik {
 // Strings are bytes; no encoding is looked at.
 class JSONData {
   public:
-    // NONE is a fresh or reset node; it writes nothing.
-    enum Type : uint16_t { NONE, JSON_NULL, BOOLEAN, OBJECT, ARRAY, STRING, LONG, DOUBLE };
+    // kNone is a fresh or reset node; it writes nothing.
+    enum Type : uint16_t { kNone, kNull, kBoolean, kObject, kArray, kString, kLong, kDouble };
 
     // A member of an object.
     struct entry {
@@ -47,16 +47,16 @@ class JSONData {
     int getType() const { return type; }
 
     // Set type and value. A text may be one that this tree holds; a null pointer is an empty text.
-    void setNull() { setType(JSON_NULL); }
-    void setObject() { setType(OBJECT); }
-    void setArray() { setType(ARRAY); }
+    void setNull() { setType(kNull); }
+    void setObject() { setType(kObject); }
+    void setArray() { setType(kArray); }
     void setBoolean(bool newValue);
     void setLong(long long newValue);
     void setDouble(long double newValue);
     void setString(const std::string& newValue);
     void setString(const char* newValue);
 
-    // Gives up all content; the type becomes NONE.
+    // Gives up all content; the type becomes kNone.
     void reset();
     // Gives up the members or elements, the last one first; other types keep their value.
     void clear();
@@ -159,7 +159,7 @@ class JSONData {
     template <typename Source>
     bool parseJsonNumberIntoSelf(Source& source);
 
-    bool isContainer() const { return type == OBJECT || type == ARRAY; }
+    bool isContainer() const { return type == kObject || type == kArray; }
     bool has(int i) const { return i >= 0 && i < length(); }
     // Index of the last member with this key, or -1.
     int find(const std::string& key) const;
@@ -181,7 +181,7 @@ class JSONData {
         std::vector<JSONData*>* elements;
     };
 
-    uint16_t type = NONE;
+    uint16_t type = kNone;
     uint32_t refCount = 1;  // parents, handles and whoever made it
     Value value;
 };

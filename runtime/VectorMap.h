@@ -30,9 +30,9 @@ class VectorMap {
 
   protected:
     // The index of a name that is not there.
-    static constexpr size_t NONE = static_cast<size_t>(-1);
+    static constexpr size_t kNone = static_cast<size_t>(-1);
 
-    // The index of the last entry of that name, or NONE.
+    // The index of the last entry of that name, or kNone.
     size_t find(const std::string& name) const {
         size_t i = names.size();
         while (i != 0 && names[i - 1] != name)
@@ -43,7 +43,7 @@ class VectorMap {
     // The value of the last entry of that name; null when there is none.
     T* get(const std::string& name) const {
         const size_t i = find(name);
-        return i != NONE ? values[i] : nullptr;
+        return i != kNone ? values[i] : nullptr;
     }
 
     void append(const std::string& name, T* value) {
@@ -62,7 +62,7 @@ class VectorMap {
     // was there.
     void replaceOwned(const std::string& name, T* value) {
         const size_t i = find(name);
-        if (i == NONE) {
+        if (i == kNone) {
             append(name, value);
         } else if (values[i] != value) {
             delete std::exchange(values[i], value);

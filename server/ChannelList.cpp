@@ -14,8 +14,8 @@ void ChannelList::addChannel(const std::string& name_, Channel* channel) {
     ChannelList* const self = Instance();
     WriteGuard guard(self->lock);
     const size_t old = self->find(name);
-    if (old != NONE && self->values[old] != nullptr) self->unlist(old, name);
-    if (self->find(name) == NONE) self->append(name, channel);
+    if (old != kNone && self->values[old] != nullptr) self->unlist(old, name);
+    if (self->find(name) == kNone) self->append(name, channel);
     channelAddedNotice(name);
 }
 
@@ -23,7 +23,7 @@ void ChannelList::removeChannel(const std::string& name) {
     ChannelList* const self = Instance();
     WriteGuard guard(self->lock);
     const size_t i = self->find(name);
-    if (i != NONE && self->values[i] != nullptr) self->unlist(i, name);
+    if (i != kNone && self->values[i] != nullptr) self->unlist(i, name);
 }
 
 void ChannelList::unlist(size_t i, const std::string& name) {

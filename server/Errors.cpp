@@ -9,7 +9,7 @@ struct Row {
     const char* text;
 };
 
-constexpr Row ROWS[] = {
+constexpr Row kRows[] = {
     {"NONE", "No error"},
     {"UNKNOWN", "Unknown error"},
     {"NOSESSION", "No session."},
@@ -25,18 +25,18 @@ constexpr Row ROWS[] = {
     {"FWUPDATEREQUIRED", "Firmware needs to be updated."},
     {"FWUPDATEFAILED", "Firmware updating failed"},
 };
-constexpr unsigned int COUNT = sizeof ROWS / sizeof ROWS[0];
+constexpr unsigned int kCount = sizeof kRows / sizeof kRows[0];
 
 }  // namespace
 
-std::string Errors::toToken(unsigned int code) { return code < COUNT ? ROWS[code].token : ""; }
+std::string Errors::toToken(unsigned int code) { return code < kCount ? kRows[code].token : ""; }
 
-std::string Errors::toAscii(unsigned int code) { return code < COUNT ? ROWS[code].text : ""; }
+std::string Errors::toAscii(unsigned int code) { return code < kCount ? kRows[code].text : ""; }
 
 // The copy is part of the interface.
 int Errors::toInt(std::string token) {  // NOLINT(performance-unnecessary-value-param)
-    for (unsigned int code = 0; code < COUNT; ++code) {
-        if (token == ROWS[code].token) return static_cast<int>(code);
+    for (unsigned int code = 0; code < kCount; ++code) {
+        if (token == kRows[code].token) return static_cast<int>(code);
     }
     return 0;
 }

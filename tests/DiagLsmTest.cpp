@@ -59,7 +59,7 @@ TEST_F(DiagLsm, OpensAndCloses) {
     EXPECT_TRUE(sigismember(&blocked, SIGUSR2));
     Inbox inbox;
     diag_register_callback(Inbox::callback, &inbox);
-    const int before = openDescriptors();
+    const long before = openDescriptors();
     EXPECT_EQ(Diag_LSM_Init(nullptr), 1);  // on an open handle: no second one
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(Diag_LSM_DeInit(), 1);

@@ -338,7 +338,7 @@ TEST_F(Session, TenThousandCyclesLeaveNothingBehind) {
         }
     };
     cycle(10);
-    const int descriptors = openDescriptors();
+    const long descriptors = openDescriptors();
     const long threads = runningThreads();
     const long resident = processStatus("VmRSS:");
     cycle(cycles - 10);

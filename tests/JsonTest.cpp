@@ -53,7 +53,7 @@ std::string compact(const JSOM& handle, int precision = JSOM::defaultPrecision) 
 }
 
 size_t doublesIn(const JSONData& node) {
-    size_t count = node.getType() == JSONData::DOUBLE ? 1 : 0;
+    size_t count = node.getType() == JSONData::kDouble ? 1 : 0;
     for (int i = 0; i < node.length(); ++i)
         count += doublesIn(*node.getByIndex(i));
     return count;
@@ -122,7 +122,8 @@ Json generate(std::mt19937_64& random, bool decimals, int depth = 0) {
     const int64_t integer = static_cast<int64_t>(random()) >> random() % 64;
     const Json kinds[] = {nullptr, integer < 0, word(), integer, Json::array(), Json::object()};
     Json made = kinds[kind];
-    if (kind == 3 && decimals) made = (random() % 200000001 - 1e8) / (random() % 2 == 0 ? 1e4 : 10);
+    if (kind == 3 && decimals)
+        made = (static_cast<double>(random() % 200000001) - 1e8) / (random() % 2 == 0 ? 1e4 : 10);
     for (size_t children = kind >= 4 ? random() % 6 : 0; children > 0; --children)
         (kind == 4 ? made.emplace_back() : made[word()]) = generate(random, decimals, depth + 1);
     return made;

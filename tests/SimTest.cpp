@@ -35,7 +35,7 @@ class Client : public testing::Test {
         device_.plug(Scenario::parse(json, "test.json"));
         fd_ = ::open("/dev/diag", O_RDWR);
         ASSERT_GE(fd_, 0);
-        for (uint8_t type : {1, 2, 4})
+        for (const int type : {1, 2, 4})
             ASSERT_EQ(readBuffer().at(0), type);
         ASSERT_EQ(switchMode(6), 1);
     }

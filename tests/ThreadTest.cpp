@@ -231,16 +231,16 @@ TEST_F(ThreadTest, AGroupGrowsOnDemandAndReusesTheWorkerThatReturnedLast) {
             threads[task] = tasks[task].began.get_future().get();
             EXPECT_EQ(tasks[task].name, "Pool Worker");
         };
-        for (const size_t task : {0, 1, 2})
+        for (const size_t task : {0u, 1u, 2u})
             spawn(task);
         EXPECT_TRUE(threadsComeTo(threadsBefore + 3));
-        for (const size_t task : {0, 1}) {
+        for (const size_t task : {0u, 1u}) {
             tasks[task].finish.set_value();
             expectMetrics(task == 0 ? "2" : "1", "3");
         }
         spawn(3);
         EXPECT_EQ(threads[3], threads[1]);
-        for (const size_t task : {2, 3})
+        for (const size_t task : {2u, 3u})
             tasks[task].finish.set_value();
         expectMetrics("0", "3");
         group.close();

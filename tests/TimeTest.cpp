@@ -52,7 +52,7 @@ TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
     tavrik::Logger::getLogger("Time")->setLevel(*tavrik::LogLevel::LVL_DEBUG);
     const double uptimeBefore = uptime();
     const double before = getNow();
-    const int descriptors = openDescriptors();
+    const long descriptors = openDescriptors();
     double boot = 0.0;
     const std::string output = outputOf([&] {
         setFakeTimeOffset(1e6);

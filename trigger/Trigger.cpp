@@ -15,14 +15,14 @@ Trigger::Notifier::Notifier(Trigger* owner)
 
 Trigger::Notifier::~Notifier() { close(); }
 
-void Trigger::Notifier::request(int value) {
+void Trigger::Notifier::request(int newValue) {
     LockGuard guard(lock);
-    if (value == trigger->requestedValue) return;
-    trigger->requestedValue = value;
+    if (newValue == trigger->requestedValue) return;
+    trigger->requestedValue = newValue;
     if (trigger->enabled || isRunning()) {
-        append({NotifierEntry::Kind::value, value, getNow()});
+        append({NotifierEntry::Kind::value, newValue, getNow()});
     } else {
-        trigger->apply(value, getNow());
+        trigger->apply(newValue, getNow());
     }
 }
 

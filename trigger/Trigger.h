@@ -99,7 +99,7 @@ class Trigger {
 
         // Applies the value at once while the trigger is disabled and nothing is queued; else
         // queues it. Drops the last requested value. Keeps the order of requests.
-        void request(int value) TAVRIK_EXCLUDES(lock);
+        void request(int newValue) TAVRIK_EXCLUDES(lock);
         // Queues the order to apply the changes of subscribers.
         void maintain() TAVRIK_EXCLUDES(lock);
         // False when the trigger is in that state already.

@@ -9,10 +9,10 @@
 
 namespace tavrik {
 
-// What begins at a place: the type of a value, LONG for every number, or one of the flags. `end`
+// What begins at a place: the type of a value, kLong for every number, or one of the flags. `end`
 // goes with the type of what it closes.
 struct JSONData::Token {
-    Type type = NONE;
+    Type type = kNone;
     bool comma = false;
     bool colon = false;
     bool end = false;
@@ -69,32 +69,32 @@ bool JSONData::fetchNextType(Source& source, Token& token) {
     token.end = character == ']' || character == '}';
     switch (character) {
         case '"':
-            token.type = STRING;
+            token.type = kString;
             return true;
         case '+':
         case '-':
-            token.type = LONG;
+            token.type = kLong;
             return true;
         case '[':
         case ']':
-            token.type = ARRAY;
+            token.type = kArray;
             return true;
         case '{':
         case '}':
-            token.type = OBJECT;
+            token.type = kObject;
             return true;
         case 't':
         case 'f':
-            token.type = BOOLEAN;
+            token.type = kBoolean;
             return true;
         case 'n':
-            token.type = JSON_NULL;
+            token.type = kNull;
             return true;
         case ',':
         case ':':
             return true;
         default:
-            token.type = LONG;
+            token.type = kLong;
             return isDigit(character);
     }
 }
@@ -211,7 +211,7 @@ class JSONData::Parser {
         std::string key{};  // of the member under way
         std::unique_ptr<JSONData, Release> child{};
 
-        bool isArray() const { return node->type == ARRAY; }
+        bool isArray() const { return node->type == kArray; }
     };
 
     bool fail(const char* message) const {
@@ -226,13 +226,13 @@ class JSONData::Parser {
             return source.peek() != 0 && fail("syntax error: missing value");
         }
         switch (token.type) {
-            case JSON_NULL:
+            case kNull:
                 return readNull(node);
-            case BOOLEAN:
+            case kBoolean:
                 return readBoolean(node);
-            case STRING:
+            case kString:
                 return readString(node);
-            case LONG:
+            case kLong:
                 return node.parseJsonNumberIntoSelf(source) || fail("syntax error: invalid number");
             default:
                 return open(node, token.type);
@@ -276,7 +276,7 @@ class JSONData::Parser {
     // Sets the type. What the top node held stays alive to the end of the parse: the text that is
     // being parsed may be part of it.
     void become(JSONData& node, Type wanted) {
-        if (node.type != NONE && node.type != wanted) node.swap(retired);
+        if (node.type != kNone && node.type != wanted) node.swap(retired);
         node.setType(wanted);
     }
 
@@ -333,7 +333,7 @@ class JSONData::Parser {
     }
 
     bool readKey(const Token& begin, std::string& key) {
-        if (begin.type != STRING) return fail("syntax error: object key must be a string");
+        if (begin.type != kString) return fail("syntax error: object key must be a string");
         if (!parseJsonString(source, key))
             return fail("syntax error: invalid string for object key");
         Token token;

@@ -32,12 +32,12 @@ class JSONData::Writer {
 
     void begin(const JSONData& node) {
         if (node.isContainer()) {
-            sink.put(node.type == ARRAY ? '[' : '{');
+            sink.put(node.type == kArray ? '[' : '{');
             opened.push_back({&node, 0});
             return;
         }
         scratch.clear();
-        if (node.type == STRING) {
+        if (node.type == kString) {
             quoteJsonString(*node.value.text, scratch);
         } else {
             node.appendStringValue(scratch, precision);
@@ -47,7 +47,7 @@ class JSONData::Writer {
 
     void closeFinished() {
         while (!opened.empty() && opened.back().written == opened.back().node->length()) {
-            const char bracket = opened.back().node->type == ARRAY ? ']' : '}';
+            const char bracket = opened.back().node->type == kArray ? ']' : '}';
             opened.pop_back();
             lineBreak();
             sink.put(bracket);
@@ -60,7 +60,7 @@ class JSONData::Writer {
         Open& parent = opened.back();
         if (parent.written != 0) sink.put(',');
         lineBreak();
-        if (parent.node->type == OBJECT) key(*parent.node->getKeyAtIndex(parent.written));
+        if (parent.node->type == kObject) key(*parent.node->getKeyAtIndex(parent.written));
         return parent.node->getByIndex(parent.written++);
     }
 
