@@ -7,12 +7,12 @@
 #include <unordered_map>
 #include <vector>
 
-#include "sim/Driver.h"
-#include "sim/Mutex.h"
 #include "sim/Scenario.h"
-#include "sim/Session.h"
-#include "sim/Trace.h"
 #include "sim/Wire.h"
+#include "sim/model/Driver.h"
+#include "sim/model/Mutex.h"
+#include "sim/model/Session.h"
+#include "sim/model/Trace.h"
 
 namespace diagsim {
 

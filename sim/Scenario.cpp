@@ -8,8 +8,8 @@
 #include <sstream>
 
 #include "json/JSOM.h"
-#include "sim/ErrnoName.h"
-#include "sim/Request.h"
+#include "sim/model/ErrnoName.h"
+#include "sim/model/Request.h"
 
 namespace diagsim {
 namespace {

@@ -1,4 +1,4 @@
-#include "sim/CuseReads.h"
+#include "sim/mount/CuseReads.h"
 
 #include <poll.h>
 #include <pthread.h>

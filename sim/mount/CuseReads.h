@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 namespace diagsim {
 

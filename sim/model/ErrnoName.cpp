@@ -1,4 +1,4 @@
-#include "sim/ErrnoName.h"
+#include "sim/model/ErrnoName.h"
 
 #include <cerrno>
 

@@ -1,4 +1,4 @@
-#include "sim/Adsp.h"
+#include "sim/model/Adsp.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "sim/Bytes.h"
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 namespace diagsim {
 

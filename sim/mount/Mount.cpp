@@ -14,7 +14,7 @@
 #include <cstdarg>
 
 #include "sim/Device.h"
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 namespace {
 

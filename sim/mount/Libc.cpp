@@ -1,4 +1,4 @@
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 #include <dlfcn.h>
 

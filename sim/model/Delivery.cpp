@@ -1,4 +1,4 @@
-#include "sim/Delivery.h"
+#include "sim/model/Delivery.h"
 
 #include "sim/Wire.h"
 

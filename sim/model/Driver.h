@@ -7,10 +7,10 @@
 #include <optional>
 #include <string>
 
-#include "sim/Adsp.h"
-#include "sim/Delivery.h"
 #include "sim/Scenario.h"
-#include "sim/Trace.h"
+#include "sim/model/Adsp.h"
+#include "sim/model/Delivery.h"
+#include "sim/model/Trace.h"
 
 namespace diagsim {
 

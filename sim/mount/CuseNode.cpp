@@ -1,4 +1,4 @@
-#include "sim/CuseNode.h"
+#include "sim/mount/CuseNode.h"
 
 #define FUSE_USE_VERSION 35
 #include <fcntl.h>
@@ -12,9 +12,9 @@
 #include <memory>
 #include <system_error>
 
-#include "sim/CuseReads.h"
 #include "sim/Device.h"
-#include "sim/IoctlRecords.h"
+#include "sim/model/IoctlRecords.h"
+#include "sim/mount/CuseReads.h"
 
 namespace diagsim {
 namespace {

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "sim/Adsp.h"
 #include "sim/Bytes.h"
 #include "sim/Scenario.h"
+#include "sim/model/Adsp.h"
 
 namespace diagsim {
 

@@ -1,4 +1,4 @@
-#include "sim/Trace.h"
+#include "sim/model/Trace.h"
 
 #include <fcntl.h>
 #include <unistd.h>

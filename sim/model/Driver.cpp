@@ -1,12 +1,12 @@
-#include "sim/Driver.h"
+#include "sim/model/Driver.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "sim/ErrnoName.h"
-#include "sim/IoctlRecords.h"
 #include "sim/Wire.h"
+#include "sim/model/ErrnoName.h"
+#include "sim/model/IoctlRecords.h"
 
 namespace diagsim {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "sim/Bytes.h"
-#include "sim/Request.h"
 #include "sim/Scenario.h"
+#include "sim/model/Request.h"
 
 namespace diagsim {
 

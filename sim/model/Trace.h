@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 namespace diagsim {
 

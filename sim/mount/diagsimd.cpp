@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <string>
 
-#include "sim/CuseNode.h"
 #include "sim/Device.h"
+#include "sim/mount/CuseNode.h"
 
 namespace {
 

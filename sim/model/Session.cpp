@@ -1,4 +1,4 @@
-#include "sim/Session.h"
+#include "sim/model/Session.h"
 
 #include <fcntl.h>
 #include <poll.h>

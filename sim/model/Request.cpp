@@ -1,4 +1,4 @@
-#include "sim/Request.h"
+#include "sim/model/Request.h"
 
 #include <algorithm>
 #include <cstdio>

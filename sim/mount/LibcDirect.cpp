@@ -3,7 +3,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include "sim/Libc.h"
+#include "sim/mount/Libc.h"
 
 namespace diagsim {
 
