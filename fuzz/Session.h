@@ -6,6 +6,7 @@
 #include "adsppm/ADSPPM.h"
 #include "fuzz/Support.h"
 #include "sim/Device.h"
+#include "sim/Wire.h"
 
 namespace fuzz {
 

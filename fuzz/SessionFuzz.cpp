@@ -67,16 +67,12 @@ bool Request::onResponse(const unsigned char* rsp, int len) {
 }
 
 // How many lines the device has traced, and whether those from the `from`th on tell of a delivery.
-size_t traced() {
-    diagsim::MutexLock lock(device().mutex_);
-    return device().trace_.lines().size();
-}
+size_t traced() { return device().traceLength(); }
 
 bool delivered(const std::string& text, size_t from) {
     if (text.empty()) return true;
-    diagsim::MutexLock lock(device().mutex_);
-    const std::vector<std::string>& lines = device().trace_.lines();
-    return std::any_of(lines.begin() + static_cast<long>(from), lines.end(), [&](const auto& line) {
+    const std::vector<std::string> lines = device().trace(from);
+    return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
         return line.find(text) != std::string::npos && line.find("=>") == std::string::npos;
     });
 }

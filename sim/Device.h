@@ -1,18 +1,14 @@
 // The simulated device node of this process: what the mounts call, and what tests call.
 #pragma once
 
-#include <atomic>
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "sim/Bytes.h"
 #include "sim/Scenario.h"
-#include "sim/Wire.h"
-#include "sim/model/Driver.h"
-#include "sim/model/Mutex.h"
-#include "sim/model/Session.h"
-#include "sim/model/Trace.h"
 
 namespace diagsim {
 
@@ -40,8 +36,11 @@ class Device {
     // Whether a client has the node open.
     bool isOpen() const;
 
-    // The lines since plug(), without the time column.
-    std::vector<std::string> trace() const;
+    // The lines since plug(), without the time column, from line `first` on.
+    std::vector<std::string> trace(size_t first = 0) const;
+
+    // How many lines there are since plug().
+    size_t traceLength() const;
 
     // Waits until `count` lines contain `text`; false when `timeoutMs` milliseconds were not
     // enough.
@@ -73,13 +72,13 @@ class Device {
 
     // Whether open() of this path is open() of the node.
     static bool isNode(const char* path);
-    bool plugged() const { return plugged_.load(std::memory_order_acquire); }
+    bool plugged() const;
 
     // The path that replaces `path`; empty for none.
     std::string redirected(const char* path) const;
 
     // Whether the descriptor is the client's. No locks: every write of the process asks.
-    bool owns(int fd) const { return fd >= 0 && fd == clientFd_.load(std::memory_order_acquire); }
+    bool owns(int fd) const;
 
     // The calls on the node, with results and errno as the system calls have them.
     int open(int flags);
@@ -88,27 +87,11 @@ class Device {
     int ioctl(int fd, unsigned long request, void* argument);
 
   private:
-    Device() { trace_.keep(true); }
+    struct State;
 
-    void serve(Session& session);
-    bool pump(Session& session, Session::Wait& next);
-    // Delivers what is due; `next` is what to wait for then.
-    void deliverDue(Session& session, Session::Wait& next) DIAGSIM_REQUIRES(mutex_);
-    // False: no room at present.
-    bool deliverOne(Session& session, const Outgoing& outgoing) DIAGSIM_REQUIRES(mutex_);
-    void inject(Outgoing outgoing);
-    int openLocked(int flags) DIAGSIM_REQUIRES(mutex_);
+    Device();
 
-    std::atomic<bool> plugged_{false};
-    std::atomic<int> clientFd_{-1};            // written under mutex_
-    std::atomic<bool> anyRedirection_{false};  // written under mutex_
-
-    // Guards everything below, and gives the trace its order. Nothing blocks under it.
-    mutable Mutex mutex_{};
-    mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
-    std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};
-    std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
-    std::unordered_map<std::string, std::string> redirections_ DIAGSIM_GUARDED_BY(mutex_){};
+    const std::unique_ptr<State> state_;
 };
 
 }  // namespace diagsim

@@ -1,4 +1,4 @@
-// What passes through the device node: data-type words, chunk buffers, HDLC framing.
+// What passes through the device node: data-type words, command codes, chunk buffers, HDLC framing.
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,19 @@ enum DataType : uint32_t {
     kDeinitType = 16,
     kUserSpaceType = 32,
     kCallbackType = 128,
+};
+
+// The log packet that the ADSP's power manager sends: equipment 1, item 0x645.
+constexpr uint16_t kPowerLogCode = 0x1645;
+
+// First byte of a packet.
+enum CommandCode : uint8_t {
+    kLogPacketCommand = 0x10,
+    kErrorCommand = 0x13,
+    kSubsystemCommand = 0x4B,
+    kEventReportCommand = 0x60,
+    kLogConfigCommand = 0x73,
+    kMessageConfigCommand = 0x7D,
 };
 
 // CRC-16 of the frame check sequence: polynomial 0x1021 reflected, preset and inverted with 0xFFFF.

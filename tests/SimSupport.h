@@ -20,6 +20,7 @@
 #include "log/LogLevel.h"
 #include "log/Logger.h"
 #include "sim/Device.h"
+#include "sim/Wire.h"
 
 using diagsim::Bytes;
 

@@ -6,21 +6,9 @@
 
 #include "sim/Bytes.h"
 #include "sim/Scenario.h"
+#include "sim/Wire.h"
 
 namespace diagsim {
-
-// The log packet that the ADSP's power manager sends: equipment 1, item 0x645.
-constexpr uint16_t kPowerLogCode = 0x1645;
-
-// First byte of a packet.
-enum CommandCode : uint8_t {
-    kLogPacketCommand = 0x10,
-    kErrorCommand = 0x13,
-    kSubsystemCommand = 0x4B,
-    kEventReportCommand = 0x60,
-    kLogConfigCommand = 0x73,
-    kMessageConfigCommand = 0x7D,
-};
 
 // Operation word of a log configuration packet.
 enum LogOperation : uint32_t { kLogDisable = 0, kLogRanges = 1, kLogSetMask = 3 };

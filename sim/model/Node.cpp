@@ -1,0 +1,202 @@
+#include "sim/model/Node.h"
+
+#include <cerrno>
+#include <chrono>
+#include <stdexcept>
+
+namespace diagsim {
+namespace {
+
+Driver::Time now() { return Driver::Clock::now(); }
+
+}  // namespace
+
+Node::Node() {
+    MutexLock lock(mutex_);
+    trace_.keep(true);
+}
+
+void Node::plug(const Scenario& scenario) {
+    MutexLock lock(mutex_);
+    if (session_) throw std::logic_error("diagsim: plugged in while a client is open");
+    driver_ = std::make_unique<Driver>(scenario, trace_);
+    trace_.restart();
+}
+
+bool Node::isOpen() const {
+    MutexLock lock(mutex_);
+    return session_ != nullptr;
+}
+
+// --- trace ---
+
+std::vector<std::string> Node::trace(size_t first) const {
+    MutexLock lock(mutex_);
+    const std::vector<std::string>& lines = trace_.lines();
+    if (first >= lines.size()) return {};
+    return {lines.begin() + static_cast<std::ptrdiff_t>(first), lines.end()};
+}
+
+size_t Node::traceLength() const {
+    MutexLock lock(mutex_);
+    return trace_.lines().size();
+}
+
+bool Node::waitForTrace(const std::string& text, int count, int timeoutMs) const {
+    const auto deadline = now() + std::chrono::milliseconds(timeoutMs);
+    MutexLock lock(mutex_);
+    int found = 0;
+    size_t seen = 0;  // lines looked at; plug() is not called during a wait
+    for (bool inTime = true;;) {
+        for (; seen < trace_.lines().size(); ++seen) {
+            if (trace_.lines()[seen].find(text) != std::string::npos) ++found;
+        }
+        if (found >= count) return true;
+        if (!inTime) return false;
+        inTime = trace_.changed().wait_until(mutex_, deadline) == std::cv_status::no_timeout;
+    }
+}
+
+void Node::keepTrace(bool on) {
+    MutexLock lock(mutex_);
+    trace_.keep(on);
+}
+
+void Node::traceTo(const std::string& path) {
+    MutexLock lock(mutex_);
+    trace_.toFile(path);
+}
+
+// --- tests ---
+
+void Node::inject(Outgoing outgoing) {
+    outgoing.callbackModeOnly = false;
+    MutexLock lock(mutex_);
+    if (!session_) return;
+    driver_->enqueue(std::move(outgoing), now());
+    session_->wake();
+}
+
+Bytes Node::logPacket() {
+    MutexLock lock(mutex_);
+    return driver_ ? driver_->logPacket() : Bytes{};
+}
+
+// --- calls ---
+
+bool Node::isClient(int fd) const { return session_ && session_->clientFd() == fd; }
+
+Driver::Result Node::open(int flags) {
+    MutexLock lock(mutex_);
+    return driver_ ? openLocked(flags) : Driver::Result{-1, ENODEV};
+}
+
+Driver::Result Node::openLocked(int flags) {
+    trace_.beginClock();
+    if (session_) {
+        trace_.line("host", "open /dev/diag => -1 EBUSY (refused: open already)");
+        return {-1, EBUSY};
+    }
+    std::unique_ptr<Session> session = Session::create(flags);
+    if (!session) return {-1, errno};
+    const Driver::Result result = driver_->open(now());
+    if (result.value < 0) return result;
+    // Before the thread exists: masks that are due are there when open returns, and come first.
+    Session::Wait next;
+    deliverDue(*session, next);
+    Session* const started = session.get();
+    if (!session->start([this, started] { serve(*started); })) {
+        const int error = errno;
+        driver_->close();
+        return {-1, error};
+    }
+    session_ = std::move(session);
+    clientFd_.store(session_->clientFd(), std::memory_order_release);
+    return {session_->clientFd(), 0};
+}
+
+Driver::Result Node::close(int fd) {
+    std::unique_ptr<Session> session;
+    {
+        MutexLock lock(mutex_);
+        if (!isClient(fd)) return {-1, EBADF};
+        session = std::move(session_);
+        clientFd_.store(-1, std::memory_order_release);
+        driver_->close();
+        trace_.line("host", "close => 0");
+        session->wake();
+    }
+    session->join();
+    const int result = session->close();
+    return {result, result == 0 ? 0 : errno};
+}
+
+Driver::Result Node::write(int fd, const Bytes& data) {
+    MutexLock lock(mutex_);
+    if (!isClient(fd)) return {-1, EBADF};
+    const Driver::Result result = driver_->write(data, now());
+    session_->wake();
+    return result;
+}
+
+Driver::Result Node::ioctl(int fd, unsigned long request, void* argument) {
+    MutexLock lock(mutex_);
+    if (!isClient(fd)) return {-1, EBADF};
+    const Driver::Result result = driver_->ioctl(request, argument, now());
+    session_->wake();
+    return result;
+}
+
+// --- device thread ---
+
+void Node::serve(Session& session) {
+    Session::Wait next;
+    while (pump(session, next))
+        session.wait(next);
+}
+
+// False ends the thread: the session is no longer the open one.
+bool Node::pump(Session& session, Session::Wait& next) {
+    MutexLock lock(mutex_);
+    if (session_.get() != &session) return false;
+    deliverDue(session, next);
+    return true;
+}
+
+void Node::deliverDue(Session& session, Session::Wait& next) {
+    const Driver::Time time = now();
+    // While the client is behind, nothing periodic is added to what it has to read.
+    if (!driver_->due(time)) driver_->producePeriodic(time);
+    while (const Outgoing* const outgoing = driver_->due(time)) {
+        if (!deliverOne(session, *outgoing)) {
+            next = {std::nullopt, true};
+            return;
+        }
+        const bool gone = outgoing->action == Outgoing::Action::kHangUp;
+        driver_->pop();
+        if (gone) driver_->vanish();
+    }
+    next = {driver_->nextDue(), false};
+}
+
+bool Node::deliverOne(Session& session, const Outgoing& outgoing) {
+    Session::Sent sent = Session::Sent::kYes;
+    switch (outgoing.action) {
+        case Outgoing::Action::kBuffer:
+            sent = session.send(outgoing.bytes);
+            break;
+        case Outgoing::Action::kFailRead:
+            session.failRead();
+            break;
+        case Outgoing::Action::kHangUp:
+            session.hangUp();
+            break;
+    }
+    if (sent == Session::Sent::kBlocked) return false;
+    const char* const suffix = sent == Session::Sent::kLost ? " => lost, not readable" : "";
+    for (const std::string& line : outgoing.lines)
+        trace_.line(outgoing.who, line + suffix);
+    return true;
+}
+
+}  // namespace diagsim

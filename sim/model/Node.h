@@ -1,0 +1,66 @@
+// The node behind its calls: one driver, at most one client, and the trace of their exchange.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/Bytes.h"
+#include "sim/Scenario.h"
+#include "sim/model/Driver.h"
+#include "sim/model/Mutex.h"
+#include "sim/model/Session.h"
+#include "sim/model/Trace.h"
+
+namespace diagsim {
+
+// The public functions have the contracts of their namesakes in Device; calls on the node return
+// their errno instead of setting it. All take the mutex but owns(), so none is called with it held.
+class Node {
+  public:
+    Node();
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+
+    void plug(const Scenario& scenario);
+    bool isOpen() const;
+
+    std::vector<std::string> trace(size_t first) const;
+    size_t traceLength() const;
+    bool waitForTrace(const std::string& text, int count, int timeoutMs) const;
+    void keepTrace(bool on);
+    void traceTo(const std::string& path);
+
+    // Delivers in any logging mode; ignored while no client has the node open.
+    void inject(Outgoing outgoing);
+    Bytes logPacket();
+
+    bool owns(int fd) const { return fd >= 0 && fd == clientFd_.load(std::memory_order_acquire); }
+
+    Driver::Result open(int flags);
+    Driver::Result close(int fd);
+    Driver::Result write(int fd, const Bytes& data);
+    Driver::Result ioctl(int fd, unsigned long request, void* argument);
+
+  private:
+    Driver::Result openLocked(int flags) DIAGSIM_REQUIRES(mutex_);
+    bool isClient(int fd) const DIAGSIM_REQUIRES(mutex_);
+
+    void serve(Session& session);
+    bool pump(Session& session, Session::Wait& next);
+    // Delivers what is due; `next` is what to wait for then.
+    void deliverDue(Session& session, Session::Wait& next) DIAGSIM_REQUIRES(mutex_);
+    // False: no room at present.
+    bool deliverOne(Session& session, const Outgoing& outgoing) DIAGSIM_REQUIRES(mutex_);
+
+    std::atomic<int> clientFd_{-1};  // written under mutex_
+
+    // Guards everything below, and gives the trace its order. Nothing blocks under it.
+    mutable Mutex mutex_{};
+    mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
+    std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
+    std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
+};
+
+}  // namespace diagsim
