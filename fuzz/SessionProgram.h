@@ -7,6 +7,7 @@
 #include "fuzz/Support.h"
 #include "fuzz/VirtualTime.h"
 #include "sim/Scenario.h"
+#include "sim/model/Request.h"
 
 namespace fuzz {
 
@@ -103,11 +104,8 @@ inline void readDriver(Feed& feed, Program& program) {
 }
 
 inline void readFault(Feed& feed, Program& program) {
-    static const char* const names[] = {
-        "message_masks", "event_report", "log_disable", "log_ranges",     "loopback",
-        "log_mask",      "start",        "stop",        "log_mask_clear", "unknown"};
-    diagsim::Fault& fault =
-        program.scenario.requests[names[feed.byte() % std::size(names)]].emplace_back();
+    const auto kind = static_cast<diagsim::RequestKind>(feed.byte() % diagsim::kRequestKinds);
+    diagsim::Fault& fault = program.scenario.requests[diagsim::requestKey(kind)].emplace_back();
     fault.on = {feed.byte() % 4 + 1};
     const uint8_t effect = feed.byte() % 8, amount = feed.byte();
     using Placement = diagsim::Fault::Placement;

@@ -13,18 +13,20 @@ namespace diagsim {
 // Operation word of a log configuration packet.
 enum LogOperation : uint32_t { kLogDisable = 0, kLogRanges = 1, kLogSetMask = 3 };
 
+// In the order of the table in Request.cpp.
 enum class RequestKind {
     kMessageMasks,
     kEventReport,
     kLogDisable,
     kLogRanges,
-    kLogMask,
-    kLogMaskClear,
     kLoopback,
+    kLogMask,
     kStart,
     kStop,
+    kLogMaskClear,
     kUnknown,
 };
+constexpr size_t kRequestKinds = 10;
 
 // One request as it came, decoded.
 struct Request {
@@ -38,13 +40,13 @@ struct Request {
 // has to match.
 Request decodeRequest(const Bytes& bytes, const Scenario::Ranges& ranges);
 
-// The request's name in a scenario file, e.g. "log_mask"; "unknown" for an unknown one.
+// The request's name in a scenario, e.g. "log_mask"; "unknown" for an unknown one.
 const char* requestKey(RequestKind kind);
 
 // The request's name for people, e.g. "log mask".
 const char* requestTitle(RequestKind kind);
 
-// Every name that a scenario may use, "any" included.
+// Every name that a scenario file may use, "any" included, in the order of RequestKind.
 const std::vector<std::string>& requestKeys();
 
 }  // namespace diagsim

@@ -17,7 +17,7 @@ import threading
 import time
 import unittest
 
-from expected import FAILED_INIT, HERE, PAUSE, Outcome, driver_cases, fault_cases, scenario_file
+from expected import FAILED_INIT, HERE, PAUSE, REQUESTS, Outcome, driver_cases, fault_cases, scenario_file
 
 CHECKER, PRELOAD = sys.argv[1:3]
 MARGIN = int(os.environ.get("E2E_MARGIN_MS", "100"))
@@ -121,9 +121,10 @@ class Checker(unittest.TestCase):
         self.each(driver_cases(), check)
 
     def test_a_misspelt_scenario_is_no_verdict(self):
-        run = Run({"requests": {"start": {"dorp": True}}})
+        run = Run({"requests": {"strat": {}}})
         self.assertEqual(run.status, 2, run)
-        self.assertRegex(run.errors, r'^diagsim: .*unknown key "dorp" in requests\.start')
+        known = re.search(r'^diagsim: .*unknown key "strat" in requests \(known: (.*), any\)$', run.errors, re.M)
+        self.assertEqual(set(known[1].split(", ")), set(REQUESTS), run)
 
     @unittest.skipIf(EMULATOR, "the wrapper runs one program")
     def test_the_example_prints_ten_values(self):
