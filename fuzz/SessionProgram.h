@@ -96,8 +96,9 @@ inline void readDriver(Feed& feed, Program& program) {
     scenario.deinit.result = (bits & 3) == 3 ? -1 : 1;
     scenario.masks.delayMs = std::array<int, 4>{0, 5, 19, 25}[bits >> 2 & 3];
     const unsigned mode = bits >> 4 & 3;
-    scenario.modeByPointer = mode == 0 || mode == 3;
-    scenario.modeByValue = mode == 1;
+    using Form = diagsim::Scenario::ModeForm;
+    scenario.modeForm =
+        std::array<Form, 4>{Form::kPointer, Form::kValue, Form::kNone, Form::kPointer}[mode];
     scenario.openErrno = mode == 3 ? EACCES : 0;
     scenario.adsp.periodUs = (bits & 64) != 0 ? 50000 : 0;
     program.harmless = scenario.masks.delayMs < 20 && mode < 2;

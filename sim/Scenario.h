@@ -56,6 +56,9 @@ struct Scenario {
     static constexpr size_t kEquipmentIds = 16;
     using Ranges = std::array<uint32_t, kEquipmentIds>;
 
+    // Which argument of the mode switch the driver takes.
+    enum class ModeForm { kPointer, kValue, kBoth, kNone };
+
     struct Masks {
         bool message = true;
         bool log = true;
@@ -83,8 +86,7 @@ struct Scenario {
 
     int openErrno = 0;  // 0: open succeeds
     Masks masks{};
-    bool modeByPointer = true;
-    bool modeByValue = false;
+    ModeForm modeForm = ModeForm::kPointer;
     int withdrawResult = 1;
     Deinit deinit{};
     uint16_t remoteMask = 0;
@@ -101,5 +103,16 @@ struct Scenario {
     // Reads the file. Throws ScenarioError, also when it cannot be opened.
     static Scenario load(const std::string& path);
 };
+
+// One key of a scenario file, as the tables of README.md have it.
+struct ScenarioKey {
+    std::string name{};      // e.g. "masks.delay_ms", "requests.<name>.drop"
+    std::string type{};      // e.g. "boolean", "hex", or the words to choose from
+    std::string standard{};  // what an absent key means
+    std::string meaning{};
+};
+
+// All keys, in the order of README.md.
+std::vector<ScenarioKey> scenarioKeys();
 
 }  // namespace diagsim

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
+#include <set>
 #include <stdexcept>
 
 #include "tests/SimSupport.h"
@@ -159,6 +161,23 @@ TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
     ASSERT_TRUE(device_.waitForTrace("log packet", 50, 10000));
     EXPECT_EQ(::close(fd_), 0);
     fd_ = -1;
+}
+
+TEST(ScenarioKeys, StandInTheTablesOfTheReadme) {
+    std::ifstream readme(TESTS_FOLDER "/../sim/README.md");
+    std::multiset<std::string> rows;
+    for (std::string line; std::getline(readme, line);) {
+        if (line.rfind("| `", 0) == 0 && occurrences(line, " |") == 4) rows.insert(line);
+    }
+    const std::string perRequest = "requests.<name>.";
+    for (const ScenarioKey& key : scenarioKeys()) {
+        const bool strip = key.name.rfind(perRequest, 0) == 0;
+        const std::string name = key.name.substr(strip ? perRequest.size() : 0);
+        const std::string row =
+            "| `" + name + "` | " + key.type + " | " + key.standard + " | " + key.meaning + " |";
+        EXPECT_EQ(rows.erase(row), 1u) << row;
+    }
+    EXPECT_EQ(rows, std::multiset<std::string>()) << "rows of no key";
 }
 
 TEST_F(Client, ScenarioMistakesAreNamed) {

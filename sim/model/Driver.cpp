@@ -257,8 +257,9 @@ Driver::Result Driver::switchMode(void* argument, Time now) {
     const std::string call =
         std::string("ioctl 7 logging mode by ") + (byValue ? "value: " : "pointer: ");
     const int mode = byValue ? static_cast<int>(value) : readFrom<LoggingMode>(argument);
-    const bool accepted = byValue ? scenario_.modeByValue : scenario_.modeByPointer;
-    if (!accepted) {
+    using Form = Scenario::ModeForm;
+    const Form form = byValue ? Form::kValue : Form::kPointer;
+    if (scenario_.modeForm != form && scenario_.modeForm != Form::kBoth) {
         return refuse(call + std::to_string(mode), EINVAL, "this form is not taken here");
     }
     return setMode(call + std::to_string(mode), mode, now);
