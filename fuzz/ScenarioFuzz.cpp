@@ -27,6 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } catch (const diagsim::ScenarioError& error) {
         const std::string text = error.what();
         mustHold(text.rfind("fuzz.json: ", 0) == 0, "the message begins with the file");
+        mustHold(text.find('\n') == std::string::npos, "the message is one line");
     }
     return 0;
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "json/JSOM.h"
@@ -15,6 +16,19 @@ namespace {
 
 using tavrik::JSOM;
 
+constexpr char kByteOrderMark[] = "\xEF\xBB\xBF";
+
+// "line 2, column 5" for the character at `at`; both count from 1.
+std::string lineAndColumn(const std::string& text, size_t at) {
+    const std::string before = text.substr(0, at);
+    const size_t lineBegin = before.rfind('\n') + 1;  // npos + 1 is 0
+    const auto line = 1 + std::count(before.begin(), before.end(), '\n');
+    const auto continuesCharacter = [](char c) { return (c & 0xC0) == 0x80; };
+    const auto column = 1 + std::count_if(before.begin() + static_cast<long>(lineBegin),
+                                          before.end(), std::not_fn(continuesCharacter));
+    return "line " + std::to_string(line) + ", column " + std::to_string(column);
+}
+
 // The tree of the one value that `text` is.
 JSOM readTree(const std::string& text, const std::string& name) {
     tavrik::JSONData* const node = new tavrik::JSONData;
@@ -25,10 +39,9 @@ JSOM readTree(const std::string& text, const std::string& name) {
     // Comments may follow, in which there is no value.
     tavrik::JSONData more;
     const bool nothingMore = valid && !more.setFromJsonString(position);
-    const auto end = text.begin() + (position - text.c_str());
-    if (nothingMore && end == text.end()) return tree;
-    throw ScenarioError(name + ": not valid JSON, line " +
-                        std::to_string(1 + std::count(text.begin(), end, '\n')) +
+    const auto end = static_cast<size_t>(position - text.c_str());
+    if (nothingMore && end == text.size()) return tree;
+    throw ScenarioError(name + ": not valid JSON, " + lineAndColumn(text, end) +
                         (valid ? ": text behind the end" : ""));
 }
 
@@ -126,7 +139,9 @@ std::vector<ScenarioKey> scenarioKeys() {
 
 Scenario Scenario::parse(const std::string& json, const std::string& nameForErrors) {
     Scenario scenario;
-    ScenarioSection top(readTree(json, nameForErrors), ScenarioSection::kTop, nameForErrors);
+    const bool marked = json.rfind(kByteOrderMark, 0) == 0;
+    const std::string text = json.substr(marked ? std::strlen(kByteOrderMark) : 0);
+    ScenarioSection top(readTree(text, nameForErrors), ScenarioSection::kTop, nameForErrors);
     visitScenario(top, scenario);
     top.finish();
     return scenario;

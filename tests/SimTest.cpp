@@ -198,8 +198,12 @@ TEST_F(Client, ScenarioMistakesAreNamed) {
         {R"({"open": {"errno": "EWHAT"}})",
          "f.json: open.errno: unknown value \"EWHAT\" (known: EACCES, "},
         {R"({"ranges": {"1": 18446744073709551615}})", "f.json: ranges.1: expected a whole number"},
-        {"{\n", "f.json: not valid JSON, line 2"},
-        {"{} // that is all\n{}", "f.json: not valid JSON, line 2: text behind the end"},
+        {R"({"requests": {"any": [{"drop": true, "on": [1], "drop": false}]}})",
+         "f.json: duplicate key \"drop\" in requests.any[0]"},
+        {R"({"a\nb": 1})", R"(f.json: unknown key "a\nb" in)"},
+        {"\xEF\xBB\xBF{\n\t\"\xC3\xA4\": tru}", "f.json: not valid JSON, line 2, column 10"},
+        {"{\n", "f.json: not valid JSON, line 2, column 1"},
+        {"{} // that is all\nx", "f.json: not valid JSON, line 2, column 1: text behind the end"},
     };
     for (const auto& [json, expected] : mistakes) {
         EXPECT_EQ(message(json).rfind(expected, 0), 0u) << json << " gives " << message(json);

@@ -1,6 +1,7 @@
 #include "sim/model/ScenarioSection.h"
 
 #include <algorithm>
+#include <set>
 
 #include "sim/model/ErrnoName.h"
 #include "sim/model/Request.h"
@@ -10,6 +11,8 @@ namespace {
 
 using tavrik::JSOM;
 
+constexpr size_t kLongestQuote = 60;
+
 std::string join(const std::vector<std::string>& words) {
     std::string list;
     for (const std::string& word : words)
@@ -17,18 +20,39 @@ std::string join(const std::vector<std::string>& words) {
     return list;
 }
 
+// As it stood in the file, on one line.
+std::string shorten(const std::string& quote) {
+    return quote.size() <= kLongestQuote ? quote : quote.substr(0, kLongestQuote) + "...";
+}
+
+std::string quoted(const std::string& key) {
+    std::string quote;
+    tavrik::JSONData::quoteJsonString(key, quote);
+    return shorten(quote);
+}
+
 }  // namespace
 
 ScenarioSection::ScenarioSection(const JSOM& value, std::string where, const std::string& file)
     : value_(value), where_(std::move(where)), file_(file) {
     if (!value.isObject()) fail("in " + where_ + ": expected an object");
+    refuseDuplicates();
+}
+
+// The JSON layer keeps all members of a key, of which the last one would count.
+void ScenarioSection::refuseDuplicates() const {
+    std::set<std::string> keys;
+    for (int i = 0; i < value_.size(); ++i) {
+        const std::string key = value_.key(i);
+        if (!keys.insert(key).second) fail("duplicate key " + quoted(key) + " in " + where_);
+    }
 }
 
 void ScenarioSection::finish() const {
     for (int i = 0; i < value_.size(); ++i) {
         const std::string key = value_.key(i);
         if (std::find(known_.begin(), known_.end(), key) != known_.end()) continue;
-        fail("unknown key \"" + key + "\" in " + where_ + " (known: " + join(known_) + ")");
+        fail("unknown key " + quoted(key) + " in " + where_ + " (known: " + join(known_) + ")");
     }
 }
 
@@ -164,7 +188,7 @@ void ScenarioSection::unknownWord(const char* key, const JSOM& value,
                                   const std::string& words) const {
     std::string text;
     value.toCompactString(text);
-    fail(place(key) + ": unknown value " + text + " (known: " + words + ")");
+    fail(place(key) + ": unknown value " + shorten(text) + " (known: " + words + ")");
 }
 
 }  // namespace diagsim

@@ -20,7 +20,7 @@ class ScenarioSection {
     static constexpr const char* kTop = "the scenario";
 
     // `where` is kTop or the path of keys to this object. `file` stands for the scenario in
-    // messages and outlives the section. Throws when `value` is no object.
+    // messages and outlives the section. Throws when `value` is no object, or has a key twice.
     ScenarioSection(const tavrik::JSOM& value, std::string where, const std::string& file);
 
     void flag(const char* key, bool& out, const char* meaning);
@@ -77,6 +77,7 @@ class ScenarioSection {
 
     // The value of `key`, which counts as known from now on; without a node when it is absent.
     tavrik::JSOM take(const char* key);
+    void refuseDuplicates() const;
     std::optional<int64_t> readNumber(const char* key, Limits limits);
     std::optional<size_t> readChoice(const char* key, const std::vector<std::string>& words);
     std::vector<Fault> readFaults(const tavrik::JSOM& value, const std::string& where) const;
