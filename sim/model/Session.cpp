@@ -35,11 +35,12 @@ std::unique_ptr<Session> Session::create(int flags) {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return nullptr;
     auto session = std::make_unique<Session>();
+    // The lowest free number is the client's, as open() gives it.
     session->client_.reset(ends[0]);
-    session->device_.reset(ends[1]);
-    session->wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    session->device_ = aboveStandardStreams(UniqueFd(ends[1]));
+    session->wake_ = aboveStandardStreams(UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
     if (session->wake_.get() < 0) return nullptr;
-    setsockopt(ends[1], SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+    setsockopt(session->device_.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
     if ((flags & O_NONBLOCK) != 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
     return session;
 }

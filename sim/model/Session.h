@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "sim/Bytes.h"
-#include "sim/mount/Libc.h"
+#include "sim/mount/UniqueFd.h"
 
 namespace diagsim {
 

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace diagsim {
 
@@ -22,9 +23,10 @@ void Trace::beginClock() {
 }
 
 void Trace::openFile() {
-    file_.reset(path_ == "-"
-                    ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
-                    : Libc::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    UniqueFd file(path_ == "-"
+                      ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
+                      : Libc::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    file_ = aboveStandardStreams(std::move(file));
     if (file_.get() >= 0) return;
     std::fprintf(stderr, "diagsim: cannot write the trace to %s: %s\n", path_.c_str(),
                  std::strerror(errno));

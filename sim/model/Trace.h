@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/mount/Libc.h"
+#include "sim/mount/UniqueFd.h"
 
 namespace diagsim {
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "sim/mount/Libc.h"
+#include "sim/mount/UniqueFd.h"
 
 namespace diagsim {
 

@@ -16,34 +16,4 @@ struct Libc {
     static int close(int fd);
 };
 
-// Owns one descriptor and closes it past the interception. Not copied, moved only.
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int descriptor) : fd_(descriptor) {}
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        reset(other.release());
-        return *this;
-    }
-    ~UniqueFd() { reset(); }
-
-    int get() const { return fd_; }
-    int release() {
-        const int released = fd_;
-        fd_ = -1;
-        return released;
-    }
-    // Closes what is owned and takes over `descriptor`. The result is that of close; 0 where
-    // nothing was.
-    int reset(int descriptor = -1) {
-        const int result = fd_ >= 0 ? Libc::close(fd_) : 0;
-        fd_ = descriptor;
-        return result;
-    }
-
-  private:
-    int fd_ = -1;
-};
-
 }  // namespace diagsim
