@@ -159,6 +159,8 @@ void Node::serve(Session& session) {
 bool Node::pump(Session& session, Session::Wait& next) {
     MutexLock lock(mutex_);
     if (session_.get() != &session) return false;
+    while (const std::optional<Bytes> stray = session.takeStray())
+        trace_.line("host", describe("written past write()", *stray) + " => lost");
     deliverDue(session, next);
     return true;
 }

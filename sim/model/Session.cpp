@@ -18,6 +18,8 @@ namespace {
 // Room for a burst of small buffers, and for a message that fills the largest read.
 constexpr int kSendBuffer = 1 << 20;
 
+constexpr size_t kLongestStray = 1024;
+
 timespec timeLeft(Session::Time until) {
     using std::chrono::nanoseconds;
     const auto left =
@@ -78,11 +80,23 @@ int Session::close() {
 void Session::wake() { eventfd_write(wake_.get(), 1); }
 
 void Session::wait(const Wait& wait) {
-    pollfd fds[] = {{wake_.get(), POLLIN, 0}, {wait.room ? device_.get() : -1, POLLOUT, 0}};
+    const int events = (watchesStrays_ ? POLLIN : 0) | (wait.room ? POLLOUT : 0);
+    // Without an event to wait for, a hang-up would be reported again and again.
+    pollfd fds[] = {{wake_.get(), POLLIN, 0},
+                    {events != 0 ? device_.get() : -1, static_cast<short>(events), 0}};
     const timespec left = wait.until ? timeLeft(*wait.until) : timespec{};
     ppoll(fds, 2, wait.until ? &left : nullptr, nullptr);
     eventfd_t count;
     eventfd_read(wake_.get(), &count);
+}
+
+std::optional<Bytes> Session::takeStray() {
+    Bytes stray(kLongestStray);
+    const ssize_t length = recv(device_.get(), stray.data(), stray.size(), MSG_DONTWAIT);
+    if (length == 0) watchesStrays_ = false;
+    if (length <= 0) return std::nullopt;
+    stray.resize(static_cast<size_t>(length));
+    return stray;
 }
 
 Session::Sent Session::send(const Bytes& buffer) {

@@ -49,6 +49,9 @@ class Session {
     void wake();
     void wait(const Wait& wait);
 
+    // What the client has written past write(), one message of it, cut to a kilobyte.
+    std::optional<Bytes> takeStray();
+
     // Sends one message without blocking.
     Sent send(const Bytes& buffer);
 
@@ -63,6 +66,7 @@ class Session {
     UniqueFd client_{};
     UniqueFd device_{};
     UniqueFd wake_{};
+    bool watchesStrays_ = true;  // false once the client's end was closed past close()
     std::thread thread_{};
 };
 
