@@ -106,6 +106,10 @@ int Device::close(int fd) {
     return static_cast<int>(asSystemCall([&] { return state_->node.close(fd); }));
 }
 
+ssize_t Device::read(int fd, void* data, size_t length) {
+    return asSystemCall([&] { return state_->node.read(fd, data, length); });
+}
+
 ssize_t Device::write(int fd, const void* data, size_t length) {
     const auto* const bytes = static_cast<const uint8_t*>(data);
     return asSystemCall([&] { return state_->node.write(fd, Bytes(bytes, bytes + length)); });

@@ -13,7 +13,8 @@
 namespace diagsim {
 
 // One per process, never destroyed: the device thread may outlive main(). All functions may be
-// called by any thread; none blocks but waitForTrace() and close(), which joins the device thread.
+// called by any thread; none blocks but waitForTrace(), read(), which is the kernel's own, and
+// close(), which joins the device thread.
 //
 // Every open of the node has one device thread; it delivers due buffers in time order and is joined
 // by close. There is one client at a time.
@@ -77,12 +78,13 @@ class Device {
     // The path that replaces `path`; empty for none.
     std::string redirected(const char* path) const;
 
-    // Whether the descriptor is the client's. No locks: every write of the process asks.
+    // Whether the descriptor is the client's. No locks: every read and write of the process asks.
     bool owns(int fd) const;
 
     // The calls on the node, with results and errno as the system calls have them.
     int open(int flags);
     int close(int fd);
+    ssize_t read(int fd, void* data, size_t length);
     ssize_t write(int fd, const void* data, size_t length);
     int ioctl(int fd, unsigned long request, void* argument);
 

@@ -104,6 +104,29 @@ TEST_F(Client, RefusesWhatTheDriverRefuses) {
         << testing::PrintToString(device_.trace());
 }
 
+TEST_F(Client, HasTheAccessAndTheFlagsThatItAskedFor) {
+    device_.plug({});
+    fd_ = ::open("/dev/diag", O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(readBuffer().size(), 12u);
+    EXPECT_EQ(send(kEventReport), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(switchMode(6), 1) << "any access will do";
+    EXPECT_EQ(::fcntl(fd_, F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(::fcntl(fd_, F_GETFL) & O_NONBLOCK, 0);
+    ::close(fd_);
+    fd_ = ::open("/dev/diag", O_WRONLY | O_NONBLOCK);
+    char byte = 0;
+    EXPECT_EQ(::read(fd_, &byte, 1), -1);
+    EXPECT_EQ(errno, EBADF);
+    EXPECT_EQ(send({0x4B}, 3), 0);
+    EXPECT_EQ(::fcntl(fd_, F_GETFD), 0);
+    EXPECT_EQ(::fcntl(fd_, F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+    for (const char* line :
+         {"open /dev/diag (O_RDONLY|O_CLOEXEC) => ok", "open /dev/diag (O_WRONLY|O_NONBLOCK) => ok",
+          "EBADF (refused: opened with O_RDONLY)"})
+        EXPECT_TRUE(device_.waitForTrace(line, 1, 0)) << line;
+}
+
 TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
     start("{}");
     Bytes wrongCount = logMask(0x20);

@@ -1,5 +1,7 @@
 #include "sim/model/Driver.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,6 +9,7 @@
 #include "sim/Wire.h"
 #include "sim/model/ErrnoName.h"
 #include "sim/model/IoctlRecords.h"
+#include "sim/model/OpenFlags.h"
 
 namespace diagsim {
 namespace {
@@ -28,6 +31,8 @@ T readFrom(const void* address) {
     return value;
 }
 
+std::string openCall(int flags) { return "open /dev/diag (" + openFlagsName(flags) + ')'; }
+
 Bytes messageMasks() { return {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}; }
 Bytes logMasks() { return {2, 0, 0, 0, 1, 0, 0, 0, 0xA4, 6, 0, 0, 0, 0, 0, 0}; }
 Bytes eventMasks() { return {4, 0, 0, 0, 0, 0, 0, 0}; }
@@ -48,12 +53,18 @@ Driver::Result Driver::succeed(const std::string& call, long value) {
     return {value, value < 0 ? EIO : 0};
 }
 
-Driver::Result Driver::open(Time now) {
-    const std::string call = "open /dev/diag";
-    if (scenario_.openErrno != 0) return refuse(call, scenario_.openErrno, "");
+Driver::Result Driver::refuseOpen(int flags, int error, const std::string& reason) {
+    return refuse(openCall(flags), error, reason);
+}
+
+Driver::Result Driver::open(int flags, int fd, Time now) {
+    if (scenario_.openErrno != 0) return refuseOpen(flags, scenario_.openErrno, "");
+    flags_ = flags;
     mode_ = kUsbMode;
     gone_ = false;
-    trace_.line(kHost, call + " => ok");
+    const bool standard = fd <= STDERR_FILENO;
+    const std::string remark = standard ? " (as descriptor " + std::to_string(fd) + ')' : "";
+    trace_.line(kHost, openCall(flags) + " => ok" + remark);
     const Scenario::Masks& masks = scenario_.masks;
     const Time due = now + std::chrono::milliseconds(masks.delayMs);
     if (masks.message) enqueue(wholeBuffer(kDriver, "message masks", messageMasks()), due);
@@ -66,7 +77,7 @@ Driver::Result Driver::open(Time now) {
         enqueue(wholeBuffer(kDriver, "raw buffer", buffer), due);
     }
     restartLogs(now);
-    return {};
+    return {fd, 0};
 }
 
 void Driver::close() {
@@ -128,7 +139,14 @@ std::optional<Driver::Time> Driver::nextDue() const {
 
 // --- write ---
 
+Driver::Result Driver::refuseRead() {
+    return refuse("read", EBADF, "opened with " + accessName(flags_));
+}
+
 Driver::Result Driver::write(const Bytes& data, Time now) {
+    if (!mayWrite(flags_)) {
+        return refuse(describe("write", data), EBADF, "opened with " + accessName(flags_));
+    }
     if (gone_) return refuse(describe("write", data), ENODEV, "");
     if (data.size() < kTypeSize) {
         return refuse(describe("write", data), EINVAL, "shorter than a data type");

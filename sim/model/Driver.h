@@ -30,11 +30,16 @@ class Driver {
     // `trace` outlives the driver.
     Driver(const Scenario& scenario, Trace& trace);
 
-    // Begins a session: logging mode 1, the masks on their way. A negative value: refused.
-    Result open(Time now);
+    // Begins a session of a client whose open() had these flags and returns `fd`: logging mode 1,
+    // the masks on their way. The value is `fd`, or negative: refused.
+    Result open(int flags, int fd, Time now);
+    Result refuseOpen(int flags, int error, const std::string& reason);
 
     // Ends the session; what was not delivered is dropped.
     void close();
+
+    // A read of a descriptor that was opened without the right to.
+    Result refuseRead();
 
     // The node's write and ioctl.
     Result write(const Bytes& data, Time now);
@@ -86,6 +91,7 @@ class Driver {
     Trace& trace_;
     Adsp adsp_;
 
+    int flags_ = 0;  // the client's
     int mode_ = 1;
     bool gone_ = false;
     std::multimap<Time, Outgoing> queue_{};  // equal times stay in the order of insertion

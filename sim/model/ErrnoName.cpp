@@ -14,6 +14,7 @@ constexpr Named kNamed[] = {
     {EACCES, "EACCES"}, {ENOENT, "ENOENT"}, {EBUSY, "EBUSY"},   {ENODEV, "ENODEV"},
     {EIO, "EIO"},       {EPERM, "EPERM"},   {EINVAL, "EINVAL"}, {ENOTTY, "ENOTTY"},
     {EFAULT, "EFAULT"}, {EAGAIN, "EAGAIN"}, {ENOMEM, "ENOMEM"}, {EINTR, "EINTR"},
+    {EBADF, "EBADF"},
 };
 
 }  // namespace

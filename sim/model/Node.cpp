@@ -4,6 +4,9 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "sim/model/OpenFlags.h"
+#include "sim/mount/Libc.h"
+
 namespace diagsim {
 namespace {
 
@@ -93,13 +96,10 @@ Driver::Result Node::open(int flags) {
 
 Driver::Result Node::openLocked(int flags) {
     trace_.beginClock();
-    if (session_) {
-        trace_.line("host", "open /dev/diag => -1 EBUSY (refused: open already)");
-        return {-1, EBUSY};
-    }
+    if (session_) return driver_->refuseOpen(flags, EBUSY, "open already");
     std::unique_ptr<Session> session = Session::create(flags);
     if (!session) return {-1, errno};
-    const Driver::Result result = driver_->open(now());
+    const Driver::Result result = driver_->open(flags, session->clientFd(), now());
     if (result.value < 0) return result;
     // Before the thread exists: masks that are due are there when open returns, and come first.
     Session::Wait next;
@@ -111,8 +111,9 @@ Driver::Result Node::openLocked(int flags) {
         return {-1, error};
     }
     session_ = std::move(session);
+    readable_ = mayRead(flags);
     clientFd_.store(session_->clientFd(), std::memory_order_release);
-    return {session_->clientFd(), 0};
+    return result;
 }
 
 Driver::Result Node::close(int fd) {
@@ -129,6 +130,15 @@ Driver::Result Node::close(int fd) {
     session->join();
     const int result = session->close();
     return {result, result == 0 ? 0 : errno};
+}
+
+Driver::Result Node::read(int fd, void* data, size_t length) {
+    if (!readable_) {
+        MutexLock lock(mutex_);
+        return isClient(fd) ? driver_->refuseRead() : Driver::Result{-1, EBADF};
+    }
+    const ssize_t count = Libc::read(fd, data, length);
+    return {count, count < 0 ? errno : 0};
 }
 
 Driver::Result Node::write(int fd, const Bytes& data) {

@@ -40,6 +40,7 @@ class Node {
 
     Driver::Result open(int flags);
     Driver::Result close(int fd);
+    Driver::Result read(int fd, void* data, size_t length);
     Driver::Result write(int fd, const Bytes& data);
     Driver::Result ioctl(int fd, unsigned long request, void* argument);
 
@@ -54,7 +55,9 @@ class Node {
     // False: no room at present.
     bool deliverOne(Session& session, const Outgoing& outgoing) DIAGSIM_REQUIRES(mutex_);
 
-    std::atomic<int> clientFd_{-1};  // written under mutex_
+    // Of the client, written under mutex_.
+    std::atomic<bool> readable_{false};
+    std::atomic<int> clientFd_{-1};
 
     // Guards everything below, and gives the trace its order. Nothing blocks under it.
     mutable Mutex mutex_{};

@@ -43,7 +43,8 @@ std::unique_ptr<Session> Session::create(int flags) {
     session->wake_ = aboveStandardStreams(UniqueFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)));
     if (session->wake_.get() < 0) return nullptr;
     setsockopt(session->device_.get(), SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
-    if ((flags & O_NONBLOCK) != 0) fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    fcntl(ends[0], F_SETFD, flags & O_CLOEXEC ? FD_CLOEXEC : 0);
+    fcntl(ends[0], F_SETFL, flags & (O_NONBLOCK | O_APPEND));
     return session;
 }
 

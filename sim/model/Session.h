@@ -33,8 +33,9 @@ class Session {
         bool room = false;  // also until a blocked send may succeed
     };
 
-    // Creates the sockets; `flags` are those of open(), of which O_NONBLOCK counts. Null, with
-    // errno set, when the system has no descriptors left.
+    // Creates the sockets. The client's end has of `flags`, those of open(), what a descriptor
+    // keeps: O_CLOEXEC, O_NONBLOCK, O_APPEND; as a socket it has no access mode. Null, with errno
+    // set, when the system has no descriptors left.
     static std::unique_ptr<Session> create(int flags);
 
     // Starts the device thread, with all signals blocked. False, with errno set, when it cannot.

@@ -60,8 +60,7 @@ void onInitDone(void* userdata) {
 
 void onOpen(fuse_req_t request, fuse_file_info* file) {
     Device& device = Device::instance();
-    // Never blocking here: only the kernel's client waits.
-    const int fd = device.open((file->flags & ~O_NONBLOCK) | O_CLOEXEC);
+    const int fd = device.open(static_cast<int>(file->flags));
     if (fd < 0) {
         fuse_reply_err(request, errno);
         return;

@@ -13,6 +13,7 @@
 extern "C" {
 __attribute__((weak)) int __interceptor_open(const char*, int, ...);
 __attribute__((weak)) int __interceptor_open64(const char*, int, ...);
+__attribute__((weak)) ssize_t __interceptor_read(int, void*, size_t);
 __attribute__((weak)) ssize_t __interceptor_write(int, const void*, size_t);
 __attribute__((weak)) int __interceptor_ioctl(int, unsigned long, ...);
 __attribute__((weak)) int __interceptor_close(int);
@@ -55,6 +56,8 @@ class Next {
 Next nextOpen("open");
 Next nextOpen64("open64");
 Next nextOpenat("openat");
+Next nextRead("read");
+Next nextReadChecked("__read_chk");
 Next nextWrite("write");
 Next nextIoctl("ioctl");
 Next nextClose("close");
@@ -71,6 +74,15 @@ int Libc::open64(const char* path, int flags, mode_t mode) {
 
 int Libc::openat(int directory, const char* path, int flags, mode_t mode) {
     return nextOpenat.get<int(int, const char*, int, ...)>(nullptr)(directory, path, flags, mode);
+}
+
+ssize_t Libc::read(int fd, void* data, size_t length) {
+    return nextRead.get<ssize_t(int, void*, size_t)>(DIAGSIM_WRAPPER(read))(fd, data, length);
+}
+
+ssize_t Libc::readChecked(int fd, void* data, size_t length, size_t room) {
+    return nextReadChecked.get<ssize_t(int, void*, size_t, size_t)>(nullptr)(fd, data, length,
+                                                                             room);
 }
 
 ssize_t Libc::write(int fd, const void* data, size_t length) {

@@ -1,5 +1,5 @@
-// The intercepted functions: open of the node, and write, ioctl and close of its descriptor, go to
-// the model; everything else goes on to the C library. read is the kernel's own.
+// The intercepted functions: open of the node, and read, write, ioctl and close of its descriptor,
+// go to the model; everything else goes on to the C library.
 
 // The C library's fortified headers would define some of these functions inline, and its large-file
 // and 64-bit-time settings would rename them.
@@ -101,6 +101,17 @@ DIAGSIM_EXPORT int __open64_2(const char* path, int flags) { return openLargeFil
 
 DIAGSIM_EXPORT int __openat_2(int directory, const char* path, int flags) {
     return openFileAt(directory, path, flags, 0);
+}
+
+DIAGSIM_EXPORT ssize_t read(int fd, void* data, size_t length) {
+    Device& device = Device::instance();
+    return device.owns(fd) ? device.read(fd, data, length) : Libc::read(fd, data, length);
+}
+
+// What fortified callers use.
+DIAGSIM_EXPORT ssize_t __read_chk(int fd, void* data, size_t length, size_t room) {
+    const bool fits = length <= room;
+    return fits ? read(fd, data, length) : Libc::readChecked(fd, data, length, room);
 }
 
 DIAGSIM_EXPORT ssize_t write(int fd, const void* data, size_t length) {
