@@ -153,6 +153,20 @@ TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
     EXPECT_EQ(::poll(&more, 1, 400), 0);
 }
 
+TEST_F(Client, TheLoggingModeOutlivesItsClient) {
+    start(R"({"adsp": {"collecting": true, "ignore_log_mask": true}})");
+    ::close(fd_);
+    fd_ = ::open("/dev/diag", O_RDWR);
+    for (uint8_t type : {1, 2, 4})
+        EXPECT_EQ(readBuffer().at(0), type);
+    EXPECT_EQ(readFrames().at(0).at(0), 0x10) << "a log packet, though no mode was asked for";
+    EXPECT_EQ(switchMode(1), 1);
+    ::close(fd_);
+    fd_ = -1;
+    EXPECT_TRUE(device_.waitForTrace("close => 0 (left in callback mode)", 1, 0));
+    EXPECT_FALSE(device_.waitForTrace("close => 0 (left in callback mode)", 2, 0));
+}
+
 TEST_F(Client, OtherFilesAreOpenedAsTheyWere) {
     const std::string name = testing::TempDir() + "SimTest" + std::to_string(getpid());
     fd_ = ::open(name.c_str(), O_CREAT | O_RDWR, 0400);

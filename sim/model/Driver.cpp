@@ -60,7 +60,6 @@ Driver::Result Driver::refuseOpen(int flags, int error, const std::string& reaso
 Driver::Result Driver::open(int flags, int fd, Time now) {
     if (scenario_.openErrno != 0) return refuseOpen(flags, scenario_.openErrno, "");
     flags_ = flags;
-    mode_ = kUsbMode;
     gone_ = false;
     const bool standard = fd <= STDERR_FILENO;
     const std::string remark = standard ? " (as descriptor " + std::to_string(fd) + ')' : "";
@@ -77,23 +76,37 @@ Driver::Result Driver::open(int flags, int fd, Time now) {
         enqueue(wholeBuffer(kDriver, "raw buffer", buffer), due);
     }
     restartLogs(now);
+    restartStrays(now);
     return {fd, 0};
 }
 
 void Driver::close() {
+    const bool left = mode_ == kCallbackMode;
+    trace_.line(kHost, std::string("close => 0") + (left ? " (left in callback mode)" : ""));
+    dropQueue();
+}
+
+void Driver::vanish() {
+    dropQueue();
+    mode_ = kUsbMode;
+    gone_ = true;
+}
+
+void Driver::dropQueue() {
     queue_.clear();
     nextLog_.reset();
     nextStray_.reset();
 }
 
-void Driver::vanish() {
-    close();
-    gone_ = true;
-}
-
 void Driver::restartLogs(Time now) {
     nextLog_.reset();
     if (adsp_.collecting()) nextLog_ = now + adsp_.period();
+}
+
+void Driver::restartStrays(Time now) {
+    nextStray_.reset();
+    const int period = scenario_.unsolicited.periodUs;
+    if (mode_ == kCallbackMode && period > 0) nextStray_ = now + std::chrono::microseconds(period);
 }
 
 // --- queue ---
@@ -288,11 +301,7 @@ Driver::Result Driver::setMode(const std::string& call, int mode, Time now) {
         return refuse(call, EINVAL, "no such mode");
     }
     mode_ = mode;
-    nextStray_.reset();
-    const int strayPeriod = scenario_.unsolicited.periodUs;
-    if (mode == kCallbackMode && strayPeriod > 0) {
-        nextStray_ = now + std::chrono::microseconds(strayPeriod);
-    }
+    restartStrays(now);
     return succeed(call, 1);
 }
 

@@ -30,12 +30,13 @@ class Driver {
     // `trace` outlives the driver.
     Driver(const Scenario& scenario, Trace& trace);
 
-    // Begins a session of a client whose open() had these flags and returns `fd`: logging mode 1,
-    // the masks on their way. The value is `fd`, or negative: refused.
+    // Begins a session of a client whose open() had these flags and returns `fd`: the masks are on
+    // their way, the logging mode is what the last client left (at first 1). The value is `fd`, or
+    // negative: refused.
     Result open(int flags, int fd, Time now);
     Result refuseOpen(int flags, int error, const std::string& reason);
 
-    // Ends the session; what was not delivered is dropped.
+    // Ends the session; what was not delivered is dropped. The logging mode stays.
     void close();
 
     // A read of a descriptor that was opened without the right to.
@@ -61,7 +62,7 @@ class Driver {
     // When there is something to do next; nothing: not before a call.
     std::optional<Time> nextDue() const;
 
-    // From now on every write and ioctl fails with ENODEV.
+    // From now on every write and ioctl fails with ENODEV. What comes back is in logging mode 1.
     void vanish();
 
     // A log packet as the ADSP would send it now.
@@ -77,6 +78,8 @@ class Driver {
     const Fault& pickFault(const std::string& key);
     Result failWrite(const std::string& call, const Fault& fault);
     void restartLogs(Time now);
+    void restartStrays(Time now);
+    void dropQueue();
 
     Result registerTables(void* argument);
     Result switchMode(void* argument, Time now);

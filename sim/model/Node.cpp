@@ -124,7 +124,6 @@ Driver::Result Node::close(int fd) {
         session = std::move(session_);
         clientFd_.store(-1, std::memory_order_release);
         driver_->close();
-        trace_.line("host", "close => 0");
         session->wake();
     }
     session->join();
