@@ -2,14 +2,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <set>
 #include <stdexcept>
+#include <thread>
 
 #include "tests/SimSupport.h"
 
@@ -215,6 +220,58 @@ TEST(ScenarioKeys, StandInTheTablesOfTheReadme) {
         EXPECT_EQ(rows.erase(row), 1u) << row;
     }
     EXPECT_EQ(rows, std::multiset<std::string>()) << "rows of no key";
+}
+
+// A thread that is blocked in a read of the node until signals end it.
+class BlockedReader {
+  public:
+    explicit BlockedReader(int fd) : thread_([this, fd] { read(fd); }) {
+        eventually([this] { return stateOf(id_) == 'S'; });
+    }
+    ~BlockedReader() { interrupt(); }
+    bool ended() const { return error_ >= 0; }
+    // Its errno, 0 for a read that succeeded.
+    int interrupt() {
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        while (!ended()) {
+            pthread_kill(thread_.native_handle(), SIGUSR1);
+            std::this_thread::yield();
+        }
+        if (thread_.joinable()) thread_.join();
+        return error_;
+    }
+
+  private:
+    void read(int fd) {
+        char byte;
+        id_ = static_cast<int>(syscall(SYS_gettid));
+        error_ = ::read(fd, &byte, 1) < 0 ? errno : 0;
+    }
+    static char stateOf(int id) {
+        std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
+        const std::string text{std::istreambuf_iterator<char>(status), {}};
+        const size_t name = text.rfind(')');
+        return name == std::string::npos ? ' ' : text[name + 2];
+    }
+
+    std::atomic<int> id_{0}, error_{-1};
+    std::thread thread_;
+};
+
+TEST_F(Client, CloseLeavesABlockedReadBlocked) {
+    start("{}");
+    const long descriptors = openDescriptors() - 3;  // the client's, the device's, the wake-up
+    BlockedReader reader(fd_);
+    ASSERT_EQ(::close(fd_), 0);
+    start("{}");
+    EXPECT_EQ(ask(kEventReport).size(), 3u) << "the next session has its answers";
+    ASSERT_EQ(::close(fd_), 0);
+    fd_ = -1;
+    EXPECT_FALSE(reader.ended());
+    EXPECT_EQ(reader.interrupt(), EINTR);
+    EXPECT_EQ(openDescriptors(), descriptors);
 }
 
 TEST_F(Client, ScenarioMistakesAreNamed) {

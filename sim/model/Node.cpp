@@ -1,5 +1,6 @@
 #include "sim/model/Node.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
@@ -96,6 +97,7 @@ Driver::Result Node::open(int flags) {
 
 Driver::Result Node::openLocked(int flags) {
     trace_.beginClock();
+    dropEndedReads();
     if (session_) return driver_->refuseOpen(flags, EBUSY, "open already");
     std::unique_ptr<Session> session = Session::create(flags);
     if (!session) return {-1, errno};
@@ -128,7 +130,20 @@ Driver::Result Node::close(int fd) {
     }
     session->join();
     const int result = session->close();
-    return {result, result == 0 ? 0 : errno};
+    const int error = result == 0 ? 0 : errno;
+    MutexLock lock(mutex_);
+    closed_.push_back(std::move(session));
+    // In this order: a read that ends from now on drops the session, one that has ended is seen
+    // here.
+    anyClosed_ = true;
+    dropEndedReads();
+    return {result, error};
+}
+
+void Node::dropEndedReads() {
+    const auto ended = [](const std::unique_ptr<Session>& session) { return !session->isRead(); };
+    closed_.erase(std::remove_if(closed_.begin(), closed_.end(), ended), closed_.end());
+    anyClosed_ = !closed_.empty();
 }
 
 Driver::Result Node::read(int fd, void* data, size_t length) {
@@ -137,7 +152,12 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
         return isClient(fd) ? driver_->refuseRead() : Driver::Result{-1, EBADF};
     }
     const ssize_t count = Libc::read(fd, data, length);
-    return {count, count < 0 ? errno : 0};
+    const int error = count < 0 ? errno : 0;
+    if (anyClosed_) {
+        MutexLock lock(mutex_);
+        dropEndedReads();
+    }
+    return {count, error};
 }
 
 Driver::Result Node::write(int fd, const Bytes& data) {

@@ -48,6 +48,9 @@ class Node {
     Driver::Result openLocked(int flags) DIAGSIM_REQUIRES(mutex_);
     bool isClient(int fd) const DIAGSIM_REQUIRES(mutex_);
 
+    // Lets go of closed sessions that nobody reads any more.
+    void dropEndedReads() DIAGSIM_REQUIRES(mutex_);
+
     void serve(Session& session);
     bool pump(Session& session, Session::Wait& next);
     // Delivers what is due; `next` is what to wait for then.
@@ -58,12 +61,15 @@ class Node {
     // Of the client, written under mutex_.
     std::atomic<bool> readable_{false};
     std::atomic<int> clientFd_{-1};
+    std::atomic<bool> anyClosed_{false};  // whether closed_ has sessions; written under mutex_
 
     // Guards everything below, and gives the trace its order. Nothing blocks under it.
     mutable Mutex mutex_{};
     mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
     std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
+    // Their clients closed them with a thread blocked in read().
+    std::vector<std::unique_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
 };
 
 }  // namespace diagsim

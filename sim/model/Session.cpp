@@ -74,8 +74,14 @@ void Session::join() {
 }
 
 int Session::close() {
-    device_.reset();
+    wake_.reset();
     return client_.reset();
+}
+
+bool Session::isRead() const {
+    // The kernel closes a file when the last call that uses it has ended.
+    pollfd end{device_.get(), 0, 0};
+    return device_.get() >= 0 && poll(&end, 1, 0) == 0;
 }
 
 void Session::wake() { eventfd_write(wake_.get(), 1); }

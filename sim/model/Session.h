@@ -16,7 +16,8 @@ namespace diagsim {
 // join() the functions send(), failRead(), hangUp() and wait() belong to the device thread. wake()
 // may be called by any thread.
 //
-// Stopping: the owner makes the thread's body return, calls wake(), then join(), then closes.
+// Stopping: the owner makes the thread's body return, calls wake(), then join(), then close(), and
+// keeps the object while isRead(): with it the device's end goes, and a blocked read gets 0.
 class Session {
   public:
     using Time = std::chrono::steady_clock::time_point;
@@ -44,8 +45,12 @@ class Session {
 
     int clientFd() const { return client_.get(); }
 
-    // Closes both ends; a client that still blocks in read() gets 0. The result is that of close().
+    // Closes the client's end, the device's stays: a read in which another thread is blocked goes
+    // on, as with a driver, until a signal ends it. The result is that of close().
     int close();
+
+    // After close(): whether there still is such a read. Its end is not reported to anybody.
+    bool isRead() const;
 
     void wake();
     void wait(const Wait& wait);
