@@ -59,6 +59,9 @@ struct Scenario {
     // Which argument of the mode switch the driver takes.
     enum class ModeForm { kPointer, kValue, kBoth, kNone };
 
+    struct Write {
+        int eintr = 0;
+    };
     struct Masks {
         bool message = true;
         bool log = true;
@@ -85,6 +88,9 @@ struct Scenario {
     };
 
     int openErrno = 0;  // 0: open succeeds
+    int openEintr = 0;
+    Write write{};
+    int ioctlEintr = 0;
     Masks masks{};
     ModeForm modeForm = ModeForm::kPointer;
     int withdrawResult = 1;

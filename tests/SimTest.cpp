@@ -132,6 +132,24 @@ TEST_F(Client, HasTheAccessAndTheFlagsThatItAskedFor) {
         EXPECT_TRUE(device_.waitForTrace(line, 1, 0)) << line;
 }
 
+TEST_F(Client, InterruptedCallsDoNothing) {
+    device_.plug(Scenario::parse(
+        R"({"open": {"eintr": 2}, "write": {"eintr": 1}, "ioctl": {"eintr": 1},
+            "requests": {"event_report": {"on": [1], "short": 1}}})",
+        "test.json"));
+    const auto interrupted = [](long result) { return result == -1 && errno == EINTR; };
+    EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
+    EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
+    fd_ = ::open("/dev/diag", O_RDWR);
+    for (uint8_t type : {1, 2, 4})
+        ASSERT_EQ(readBuffer().at(0), type);
+    EXPECT_TRUE(interrupted(switchMode(6)));
+    EXPECT_TRUE(interrupted(::ioctl(fd_, 9, 0))) << "each ioctl";
+    EXPECT_EQ(switchMode(6), 1);
+    EXPECT_TRUE(interrupted(send(kEventReport)));
+    EXPECT_EQ(ask(kEventReport).size(), 1u) << "still the first request";
+}
+
 TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
     start("{}");
     Bytes wrongCount = logMask(0x20);

@@ -53,11 +53,18 @@ Driver::Result Driver::succeed(const std::string& call, long value) {
     return {value, value < 0 ? EIO : 0};
 }
 
+bool Driver::interrupts(int& calls, int count) {
+    if (calls >= count) return false;
+    ++calls;
+    return true;
+}
+
 Driver::Result Driver::refuseOpen(int flags, int error, const std::string& reason) {
     return refuse(openCall(flags), error, reason);
 }
 
 Driver::Result Driver::open(int flags, int fd, Time now) {
+    if (interrupts(interruptedOpens_, scenario_.openEintr)) return refuseOpen(flags, EINTR, "");
     if (scenario_.openErrno != 0) return refuseOpen(flags, scenario_.openErrno, "");
     flags_ = flags;
     gone_ = false;
@@ -161,6 +168,9 @@ Driver::Result Driver::write(const Bytes& data, Time now) {
         return refuse(describe("write", data), EBADF, "opened with " + accessName(flags_));
     }
     if (gone_) return refuse(describe("write", data), ENODEV, "");
+    if (interrupts(interruptedWrites_, scenario_.write.eintr)) {
+        return refuse(describe("write", data), EINTR, "");
+    }
     if (data.size() < kTypeSize) {
         return refuse(describe("write", data), EINVAL, "shorter than a data type");
     }
@@ -250,6 +260,9 @@ Driver::Result Driver::failWrite(const std::string& call, const Fault& fault) {
 Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
     const std::string call = "ioctl " + std::to_string(request);
     if (gone_) return refuse(call, ENODEV, "");
+    if (interrupts(interruptedIoctls_[request], scenario_.ioctlEintr)) {
+        return refuse(call, EINTR, "");
+    }
     switch (request) {
         case kRegisterTables:
             return registerTables(argument);

@@ -71,6 +71,8 @@ class Driver {
   private:
     Result refuse(const std::string& call, int error, const std::string& reason);
     Result succeed(const std::string& call, long value);
+    // Whether a signal interrupts this call, being one of the first `count`.
+    static bool interrupts(int& calls, int count);
 
     Result callbackData(const Bytes& data, Time now);
     Result remoteRequest(const Bytes& payload, uint32_t processor);
@@ -101,6 +103,9 @@ class Driver {
     std::optional<Time> nextLog_{};
     std::optional<Time> nextStray_{};
     std::map<std::string, int> occurrences_{};  // of each request, and of "any"
+    int interruptedOpens_ = 0;
+    int interruptedWrites_ = 0;
+    std::map<unsigned long, int> interruptedIoctls_{};  // by number
     uint16_t delayedResponses_ = 0;
 };
 

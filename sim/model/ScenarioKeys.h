@@ -19,6 +19,7 @@ struct Limits {
 constexpr Limits kWord{0, std::numeric_limits<uint32_t>::max()};
 constexpr Limits kInt{std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()};
 constexpr Limits kCount{0, std::numeric_limits<int32_t>::max()};
+constexpr Limits kCalls{0, 100000};
 constexpr Limits kHourMs{0, 3600 * 1000};
 constexpr Limits kMinuteUs{0, 60 * 1000 * 1000};
 
@@ -93,6 +94,16 @@ template <typename Keys>
 void visitDriver(Keys& keys, Scenario& scenario) {
     keys.section("open", [&](Keys& open) {
         open.errorNumber("errno", scenario.openErrno, "every open fails with it");
+        open.number("eintr", scenario.openEintr, kCalls,
+                    "the first so many opens fail with EINTR; counted since plug()");
+    });
+    keys.section("write", [&](Keys& write) {
+        write.number("eintr", scenario.write.eintr, kCalls,
+                     "the first so many writes fail with EINTR and transfer nothing");
+    });
+    keys.section("ioctl", [&](Keys& ioctl) {
+        ioctl.number("eintr", scenario.ioctlEintr, kCalls,
+                     "of each ioctl the first so many calls fail with EINTR and do nothing");
     });
     keys.section("masks", [&](Keys& masks) {
         masks.flag("message", scenario.masks.message, "the message masks come after an open");
@@ -101,7 +112,7 @@ void visitDriver(Keys& keys, Scenario& scenario) {
         masks.number("delay_ms", scenario.masks.delayMs, kHourMs,
                      "delay of the masks, and of everything that follows them");
     });
-    keys.number("empty_reads", scenario.emptyReads, {0, 100000},
+    keys.number("empty_reads", scenario.emptyReads, kCalls,
                 "so many reads of 0 bytes after the masks");
     keys.hexes("at_open", scenario.atOpen,
                "whole buffers, data type included, behind those, in any mode");
