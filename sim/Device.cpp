@@ -120,4 +120,6 @@ int Device::ioctl(int fd, unsigned long request, void* argument) {
         asSystemCall([&] { return state_->node.ioctl(fd, request, argument); }));
 }
 
+void Device::received(int fd) { state_->node.received(fd); }
+
 }  // namespace diagsim

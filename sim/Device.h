@@ -88,6 +88,9 @@ class Device {
     ssize_t write(int fd, const void* data, size_t length);
     int ioctl(int fd, unsigned long request, void* argument);
 
+    // Counts a message that a mount has taken from the descriptor by other means than read().
+    void received(int fd);
+
   private:
     struct State;
 

@@ -98,6 +98,7 @@ struct Scenario {
     uint16_t remoteMask = 0;
     std::vector<Bytes> atOpen{};
     int emptyReads = 0;
+    int queueLimit = 0;  // 0: none
     Unsolicited unsolicited{};
     Ranges ranges{{0, 1700, 0, 0, 2400, 1200, 0, 1024, 0, 0, 512, 3000, 0, 0, 0, 0}};
     Dsp adsp{};

@@ -190,6 +190,19 @@ TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     EXPECT_FALSE(device_.waitForTrace("close => 0 (left in callback mode)", 2, 0));
 }
 
+TEST_F(Client, LosesWhatItsQueueHasNoRoomFor) {
+    start(R"({"queue_limit": 3,
+        "requests": {"event_report": {"on": [1], "log_behind": "own_buffer", "log_count": 10}}})");
+    ASSERT_EQ(send(kEventReport), 0);
+    EXPECT_TRUE(device_.waitForTrace("=> lost, queue full (8 so far)", 1, patience));
+    for (uint8_t command : {0x60, 0x10, 0x10})
+        EXPECT_EQ(readFrames().at(0).at(0), command);
+    EXPECT_EQ(ask(kEventReport).at(0), 0x60) << "room again, and nothing else unread";
+    ::close(fd_);
+    fd_ = -1;
+    EXPECT_EQ(device_.trace().back(), "host    close => 0 (left in callback mode, 8 buffers lost)");
+}
+
 TEST_F(Client, OtherFilesAreOpenedAsTheyWere) {
     const std::string name = testing::TempDir() + "SimTest" + std::to_string(getpid());
     fd_ = ::open(name.c_str(), O_CREAT | O_RDWR, 0400);

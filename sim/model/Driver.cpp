@@ -68,6 +68,7 @@ Driver::Result Driver::open(int flags, int fd, Time now) {
     if (scenario_.openErrno != 0) return refuseOpen(flags, scenario_.openErrno, "");
     flags_ = flags;
     gone_ = false;
+    lost_ = 0;
     const bool standard = fd <= STDERR_FILENO;
     const std::string remark = standard ? " (as descriptor " + std::to_string(fd) + ')' : "";
     trace_.line(kHost, openCall(flags) + " => ok" + remark);
@@ -88,8 +89,11 @@ Driver::Result Driver::open(int flags, int fd, Time now) {
 }
 
 void Driver::close() {
-    const bool left = mode_ == kCallbackMode;
-    trace_.line(kHost, std::string("close => 0") + (left ? " (left in callback mode)" : ""));
+    std::string remarks;
+    if (mode_ == kCallbackMode) remarks = "left in callback mode";
+    if (lost_ > 0)
+        remarks += (remarks.empty() ? "" : ", ") + std::to_string(lost_) + " buffers lost";
+    trace_.line(kHost, "close => 0" + (remarks.empty() ? "" : " (" + remarks + ')'));
     dropQueue();
 }
 
@@ -146,6 +150,19 @@ const Outgoing* Driver::due(Time now) {
         pop();
     }
     return nullptr;
+}
+
+bool Driver::isLimited(const Outgoing& outgoing) const {
+    return scenario_.queueLimit > 0 && outgoing.callbackModeOnly;
+}
+
+bool Driver::hasRoom(const Outgoing& outgoing, size_t unread) const {
+    return !isLimited(outgoing) || unread < static_cast<size_t>(scenario_.queueLimit);
+}
+
+std::optional<std::string> Driver::lose(const Outgoing& outgoing) {
+    if (!isLimited(outgoing)) return std::nullopt;
+    return " => lost, queue full (" + std::to_string(++lost_) + " so far)";
 }
 
 std::optional<Driver::Time> Driver::nextDue() const {

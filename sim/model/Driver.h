@@ -59,6 +59,13 @@ class Driver {
     // Removes what due() returned.
     void pop() { queue_.erase(queue_.begin()); }
 
+    // Whether this buffer may join so many that the client has not read.
+    bool hasRoom(const Outgoing& outgoing, size_t unread) const;
+
+    // Counts a buffer for which there is no room, and returns what the trace says of it. Nothing:
+    // it is not lost, but waits for room.
+    std::optional<std::string> lose(const Outgoing& outgoing);
+
     // When there is something to do next; nothing: not before a call.
     std::optional<Time> nextDue() const;
 
@@ -82,6 +89,7 @@ class Driver {
     void restartLogs(Time now);
     void restartStrays(Time now);
     void dropQueue();
+    bool isLimited(const Outgoing& outgoing) const;
 
     Result registerTables(void* argument);
     Result switchMode(void* argument, Time now);
@@ -100,6 +108,7 @@ class Driver {
     int mode_ = 1;
     bool gone_ = false;
     std::multimap<Time, Outgoing> queue_{};  // equal times stay in the order of insertion
+    size_t lost_ = 0;                        // since open
     std::optional<Time> nextLog_{};
     std::optional<Time> nextStray_{};
     std::map<std::string, int> occurrences_{};  // of each request, and of "any"

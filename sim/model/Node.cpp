@@ -24,6 +24,7 @@ void Node::plug(const Scenario& scenario) {
     MutexLock lock(mutex_);
     if (session_) throw std::logic_error("diagsim: plugged in while a client is open");
     driver_ = std::make_unique<Driver>(scenario, trace_);
+    countsReads_ = scenario.queueLimit > 0;
     trace_.restart();
 }
 
@@ -103,6 +104,8 @@ Driver::Result Node::openLocked(int flags) {
     if (!session) return {-1, errno};
     const Driver::Result result = driver_->open(flags, session->clientFd(), now());
     if (result.value < 0) return result;
+    ++opens_;
+    reads_ = 0;
     // Before the thread exists: masks that are due are there when open returns, and come first.
     Session::Wait next;
     deliverDue(*session, next);
@@ -151,13 +154,23 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
         MutexLock lock(mutex_);
         return isClient(fd) ? driver_->refuseRead() : Driver::Result{-1, EBADF};
     }
+    const unsigned client = opens_;
     const ssize_t count = Libc::read(fd, data, length);
     const int error = count < 0 ? errno : 0;
+    // A thread that was blocked through a close may be late.
+    if (countsReads_ && count >= 0 && length > 0 && client == opens_) received(fd);
     if (anyClosed_) {
         MutexLock lock(mutex_);
         dropEndedReads();
     }
     return {count, error};
+}
+
+void Node::received(int fd) {
+    MutexLock lock(mutex_);
+    if (!isClient(fd)) return;
+    ++reads_;
+    session_->wake();
 }
 
 Driver::Result Node::write(int fd, const Bytes& data) {
@@ -211,10 +224,10 @@ void Node::deliverDue(Session& session, Session::Wait& next) {
 }
 
 bool Node::deliverOne(Session& session, const Outgoing& outgoing) {
-    Session::Sent sent = Session::Sent::kYes;
+    std::optional<std::string> suffix = "";
     switch (outgoing.action) {
         case Outgoing::Action::kBuffer:
-            sent = session.send(outgoing.bytes);
+            suffix = send(session, outgoing);
             break;
         case Outgoing::Action::kFailRead:
             session.failRead();
@@ -223,11 +236,24 @@ bool Node::deliverOne(Session& session, const Outgoing& outgoing) {
             session.hangUp();
             break;
     }
-    if (sent == Session::Sent::kBlocked) return false;
-    const char* const suffix = sent == Session::Sent::kLost ? " => lost, not readable" : "";
+    if (!suffix) return false;
     for (const std::string& line : outgoing.lines)
-        trace_.line(outgoing.who, line + suffix);
+        trace_.line(outgoing.who, line + *suffix);
     return true;
 }
+
+std::optional<std::string> Node::send(Session& session, const Outgoing& outgoing) {
+    if (!driver_->hasRoom(outgoing, unread(session))) return driver_->lose(outgoing);
+    switch (session.send(outgoing.bytes)) {
+        case Session::Sent::kBlocked:
+            return driver_->lose(outgoing);
+        case Session::Sent::kLost:
+            return " => lost, not readable";
+        default:
+            return "";
+    }
+}
+
+size_t Node::unread(const Session& session) const { return session.sent() - reads_; }
 
 }  // namespace diagsim

@@ -41,6 +41,7 @@ class Node {
     Driver::Result open(int flags);
     Driver::Result close(int fd);
     Driver::Result read(int fd, void* data, size_t length);
+    void received(int fd);
     Driver::Result write(int fd, const Bytes& data);
     Driver::Result ioctl(int fd, unsigned long request, void* argument);
 
@@ -57,17 +58,25 @@ class Node {
     void deliverDue(Session& session, Session::Wait& next) DIAGSIM_REQUIRES(mutex_);
     // False: no room at present.
     bool deliverOne(Session& session, const Outgoing& outgoing) DIAGSIM_REQUIRES(mutex_);
+    // What the trace says behind the lines of a buffer; nothing: no room at present.
+    std::optional<std::string> send(Session& session, const Outgoing& outgoing)
+        DIAGSIM_REQUIRES(mutex_);
+    // How many buffers the client has yet to read.
+    size_t unread(const Session& session) const DIAGSIM_REQUIRES(mutex_);
 
     // Of the client, written under mutex_.
     std::atomic<bool> readable_{false};
+    std::atomic<unsigned> opens_{0};  // tells one client from the next
     std::atomic<int> clientFd_{-1};
-    std::atomic<bool> anyClosed_{false};  // whether closed_ has sessions; written under mutex_
+    std::atomic<bool> anyClosed_{false};    // whether closed_ has sessions; written under mutex_
+    std::atomic<bool> countsReads_{false};  // whether the scenario wants it; written under mutex_
 
     // Guards everything below, and gives the trace its order. Nothing blocks under it.
     mutable Mutex mutex_{};
     mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
     std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
+    size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;  // of the client, while they are counted
     // Their clients closed them with a thread blocked in read().
     std::vector<std::unique_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
 };

@@ -116,6 +116,9 @@ void visitDriver(Keys& keys, Scenario& scenario) {
                 "so many reads of 0 bytes after the masks");
     keys.hexes("at_open", scenario.atOpen,
                "whole buffers, data type included, behind those, in any mode");
+    keys.number("queue_limit", scenario.queueLimit, kCalls,
+                "so many buffers stand unread at most; user-space data that comes meanwhile is "
+                "lost, and counted in the trace; 0: no limit");
     keys.section("mode_switch", [&](Keys& modeSwitch) {
         modeSwitch.choice("accepts", scenario.modeForm, kModeForms,
                           "the forms of ioctl 7 that are taken; an argument below 4096 is a value");

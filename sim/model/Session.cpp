@@ -110,6 +110,7 @@ Session::Sent Session::send(const Bytes& buffer) {
     if (device_.get() < 0) return Sent::kLost;
     const ssize_t sent =
         ::send(device_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (sent >= 0) ++sent_;
     if (sent >= 0) return Sent::kYes;
     return errno == EAGAIN || errno == ENOBUFS ? Sent::kBlocked : Sent::kLost;
 }

@@ -60,6 +60,8 @@ class Session {
 
     // Sends one message without blocking.
     Sent send(const Bytes& buffer);
+    // How many were sent.
+    size_t sent() const { return sent_; }
 
     // Lets the client's blocked read fail with ECONNRESET; later reads return what was unread, then
     // 0.
@@ -72,6 +74,7 @@ class Session {
     UniqueFd client_{};
     UniqueFd device_{};
     UniqueFd wake_{};
+    size_t sent_ = 0;
     bool watchesStrays_ = true;  // false once the client's end was closed past close()
     std::thread thread_{};
 };

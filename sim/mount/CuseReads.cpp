@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "sim/Device.h"
+
 namespace diagsim {
 
 namespace {
@@ -100,6 +102,7 @@ bool CuseReads::answer(const Read& read) {
     if (length < 0) {
         fuse_reply_err(read.request, errno);
     } else {
+        Device::instance().received(fd_);
         fuse_reply_buf(read.request, message_.data(), static_cast<size_t>(length));
     }
     return true;
