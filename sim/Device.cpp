@@ -120,6 +120,12 @@ int Device::ioctl(int fd, unsigned long request, void* argument) {
         asSystemCall([&] { return state_->node.ioctl(fd, request, argument); }));
 }
 
+std::shared_ptr<Gate> Device::advance(int fd, PendingWrite& write) {
+    return state_->node.advance(fd, write);
+}
+
+void Device::abandon(PendingWrite& write, int error) { state_->node.abandon(write, error); }
+
 void Device::received(int fd) { state_->node.received(fd); }
 
 }  // namespace diagsim

@@ -12,9 +12,12 @@
 
 namespace diagsim {
 
+class Gate;
+struct PendingWrite;
+
 // One per process, never destroyed: the device thread may outlive main(). All functions may be
-// called by any thread; none blocks but waitForTrace(), read(), which is the kernel's own, and
-// close(), which joins the device thread.
+// called by any thread; none blocks but waitForTrace(), read(), which is the kernel's own, write(),
+// where the scenario says so, and close(), which joins the device thread.
 //
 // Every open of the node has one device thread; it delivers due buffers in time order and is joined
 // by close. There is one client at a time.
@@ -87,6 +90,13 @@ class Device {
     ssize_t read(int fd, void* data, size_t length);
     ssize_t write(int fd, const void* data, size_t length);
     int ioctl(int fd, unsigned long request, void* argument);
+
+    // write() for a mount that must not block. Returns the gate at which to wait before the next
+    // advance(), or null when the write has its result.
+    std::shared_ptr<Gate> advance(int fd, PendingWrite& write);
+
+    // Ends a write that waits and has no result yet: it gets this errno.
+    void abandon(PendingWrite& write, int error);
 
     // Counts a message that a mount has taken from the descriptor by other means than read().
     void received(int fd);

@@ -61,6 +61,8 @@ struct Scenario {
 
     struct Write {
         int eintr = 0;
+        bool blocksUntilRead = false;
+        bool returnsAfterRead = false;
     };
     struct Masks {
         bool message = true;

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -253,15 +254,20 @@ TEST(ScenarioKeys, StandInTheTablesOfTheReadme) {
     EXPECT_EQ(rows, std::multiset<std::string>()) << "rows of no key";
 }
 
-// A thread that is blocked in a read of the node until signals end it.
-class BlockedReader {
+// A call on a thread of its own, which is made while the object is and blocks.
+class BlockedCall {
   public:
-    explicit BlockedReader(int fd) : thread_([this, fd] { read(fd); }) {
-        eventually([this] { return stateOf(id_) == 'S'; });
+    explicit BlockedCall(std::function<long()> call) : thread_([=] { make(call); }) {
+        eventually([this] { return ended() || stateOf(id_) == 'S'; });
     }
-    ~BlockedReader() { interrupt(); }
+    ~BlockedCall() { interrupt(); }
     bool ended() const { return error_ >= 0; }
-    // Its errno, 0 for a read that succeeded.
+    // The call's errno, 0 for success.
+    int error() {
+        if (thread_.joinable()) thread_.join();
+        return error_;
+    }
+    // Signals until the call ends.
     int interrupt() {
         struct sigaction action {};
         action.sa_handler = [](int) {};
@@ -270,15 +276,13 @@ class BlockedReader {
             pthread_kill(thread_.native_handle(), SIGUSR1);
             std::this_thread::yield();
         }
-        if (thread_.joinable()) thread_.join();
-        return error_;
+        return error();
     }
 
   private:
-    void read(int fd) {
-        char byte;
+    void make(const std::function<long()>& call) {
         id_ = static_cast<int>(syscall(SYS_gettid));
-        error_ = ::read(fd, &byte, 1) < 0 ? errno : 0;
+        error_ = call() < 0 ? errno : 0;
     }
     static char stateOf(int id) {
         std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
@@ -294,7 +298,8 @@ class BlockedReader {
 TEST_F(Client, CloseLeavesABlockedReadBlocked) {
     start("{}");
     const long descriptors = openDescriptors() - 3;  // the client's, the device's, the wake-up
-    BlockedReader reader(fd_);
+    char byte;
+    BlockedCall reader([&, node = fd_] { return ::read(node, &byte, 1); });
     ASSERT_EQ(::close(fd_), 0);
     start("{}");
     EXPECT_EQ(ask(kEventReport).size(), 3u) << "the next session has its answers";
@@ -303,6 +308,59 @@ TEST_F(Client, CloseLeavesABlockedReadBlocked) {
     EXPECT_FALSE(reader.ended());
     EXPECT_EQ(reader.interrupt(), EINTR);
     EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+TEST_F(Client, AWriteWaitsUntilTheClientHasReadEverything) {
+    start(R"({"write": {"blocks_until_read": true},
+        "requests": {"event_report": {"on": [2], "delay_ms": 100, "hang_up": true}}})");
+    const auto waits = [this](int count) {
+        return device_.waitForTrace("write waits", count, patience);
+    };
+    const auto write = [this] { return send(kEventReport); };
+    device_.deliverFrame({1});
+    device_.deliverFrame({2});
+    BlockedCall whole(write);
+    ASSERT_TRUE(waits(1));
+    EXPECT_EQ(readFrames().at(0), Bytes{1});
+    EXPECT_FALSE(device_.waitForTrace("event report request", 1, 0)) << "one stands unread";
+    EXPECT_EQ(readFrames().at(0), Bytes{2});
+    EXPECT_EQ(whole.error(), 0);
+    EXPECT_EQ(readFrames().at(0).at(0), 0x60);
+
+    device_.deliverFrame({3});
+    BlockedCall interrupted(write);
+    ASSERT_TRUE(waits(2));
+    EXPECT_EQ(interrupted.interrupt(), EINTR);
+    fcntl(fd_, F_SETFL, O_NONBLOCK);
+    EXPECT_TRUE(send(kEventReport) == -1 && errno == EAGAIN);
+    fcntl(fd_, F_SETFL, 0);
+    EXPECT_EQ(readFrames().at(0), Bytes{3});
+
+    ASSERT_EQ(send(kEventReport), 0) << "the second request, after which the device goes";
+    device_.deliverFrame({4});
+    BlockedCall gone(write);
+    EXPECT_EQ(gone.error(), ENODEV);
+    ::close(fd_);
+
+    start(R"({"write": {"blocks_until_read": true}})");
+    device_.deliverFrame({5});
+    BlockedCall closed(write);
+    ASSERT_TRUE(waits(1));
+    ::close(fd_);
+    fd_ = -1;
+    EXPECT_EQ(closed.error(), EBADF);
+}
+
+TEST_F(Client, AWriteReturnsWhenItsAnswerHasBeenRead) {
+    start(R"({"write": {"returns_after_read": true}})");
+    BlockedCall write([this] { return send(kEventReport); });
+    ASSERT_TRUE(device_.waitForTrace("event report response", 1, patience));
+    EXPECT_FALSE(write.ended());
+    EXPECT_EQ(readFrames().at(0).at(0), 0x60);
+    EXPECT_EQ(write.error(), 0);
+    BlockedCall interrupted([this] { return send(kEventReport); });
+    ASSERT_TRUE(device_.waitForTrace("event report response", 2, patience));
+    EXPECT_EQ(interrupted.interrupt(), 0) << "the driver has taken it";
 }
 
 TEST_F(Client, ScenarioMistakesAreNamed) {

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "sim/Wire.h"
 #include "sim/model/ErrnoName.h"
 #include "sim/model/IoctlRecords.h"
-#include "sim/model/OpenFlags.h"
 
 namespace diagsim {
 namespace {
@@ -178,6 +178,16 @@ std::optional<Driver::Time> Driver::nextDue() const {
 
 Driver::Result Driver::refuseRead() {
     return refuse("read", EBADF, "opened with " + accessName(flags_));
+}
+
+void Driver::tellThatWriteWaits(size_t unread, Time now) {
+    const auto undelivered = std::distance(queue_.begin(), queue_.upper_bound(now));
+    const size_t all = unread + static_cast<size_t>(undelivered);
+    trace_.line(kHost, "write waits, unread buffers: " + std::to_string(all));
+}
+
+Driver::Result Driver::abandonWrite(const Bytes& data, int error) {
+    return refuse(describe("write", data), error, "while it waited");
 }
 
 Driver::Result Driver::write(const Bytes& data, Time now) {

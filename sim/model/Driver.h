@@ -10,6 +10,7 @@
 #include "sim/Scenario.h"
 #include "sim/model/Adsp.h"
 #include "sim/model/Delivery.h"
+#include "sim/model/OpenFlags.h"
 #include "sim/model/Trace.h"
 
 namespace diagsim {
@@ -41,6 +42,13 @@ class Driver {
 
     // A read of a descriptor that was opened without the right to.
     Result refuseRead();
+
+    // Whether writes wait, before they are taken and after, while something stands unread.
+    bool writesBlock() const { return scenario_.write.blocksUntilRead && mayWrite(flags_); }
+    bool writesLinger() const { return scenario_.write.returnsAfterRead; }
+    void tellThatWriteWaits(size_t unread, Time now);
+    // A write that was given up while it waited.
+    Result abandonWrite(const Bytes& data, int error);
 
     // The node's write and ioctl.
     Result write(const Bytes& data, Time now);

@@ -1,9 +1,12 @@
 #include "sim/model/Node.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
+#include <utility>
 
 #include "sim/model/OpenFlags.h"
 #include "sim/mount/Libc.h"
@@ -24,7 +27,8 @@ void Node::plug(const Scenario& scenario) {
     MutexLock lock(mutex_);
     if (session_) throw std::logic_error("diagsim: plugged in while a client is open");
     driver_ = std::make_unique<Driver>(scenario, trace_);
-    countsReads_ = scenario.queueLimit > 0;
+    const Scenario::Write& write = scenario.write;
+    countsReads_ = scenario.queueLimit > 0 || write.blocksUntilRead || write.returnsAfterRead;
     trace_.restart();
 }
 
@@ -129,6 +133,7 @@ Driver::Result Node::close(int fd) {
         session = std::move(session_);
         clientFd_.store(-1, std::memory_order_release);
         driver_->close();
+        openGates();
         session->wake();
     }
     session->join();
@@ -173,12 +178,57 @@ void Node::received(int fd) {
     session_->wake();
 }
 
-Driver::Result Node::write(int fd, const Bytes& data) {
+Driver::Result Node::write(int fd, Bytes data) {
+    PendingWrite write{std::move(data)};
+    while (const std::shared_ptr<Gate> gate = advance(fd, write)) {
+        const bool blocks = (fcntl(fd, F_GETFL) & O_NONBLOCK) == 0;
+        if (blocks && gate->wait()) continue;
+        if (!write.result) abandon(write, blocks ? EINTR : EAGAIN);
+        break;
+    }
+    return *write.result;
+}
+
+std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
     MutexLock lock(mutex_);
-    if (!isClient(fd)) return {-1, EBADF};
-    const Driver::Result result = driver_->write(data, now());
-    session_->wake();
-    return result;
+    if (write.client == 0) write.client = opens_;
+    if (!isClient(fd) || write.client != opens_) {
+        if (!write.result) write.result = Driver::Result{-1, EBADF};
+        return nullptr;
+    }
+    if (!write.result) {
+        const bool blocks = driver_->writesBlock() && standsUnread();
+        if (const auto gate = blocks ? makeGate() : nullptr) return gate;
+        write.result = driver_->write(write.data, now());
+        session_->wake();
+    }
+    const bool lingers = driver_->writesLinger() && write.result->value >= 0;
+    return lingers && standsUnread() ? makeGate() : nullptr;
+}
+
+void Node::abandon(PendingWrite& write, int error) {
+    MutexLock lock(mutex_);
+    write.result = driver_->abandonWrite(write.data, error);
+}
+
+bool Node::standsUnread() {
+    if (!readable_ || !session_->delivers()) return false;
+    return unread(*session_) > 0 || driver_->due(now()) != nullptr;
+}
+
+std::shared_ptr<Gate> Node::makeGate() {
+    auto gate = std::make_shared<Gate>();
+    if (!gate->valid()) return nullptr;
+    driver_->tellThatWriteWaits(unread(*session_), now());
+    gates_.push_back(gate);
+    return gate;
+}
+
+void Node::openGates() {
+    for (const std::weak_ptr<Gate>& one : gates_) {
+        if (const std::shared_ptr<Gate> gate = one.lock()) gate->open();
+    }
+    gates_.clear();
 }
 
 Driver::Result Node::ioctl(int fd, unsigned long request, void* argument) {
@@ -204,6 +254,7 @@ bool Node::pump(Session& session, Session::Wait& next) {
     while (const std::optional<Bytes> stray = session.takeStray())
         trace_.line("host", describe("written past write()", *stray) + " => lost");
     deliverDue(session, next);
+    if (!gates_.empty() && !standsUnread()) openGates();
     return true;
 }
 

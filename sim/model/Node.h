@@ -3,17 +3,26 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "sim/Bytes.h"
 #include "sim/Scenario.h"
 #include "sim/model/Driver.h"
+#include "sim/model/Gate.h"
 #include "sim/model/Mutex.h"
 #include "sim/model/Session.h"
 #include "sim/model/Trace.h"
 
 namespace diagsim {
+
+// A write on its way: it may have to wait before the driver takes it, and after.
+struct PendingWrite {
+    const Bytes data;
+    unsigned client = 0;                     // whose it is, once it was advanced
+    std::optional<Driver::Result> result{};  // once the driver has taken or refused it
+};
 
 // The public functions have the contracts of their namesakes in Device; calls on the node return
 // their errno instead of setting it. All take the mutex but owns(), so none is called with it held.
@@ -42,12 +51,19 @@ class Node {
     Driver::Result close(int fd);
     Driver::Result read(int fd, void* data, size_t length);
     void received(int fd);
-    Driver::Result write(int fd, const Bytes& data);
+    Driver::Result write(int fd, Bytes data);
+    std::shared_ptr<Gate> advance(int fd, PendingWrite& write);
+    void abandon(PendingWrite& write, int error);
     Driver::Result ioctl(int fd, unsigned long request, void* argument);
 
   private:
     Driver::Result openLocked(int flags) DIAGSIM_REQUIRES(mutex_);
     bool isClient(int fd) const DIAGSIM_REQUIRES(mutex_);
+
+    // Whether anything that is due has not been read.
+    bool standsUnread() DIAGSIM_REQUIRES(mutex_);
+    std::shared_ptr<Gate> makeGate() DIAGSIM_REQUIRES(mutex_);
+    void openGates() DIAGSIM_REQUIRES(mutex_);
 
     // Lets go of closed sessions that nobody reads any more.
     void dropEndedReads() DIAGSIM_REQUIRES(mutex_);
@@ -77,6 +93,7 @@ class Node {
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
     std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
     size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;  // of the client, while they are counted
+    std::vector<std::weak_ptr<Gate>> gates_ DIAGSIM_GUARDED_BY(mutex_){};  // of waiting writes
     // Their clients closed them with a thread blocked in read().
     std::vector<std::unique_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
 };

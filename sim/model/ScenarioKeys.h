@@ -100,6 +100,12 @@ void visitDriver(Keys& keys, Scenario& scenario) {
     keys.section("write", [&](Keys& write) {
         write.number("eintr", scenario.write.eintr, kCalls,
                      "the first so many writes fail with EINTR and transfer nothing");
+        write.flag("blocks_until_read", scenario.write.blocksUntilRead,
+                   "a write waits, before anything is transferred, until the client has read "
+                   "everything; see below");
+        write.flag("returns_after_read", scenario.write.returnsAfterRead,
+                   "a write that was taken returns when the client has read everything, an "
+                   "immediate answer included; see below");
     });
     keys.section("ioctl", [&](Keys& ioctl) {
         ioctl.number("eintr", scenario.ioctlEintr, kCalls,

@@ -45,6 +45,9 @@ class Session {
 
     int clientFd() const { return client_.get(); }
 
+    // False after failRead() and hangUp().
+    bool delivers() const { return device_.get() >= 0; }
+
     // Closes the client's end, the device's stays: a read in which another thread is blocked goes
     // on, as with a driver, until a signal ends it. The result is that of close().
     int close();
