@@ -14,7 +14,7 @@
 
 #include "sim/Device.h"
 #include "sim/model/IoctlRecords.h"
-#include "sim/mount/CuseReads.h"
+#include "sim/mount/CuseCalls.h"
 
 namespace diagsim {
 namespace {
@@ -25,7 +25,7 @@ constexpr unsigned kMaxTransfer = 128 * 1024;
 struct Client {
     explicit Client(int descriptor) : fd(descriptor), reads(descriptor) {}
     const int fd;
-    CuseReads reads;
+    CuseCalls reads;
 };
 
 // What the calls work on, all of which come on the thread of the session's loop.

@@ -1,4 +1,4 @@
-#include "sim/mount/CuseReads.h"
+#include "sim/mount/CuseCalls.h"
 
 #include <poll.h>
 #include <pthread.h>
@@ -34,13 +34,13 @@ class SignalsBlocked {
 
 }  // namespace
 
-CuseReads::CuseReads(int fd) : fd_(fd), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+CuseCalls::CuseCalls(int fd) : fd_(fd), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wake_.get() < 0) throw std::system_error(errno, std::generic_category());
     const SignalsBlocked blocked;
     thread_ = std::thread([this] { run(); });
 }
 
-CuseReads::~CuseReads() {
+CuseCalls::~CuseCalls() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         closing_ = true;
@@ -52,7 +52,7 @@ CuseReads::~CuseReads() {
     thread_.join();
 }
 
-void CuseReads::add(fuse_req_t request, size_t size, bool waits) {
+void CuseCalls::add(fuse_req_t request, size_t size, bool waits) {
     // First, and without the mutex: where the signal came before the request, this calls back.
     fuse_req_interrupt_func(request, onInterrupt, this);
     const bool interrupted = fuse_req_interrupted(request) != 0;
@@ -67,8 +67,8 @@ void CuseReads::add(fuse_req_t request, size_t size, bool waits) {
     wake();
 }
 
-void CuseReads::onInterrupt(fuse_req_t request, void* self) {
-    CuseReads& reads = *static_cast<CuseReads*>(self);
+void CuseCalls::onInterrupt(fuse_req_t request, void* self) {
+    CuseCalls& reads = *static_cast<CuseCalls*>(self);
     std::lock_guard<std::mutex> guard(reads.mutex_);
     const auto found = std::find_if(reads.waiting_.begin(), reads.waiting_.end(),
                                     [=](const Read& read) { return read.request == request; });
@@ -77,7 +77,7 @@ void CuseReads::onInterrupt(fuse_req_t request, void* self) {
     fuse_reply_err(request, EINTR);
 }
 
-void CuseReads::run() {
+void CuseCalls::run() {
     for (bool forMessages = false;;) {
         wait(forMessages);
         std::lock_guard<std::mutex> guard(mutex_);
@@ -88,14 +88,14 @@ void CuseReads::run() {
     }
 }
 
-void CuseReads::wait(bool forMessages) {
+void CuseCalls::wait(bool forMessages) {
     pollfd ends[] = {{wake_.get(), POLLIN, 0}, {fd_, POLLIN, 0}};
     poll(ends, forMessages ? 2 : 1, -1);
     eventfd_t ignored;
     eventfd_read(wake_.get(), &ignored);
 }
 
-bool CuseReads::answer(const Read& read) {
+bool CuseCalls::answer(const Read& read) {
     message_.resize(read.size);
     const ssize_t length = recv(fd_, message_.data(), message_.size(), MSG_DONTWAIT);
     if (length < 0 && (errno == EAGAIN || errno == EINTR)) return false;
@@ -108,6 +108,6 @@ bool CuseReads::answer(const Read& read) {
     return true;
 }
 
-void CuseReads::wake() { eventfd_write(wake_.get(), 1); }
+void CuseCalls::wake() { eventfd_write(wake_.get(), 1); }
 
 }  // namespace diagsim

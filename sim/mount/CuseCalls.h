@@ -18,14 +18,14 @@ namespace diagsim {
 // of this class's own, which runs as long as the object, with all signals blocked.
 //
 // A read that a signal interrupts is answered with EINTR and takes no message with it.
-class CuseReads {
+class CuseCalls {
   public:
     // `fd` is the model's client end and outlives the object. Throws std::system_error.
-    explicit CuseReads(int fd);
+    explicit CuseCalls(int fd);
     // Answers what still waits with EIO.
-    ~CuseReads();
-    CuseReads(const CuseReads&) = delete;
-    CuseReads& operator=(const CuseReads&) = delete;
+    ~CuseCalls();
+    CuseCalls(const CuseCalls&) = delete;
+    CuseCalls& operator=(const CuseCalls&) = delete;
 
     // Answers now, or as soon as there is a message; with `waits` false, now in any case.
     void add(fuse_req_t request, size_t size, bool waits);
