@@ -17,6 +17,8 @@ class Gate {
     // Ends wait(), also one that comes later.
     void open();
 
+    bool isOpen() const;
+
     // False: a signal came first.
     bool wait() const;
 

@@ -9,8 +9,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <vector>
 
 #include "sim/Device.h"
+#include "sim/model/Gate.h"
+#include "sim/model/Node.h"
 
 namespace diagsim {
 
@@ -34,6 +37,84 @@ class SignalsBlocked {
 
 }  // namespace
 
+// A call that may have to wait.
+class CuseCalls::Call {
+  public:
+    explicit Call(fuse_req_t its) : request(its) {}
+    virtual ~Call() = default;
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+    // Answers; false, with nothing done, where that is not possible yet.
+    virtual bool answer() = 0;
+    // Readable when that may have become possible.
+    virtual int fd() const = 0;
+    // Answers with this errno.
+    virtual void giveUp(int error) = 0;
+
+    const fuse_req_t request;
+};
+
+class CuseCalls::Read : public Call {
+  public:
+    Read(fuse_req_t its, int fd, size_t size) : Call(its), fd_(fd), message_(size) {}
+
+    bool answer() override {
+        const ssize_t length = recv(fd_, message_.data(), message_.size(), MSG_DONTWAIT);
+        if (length < 0 && (errno == EAGAIN || errno == EINTR)) return false;
+        if (length < 0) {
+            giveUp(errno);
+        } else {
+            Device::instance().received(fd_);
+            fuse_reply_buf(request, message_.data(), static_cast<size_t>(length));
+        }
+        return true;
+    }
+
+    int fd() const override { return fd_; }
+
+    void giveUp(int error) override { fuse_reply_err(request, error); }
+
+  private:
+    const int fd_;
+    std::vector<char> message_;
+};
+
+class CuseCalls::Write : public Call {
+  public:
+    Write(fuse_req_t its, int fd, const char* data, size_t size)
+        : Call(its), fd_(fd), write_{Bytes(data, data + size)} {}
+
+    bool answer() override {
+        if (gate_ && !gate_->isOpen()) return false;
+        gate_ = Device::instance().advance(fd_, write_);
+        if (gate_) return false;
+        reply();
+        return true;
+    }
+
+    int fd() const override { return gate_->fd(); }
+
+    void giveUp(int error) override {
+        if (!write_.result) Device::instance().abandon(write_, error);
+        reply();
+    }
+
+  private:
+    void reply() {
+        const Driver::Result& result = *write_.result;
+        if (result.value < 0) {
+            fuse_reply_err(request, result.error);
+        } else {
+            fuse_reply_write(request, static_cast<size_t>(result.value));
+        }
+    }
+
+    const int fd_;
+    PendingWrite write_;
+    std::shared_ptr<Gate> gate_{};
+};
+
 CuseCalls::CuseCalls(int fd) : fd_(fd), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wake_.get() < 0) throw std::system_error(errno, std::generic_category());
     const SignalsBlocked blocked;
@@ -44,68 +125,71 @@ CuseCalls::~CuseCalls() {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         closing_ = true;
-        for (const Read& read : waiting_)
-            fuse_reply_err(read.request, EIO);
+        for (const std::shared_ptr<Call>& call : waiting_)
+            call->giveUp(EIO);
         waiting_.clear();
     }
     wake();
     thread_.join();
 }
 
-void CuseCalls::add(fuse_req_t request, size_t size, bool waits) {
+void CuseCalls::read(fuse_req_t request, size_t size, bool waits) {
+    add(std::make_shared<Read>(request, fd_, size), waits);
+}
+
+void CuseCalls::write(fuse_req_t request, const char* data, size_t size, bool waits) {
+    add(std::make_shared<Write>(request, fd_, data, size), waits);
+}
+
+void CuseCalls::add(const std::shared_ptr<Call>& call, bool waits) {
     // First, and without the mutex: where the signal came before the request, this calls back.
-    fuse_req_interrupt_func(request, onInterrupt, this);
-    const bool interrupted = fuse_req_interrupted(request) != 0;
+    fuse_req_interrupt_func(call->request, onInterrupt, this);
+    const bool interrupted = fuse_req_interrupted(call->request) != 0;
     std::lock_guard<std::mutex> guard(mutex_);
-    const Read read{request, size};
-    if (waiting_.empty() && answer(read)) return;
-    if (interrupted || !waits) {
-        fuse_reply_err(request, interrupted ? EINTR : EAGAIN);
-        return;
-    }
-    waiting_.push_back(read);
-    wake();
+    waiting_.push_back(call);
+    answerAll();
+    if (waiting_.empty() || waiting_.back() != call) return;
+    if (waits && !interrupted) return wake();
+    waiting_.back()->giveUp(interrupted ? EINTR : EAGAIN);
+    waiting_.pop_back();
 }
 
 void CuseCalls::onInterrupt(fuse_req_t request, void* self) {
-    CuseCalls& reads = *static_cast<CuseCalls*>(self);
-    std::lock_guard<std::mutex> guard(reads.mutex_);
-    const auto found = std::find_if(reads.waiting_.begin(), reads.waiting_.end(),
-                                    [=](const Read& read) { return read.request == request; });
-    if (found == reads.waiting_.end()) return;
-    reads.waiting_.erase(found);
-    fuse_reply_err(request, EINTR);
+    CuseCalls& calls = *static_cast<CuseCalls*>(self);
+    std::lock_guard<std::mutex> guard(calls.mutex_);
+    const auto found =
+        std::find_if(calls.waiting_.begin(), calls.waiting_.end(),
+                     [=](const std::shared_ptr<Call>& call) { return call->request == request; });
+    if (found == calls.waiting_.end()) return;
+    (*found)->giveUp(EINTR);
+    calls.waiting_.erase(found);
 }
 
 void CuseCalls::run() {
-    for (bool forMessages = false;;) {
-        wait(forMessages);
+    for (;;) {
+        wait();
         std::lock_guard<std::mutex> guard(mutex_);
         if (closing_) return;
-        while (!waiting_.empty() && answer(waiting_.front()))
-            waiting_.pop_front();
-        forMessages = !waiting_.empty();
+        answerAll();
     }
 }
 
-void CuseCalls::wait(bool forMessages) {
-    pollfd ends[] = {{wake_.get(), POLLIN, 0}, {fd_, POLLIN, 0}};
-    poll(ends, forMessages ? 2 : 1, -1);
+void CuseCalls::wait() {
+    std::vector<pollfd> ends{{wake_.get(), POLLIN, 0}};
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        for (const std::shared_ptr<Call>& call : waiting_)
+            ends.push_back({call->fd(), POLLIN, 0});
+    }
+    // A write that the loop's thread answers meanwhile closes its gate. A number that then stands
+    // for another file costs one vain round.
+    poll(ends.data(), ends.size(), -1);
     eventfd_t ignored;
     eventfd_read(wake_.get(), &ignored);
 }
 
-bool CuseCalls::answer(const Read& read) {
-    message_.resize(read.size);
-    const ssize_t length = recv(fd_, message_.data(), message_.size(), MSG_DONTWAIT);
-    if (length < 0 && (errno == EAGAIN || errno == EINTR)) return false;
-    if (length < 0) {
-        fuse_reply_err(read.request, errno);
-    } else {
-        Device::instance().received(fd_);
-        fuse_reply_buf(read.request, message_.data(), static_cast<size_t>(length));
-    }
-    return true;
+void CuseCalls::answerAll() {
+    waiting_.remove_if([](const std::shared_ptr<Call>& call) { return call->answer(); });
 }
 
 void CuseCalls::wake() { eventfd_write(wake_.get(), 1); }

@@ -23,9 +23,9 @@ namespace {
 constexpr unsigned kMaxTransfer = 128 * 1024;
 
 struct Client {
-    explicit Client(int descriptor) : fd(descriptor), reads(descriptor) {}
+    explicit Client(int descriptor) : fd(descriptor), calls(descriptor) {}
     const int fd;
-    CuseCalls reads;
+    CuseCalls calls;
 };
 
 // What the calls work on, all of which come on the thread of the session's loop.
@@ -83,17 +83,11 @@ void onRelease(fuse_req_t request, fuse_file_info*) {
 }
 
 void onRead(fuse_req_t request, size_t size, off_t, fuse_file_info* file) {
-    serverOf(request).client->reads.add(request, size, (file->flags & O_NONBLOCK) == 0);
+    serverOf(request).client->calls.read(request, size, (file->flags & O_NONBLOCK) == 0);
 }
 
-void onWrite(fuse_req_t request, const char* data, size_t size, off_t, fuse_file_info*) {
-    const int fd = serverOf(request).client->fd;
-    const ssize_t written = Device::instance().write(fd, data, size);
-    if (written < 0) {
-        fuse_reply_err(request, errno);
-    } else {
-        fuse_reply_write(request, static_cast<size_t>(written));
-    }
+void onWrite(fuse_req_t request, const char* data, size_t size, off_t, fuse_file_info* file) {
+    serverOf(request).client->calls.write(request, data, size, (file->flags & O_NONBLOCK) == 0);
 }
 
 // One ioctl on its way. The client's memory is reached through the kernel only: a call names what
