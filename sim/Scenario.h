@@ -87,6 +87,8 @@ struct Scenario {
         size_t recordLength = 92;
         int claimedLength = -1;  // negative: the truth
         uint32_t clockKhz = 576000;
+        int64_t clockOffsetMs = 0;  // of its time, not of the core clock
+        int64_t clockDriftPpm = 0;
     };
 
     int openErrno = 0;  // 0: open succeeds

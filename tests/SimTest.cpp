@@ -177,6 +177,35 @@ TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
     EXPECT_EQ(::poll(&more, 1, 400), 0);
 }
 
+TEST_F(Client, TheAdspHasAClockOfItsOwn) {
+    using std::chrono::nanoseconds;
+    // The time of an answer, and the host's around it, in nanoseconds since 1980.
+    struct Sample {
+        int64_t before, adsp, after;
+    };
+    const auto host = [] {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return nanoseconds(now).count() - 315964800 * int64_t{1000000000};
+    };
+    const auto sample = [&] {
+        const int64_t before = host();
+        const uint64_t time = wordAt(ask({0x4B, 0x12, 0x2A, 0, 0}), 4, 8);
+        return Sample{before, static_cast<int64_t>((time >> 16) * 1250000 + (time & 0xFFFF) * 25),
+                      host()};
+    };
+    const int64_t plugged = host();
+    start(R"({"adsp": {"clock_offset_ms": -7200000, "clock_drift_ppm": 1000000}})");
+    const Sample first = sample(), second = sample();
+    const int64_t offset = -7200000 * int64_t{1000000}, most = 2 * (first.after - plugged);
+    EXPECT_GE(first.adsp, first.before + offset);
+    EXPECT_LE(first.adsp, plugged + offset + most);
+    EXPECT_GE(second.adsp - first.adsp, 2 * (second.before - first.after) - 5000);
+    EXPECT_LE(second.adsp - first.adsp, 2 * (second.after - first.before) + 5000);
+    ::close(fd_);
+    start(R"({"adsp": {"clock_offset_ms": -1890000000000}})");
+    EXPECT_EQ(sample().adsp, 0) << "no time is before 1980";
+}
+
 TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     start(R"({"adsp": {"collecting": true, "ignore_log_mask": true}})");
     ::close(fd_);

@@ -7,8 +7,10 @@
 namespace diagsim {
 namespace {
 
-constexpr uint64_t kGpsEpoch = 315964800;  // 6 January 1980 in Unix seconds
-constexpr uint64_t kNsPerSecond = 1000000000;
+constexpr int64_t kGpsEpoch = 315964800;  // 6 January 1980 in Unix seconds
+constexpr int64_t kNsPerSecond = 1000000000;
+constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kNsPerUs = 1000;
 constexpr uint64_t kNsPerUnit = 1250000;
 constexpr uint64_t kNsPerSubUnit = 25;
 constexpr size_t kEchoedBytes = 16;
@@ -46,19 +48,45 @@ Bytes maskAnswer(bool good, const Bytes& request) {
     return packet;
 }
 
-Bytes loopbackAnswer() {
-    Bytes packet{kSubsystemCommand, 0x12, 0x2A, 0x00};
-    appendWord(packet, adspTime(), 8);
-    return packet;
-}
-
 Bytes collectionAnswer(bool good) {
     Bytes packet{kSubsystemCommand, 0x0C, 0x04, 0x04};
     appendWord(packet, good ? 1 : 0, 4);
     return packet;
 }
 
-Bytes answerPacket(const Request& request, bool good, const Scenario::Ranges& ranges) {
+// Nanoseconds of the host since 6 January 1980.
+int64_t hostTime() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return (static_cast<int64_t>(now.tv_sec) - kGpsEpoch) * kNsPerSecond + now.tv_nsec;
+}
+
+}  // namespace
+
+Adsp::Adsp(const Scenario& scenario)
+    : ranges_(scenario.ranges),
+      setup_(scenario.adsp),
+      begin_(hostTime()),
+      collecting_(scenario.adsp.collecting) {}
+
+uint64_t Adsp::time() const {
+    const int64_t now = hostTime();
+    const int64_t drift = (now - begin_) / kNsPerUs * setup_.clockDriftPpm / 1000;
+    const int64_t shifted = now + drift + setup_.clockOffsetMs * kNsPerMs;
+    const auto ns = static_cast<uint64_t>(std::max<int64_t>(shifted, 0));
+    return ns / kNsPerUnit << 16 | ns % kNsPerUnit / kNsPerSubUnit;
+}
+
+Answer Adsp::execute(const Request& request, bool refuse) {
+    if (!request.objection.empty()) {
+        return {errorAnswer(request.bytes), "error response", "refused: " + request.objection};
+    }
+    if (!refuse) apply(request);
+    return {answerPacket(request, !refuse), std::string(requestTitle(request.kind)) + " response",
+            refuse ? "refused" : "accepted"};
+}
+
+Bytes Adsp::answerPacket(const Request& request, bool good) const {
     switch (request.kind) {
         case RequestKind::kMessageMasks:
             return {kMessageConfigCommand, 5, static_cast<uint8_t>(good ? 1 : 0), 0, 0, 0, 0, 0};
@@ -67,7 +95,7 @@ Bytes answerPacket(const Request& request, bool good, const Scenario::Ranges& ra
         case RequestKind::kLogDisable:
             return logConfigAnswer(kLogDisable, good);
         case RequestKind::kLogRanges:
-            return rangesAnswer(good, ranges);
+            return rangesAnswer(good, ranges_);
         case RequestKind::kLogMask:
         case RequestKind::kLogMaskClear:
             return maskAnswer(good, request.bytes);
@@ -82,26 +110,10 @@ Bytes answerPacket(const Request& request, bool good, const Scenario::Ranges& ra
     return errorAnswer(request.bytes);
 }
 
-}  // namespace
-
-uint64_t adspTime() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const uint64_t seconds = static_cast<uint64_t>(now.tv_sec) - kGpsEpoch;
-    const uint64_t ns = seconds * kNsPerSecond + static_cast<uint64_t>(now.tv_nsec);
-    return ns / kNsPerUnit << 16 | ns % kNsPerUnit / kNsPerSubUnit;
-}
-
-Adsp::Adsp(const Scenario& scenario)
-    : ranges_(scenario.ranges), setup_(scenario.adsp), collecting_(scenario.adsp.collecting) {}
-
-Answer Adsp::execute(const Request& request, bool refuse) {
-    if (!request.objection.empty()) {
-        return {errorAnswer(request.bytes), "error response", "refused: " + request.objection};
-    }
-    if (!refuse) apply(request);
-    return {answerPacket(request, !refuse, ranges_),
-            std::string(requestTitle(request.kind)) + " response", refuse ? "refused" : "accepted"};
+Bytes Adsp::loopbackAnswer() const {
+    Bytes packet{kSubsystemCommand, 0x12, 0x2A, 0x00};
+    appendWord(packet, time(), 8);
+    return packet;
 }
 
 void Adsp::apply(const Request& request) {
@@ -145,7 +157,7 @@ Bytes Adsp::logPacket() {
     ++packets_;
     Bytes record(kRecordHeader, 0);
     setWord(record, 2, kPowerLogCode, 2);
-    setWord(record, 4, adspTime(), 8);
+    setWord(record, 4, time(), 8);
     append(record, {setup_.version, 0, 0, 0});
     append(record, slots_);
     for (size_t i = 0; i < kSlots; ++i) {

@@ -41,11 +41,18 @@ class Adsp {
     // Whether the log mask lets the power manager's packets out.
     bool wantsLogs() const;
 
+    // Its clock now: 1.25 ms units since 6 January 1980 in the upper 48 bits, 25 ns units within in
+    // the lower 16.
+    uint64_t time() const;
+
   private:
     void apply(const Request& request);
+    Bytes answerPacket(const Request& request, bool good) const;
+    Bytes loopbackAnswer() const;
 
     const Scenario::Ranges ranges_;
     const Scenario::Dsp setup_;
+    const int64_t begin_;  // nanoseconds since 6 January 1980
 
     std::map<uint64_t, Bytes> logMasks_{};  // by equipment id
     Bytes slots_{0, 0, 0, 0};
@@ -53,9 +60,5 @@ class Adsp {
     std::chrono::microseconds requestedPeriod_{1000};
     uint64_t packets_ = 0;
 };
-
-// The ADSP's clock now: 1.25 ms units since 6 January 1980 in the upper 48 bits, 25 ns units within
-// in the lower 16.
-uint64_t adspTime();
 
 }  // namespace diagsim

@@ -21,6 +21,7 @@ constexpr Limits kInt{std::numeric_limits<int32_t>::min(), std::numeric_limits<i
 constexpr Limits kCount{0, std::numeric_limits<int32_t>::max()};
 constexpr Limits kCalls{0, 100000};
 constexpr Limits kHourMs{0, 3600 * 1000};
+constexpr int64_t kSixtyYearsMs = 60LL * 366 * 24 * 3600 * 1000;
 constexpr Limits kMinuteUs{0, 60 * 1000 * 1000};
 
 // In the order of the enumerators.
@@ -163,6 +164,11 @@ void visitDsp(Keys& keys, Scenario& scenario) {
         adsp.number("claimed_length", dsp.claimedLength, {-1, 0xFFFF},
                     "what its length field says; -1: the truth");
         adsp.number("clock_khz", dsp.clockKhz, kWord, "the core clock");
+        adsp.number("clock_offset_ms", dsp.clockOffsetMs, {-kSixtyYearsMs, kSixtyYearsMs},
+                    "how much the ADSP's time is ahead of the host's at plug(); no time is before "
+                    "6 January 1980");
+        adsp.number("clock_drift_ppm", dsp.clockDriftPpm, {-1000000, 1000000},
+                    "how much faster it goes from then on, in millionths");
     });
 }
 
