@@ -598,7 +598,8 @@ void DIAG::onResponseFrame(const unsigned char* frame, int length) {
     // to send it comes within its own time-out.
     while (delegated)
         requestLock.wait();
-    if (requests.empty()) {
+    // While another request's write has not returned, the front one may still be unsent.
+    if (requests.empty() || !requests.front().outstanding) {
         logger->warnf("DIAG::onDIAGData() received unsolicited response: %d", frame[0]);
         return;
     }

@@ -241,6 +241,19 @@ TEST_F(Adsppm, ValuesBeginBehindTheStartResponseAndEndWithTheStop) {
     }
 }
 
+// The write of the start returns only when the reader has had the answer and the packets behind it.
+TEST_F(Adsppm, TheStartsAnswerMayComeBeforeItsWriteReturns) {
+    plug(R"({"write": {"returns_after_read": true},
+             "requests": {"start": {"log_behind": "same_buffer", "log_count": 3}}})");
+    Inbox inbox;
+    ASSERT_TRUE(add(inbox, -2));
+    ASSERT_TRUE(adsppm().startMetricCollection());
+    EXPECT_TRUE(inbox.take().empty()) << "they only prime";
+    device().deliverFrame(device().logPacket());
+    EXPECT_EQ(inbox.waitFor(1).size(), 1u);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
 // A start that comes while a stop still clears the log mask waits for it, and then gets values.
 TEST_F(Adsppm, AStartWaitsForTheEndOfAStop) {
     plug(R"({"requests": {"log_mask_clear": {"on": [1], "delay_ms": 100}}})");

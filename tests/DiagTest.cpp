@@ -129,6 +129,37 @@ TEST_F(Session, ARequestThatCannotBeSentIsInNobodysWay) {
     EXPECT_TRUE(exchange(last));
 }
 
+// Stray frames answer in the requests' stead here. What counts is that every request is sent, and
+// that nobody waits for ever.
+TEST_F(Session, AWriteMayWaitUntilTheReaderHasRead) {
+    plug(R"({"write": {"blocks_until_read": true, "returns_after_read": true},
+             "requests": {"loopback": {"frame_behind": "7900"}}})");
+    std::vector<std::thread> callers;
+    for (int i = 0; i < 4; ++i) {
+        callers.emplace_back([] {
+            for (int round = 0; round < 20; ++round) {
+                Answer answer;
+                exchange(answer);
+            }
+        });
+    }
+    outputOf([&] {
+        for (std::thread& caller : callers)
+            caller.join();
+    });
+    EXPECT_EQ(lines("host    loopback request").size(), 80u);
+}
+
+TEST_F(Session, InterruptedCallsAreRepeated) {
+    plug(R"({"open": {"eintr": 2}, "write": {"eintr": 3}, "ioctl": {"eintr": 2}})");
+    Log log;
+    ASSERT_TRUE(DIAG::instance()->registerLogListener(code, &log));
+    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(code, &log));
+    EXPECT_EQ(lines("EINTR").size(), 2u + 3u + 3u * 2u) << "of ioctls 7, 1 and 9";
+    EXPECT_TRUE(lines("by value").empty()) << "an interruption is no refusal of the form";
+    EXPECT_TRUE(lines("left in callback mode").empty());
+}
+
 // The late answer finds nobody where the canceled thread's stack was.
 TEST_F(Session, ACancelledCallerIsForgotten) {
     plug(R"({"requests": {"loopback": {"on": [1], "delay_ms": 50}}})");

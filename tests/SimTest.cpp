@@ -142,7 +142,7 @@ TEST_F(Client, InterruptedCallsDoNothing) {
     EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
     EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
     fd_ = ::open("/dev/diag", O_RDWR);
-    for (uint8_t type : {1, 2, 4})
+    for (const int type : {1, 2, 4})
         ASSERT_EQ(readBuffer().at(0), type);
     EXPECT_TRUE(interrupted(switchMode(6)));
     EXPECT_TRUE(interrupted(::ioctl(fd_, 9, 0))) << "each ioctl";
@@ -210,7 +210,7 @@ TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     start(R"({"adsp": {"collecting": true, "ignore_log_mask": true}})");
     ::close(fd_);
     fd_ = ::open("/dev/diag", O_RDWR);
-    for (uint8_t type : {1, 2, 4})
+    for (const int type : {1, 2, 4})
         EXPECT_EQ(readBuffer().at(0), type);
     EXPECT_EQ(readFrames().at(0).at(0), 0x10) << "a log packet, though no mode was asked for";
     EXPECT_EQ(switchMode(1), 1);
@@ -225,7 +225,7 @@ TEST_F(Client, LosesWhatItsQueueHasNoRoomFor) {
         "requests": {"event_report": {"on": [1], "log_behind": "own_buffer", "log_count": 10}}})");
     ASSERT_EQ(send(kEventReport), 0);
     EXPECT_TRUE(device_.waitForTrace("=> lost, queue full (8 so far)", 1, patience));
-    for (uint8_t command : {0x60, 0x10, 0x10})
+    for (const int command : {0x60, 0x10, 0x10})
         EXPECT_EQ(readFrames().at(0).at(0), command);
     EXPECT_EQ(ask(kEventReport).at(0), 0x60) << "room again, and nothing else unread";
     ::close(fd_);
