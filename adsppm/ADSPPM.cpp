@@ -19,39 +19,39 @@ namespace {
 
 using Byte = unsigned char;
 
-constexpr unsigned short logCode = 0x1645;
-constexpr unsigned int noPeriod = 0xFFFFFFFF;
+constexpr unsigned short kLogCode = 0x1645;
+constexpr unsigned int kNoPeriod = 0xFFFFFFFF;
 
 // Seconds from the Unix epoch to 6 January 1980, from which the ADSP counts until a loopback has
 // shown what its clock really counts from.
-constexpr double initialTimeShift = 315964800.0;
+constexpr double kInitialTimeShift = 315964800.0;
 
-constexpr Byte loopbackSubsystem = 18;
-constexpr uint16_t loopbackCommand = 42;
-constexpr Byte powerSubsystem = 12;
-constexpr uint16_t configCommand = 0x0404;
-constexpr uint32_t configStart = 1;
-constexpr uint32_t configStop = 2;
-constexpr uint32_t configAccepted = 1;
+constexpr Byte kLoopbackSubsystem = 0x12;
+constexpr uint16_t kLoopbackCommand = 0x002A;
+constexpr Byte kPowerSubsystem = 0x0C;
+constexpr uint16_t kConfigCommand = 0x0404;
+constexpr uint32_t kConfigStart = 1;
+constexpr uint32_t kConfigStop = 2;
+constexpr uint32_t kConfigAccepted = 1;
 
-constexpr int loopbackLength = 5;
-constexpr int configLength = 20;
-constexpr int configSlots = 12;  // offset in the configuration request
-constexpr int configPeriod = 16;
-constexpr int slots = 4;
+constexpr int kLoopbackLength = 5;
+constexpr int kConfigLength = 20;
+constexpr int kConfigSlots = 12;  // offset in the configuration request
+constexpr int kConfigPeriod = 16;
+constexpr int kSlots = 4;
 
 // Offsets in a log record.
-constexpr int recordCode = 2;
-constexpr int recordTimeLow = 4;
-constexpr int recordTimeHigh = 8;
-constexpr int recordVersion = 12;
-constexpr int recordSlotIds = 16;
-constexpr int recordSlotCounters = 20;
-constexpr int recordValue1 = 36;
-constexpr int recordCoreClock = 40;
-constexpr int recordCounters = 44;  // of ids -3 to -7, 8 bytes each
-constexpr int firstCounterId = -3;
-constexpr int lastCounterId = -7;
+constexpr int kRecordCode = 2;
+constexpr int kRecordTimeLow = 4;
+constexpr int kRecordTimeHigh = 8;
+constexpr int kRecordVersion = 12;
+constexpr int kRecordSlotIds = 16;
+constexpr int kRecordSlotCounters = 20;
+constexpr int kRecordValue1 = 36;
+constexpr int kRecordCoreClock = 40;
+constexpr int kRecordCounters = 44;  // of ids -3 to -7, 8 bytes each
+constexpr int kFirstCounterId = -3;
+constexpr int kLastCounterId = -7;
 
 pthread_once_t createControl = PTHREAD_ONCE_INIT;
 
@@ -62,11 +62,11 @@ void putSubsystemHeader(Byte* request, Byte subsystem, uint16_t command) {
 }
 
 void buildConfigRequest(Byte* request, uint32_t command) {
-    memset(request, 0, configLength);
-    putSubsystemHeader(request, powerSubsystem, configCommand);
+    memset(request, 0, kConfigLength);
+    putSubsystemHeader(request, kPowerSubsystem, kConfigCommand);
     diag_put_u32(request + 4, command);
     request[8] = 1;
-    diag_put_u32(request + configPeriod, noPeriod);
+    diag_put_u32(request + kConfigPeriod, kNoPeriod);
 }
 
 double seconds(const timeval& time) {
@@ -87,7 +87,7 @@ class LoopbackCmdRspListener : public DIAG::ResponseListener {
 
     bool onResponse(const unsigned char* rsp, int len) override {
         if (!holds(len, 12)) return false;
-        if (rsp[1] != loopbackSubsystem || diag_get_u16(rsp + 2) != loopbackCommand) return false;
+        if (rsp[1] != kLoopbackSubsystem || diag_get_u16(rsp + 2) != kLoopbackCommand) return false;
         gettimeofday(received, nullptr);
         *low = diag_get_u32(rsp + 4);
         *high = diag_get_u32(rsp + 8);
@@ -107,8 +107,8 @@ class ADSPPMConfigRspListener : public DIAG::ResponseListener {
 
     bool onResponse(const unsigned char* rsp, int len) override {
         if (!holds(len, 8)) return false;
-        if (rsp[1] != powerSubsystem || diag_get_u16(rsp + 2) != configCommand) return false;
-        if (diag_get_u32(rsp + 4) != configAccepted) return false;
+        if (rsp[1] != kPowerSubsystem || diag_get_u16(rsp + 2) != kConfigCommand) return false;
+        if (diag_get_u32(rsp + 4) != kConfigAccepted) return false;
         if (note) *note = true;
         return true;
     }
@@ -133,7 +133,7 @@ void ADSPPM::createInstance() {
 }
 
 ADSPPM::ADSPPM()
-    : timeShift(initialTimeShift),
+    : timeShift(kInitialTimeShift),
       startAccepted(false),
       changed_(false),
       state(idle),
@@ -141,7 +141,7 @@ ADSPPM::ADSPPM()
       stopping(false),
       lastLog{},
       lastLogTime(0.0) {
-    buildConfigRequest(configRequest, configStart);
+    buildConfigRequest(configRequest, kConfigStart);
     subscribeToRunLevel();
 }
 
@@ -218,7 +218,7 @@ bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
     const unsigned int period = found->first;
     registered.erase(found);
     // Such a registration does not count for the period, nor is its slot looked at again.
-    if (period == noPeriod) return true;
+    if (period == kNoPeriod) return true;
     if (eventId >= 1 && registered.empty()) freeSlot(eventId);
     if (!registered.empty() && period >= registered.begin()->first) return true;
     const unsigned int smallest = smallestPeriod();
@@ -228,9 +228,9 @@ bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
 
 // Only the id's low byte goes to the ADSP.
 bool ADSPPM::takeSlot(int eventId) {
-    for (int slot = 0; slot < slots; ++slot) {
-        if (configRequest[configSlots + slot] != 0) continue;
-        configRequest[configSlots + slot] = static_cast<Byte>(eventId);
+    for (int slot = 0; slot < kSlots; ++slot) {
+        if (configRequest[kConfigSlots + slot] != 0) continue;
+        configRequest[kConfigSlots + slot] = static_cast<Byte>(eventId);
         return true;
     }
     return false;
@@ -239,20 +239,20 @@ bool ADSPPM::takeSlot(int eventId) {
 // Keeps the slots packed from the first on.
 void ADSPPM::freeSlot(int eventId) {
     changed_ = true;
-    Byte* const first = configRequest + configSlots;
+    Byte* const first = configRequest + kConfigSlots;
     int slot = 0;
-    while (slot < slots && first[slot] != eventId)
+    while (slot < kSlots && first[slot] != eventId)
         ++slot;
-    if (slot == slots) return;
-    for (; slot < slots - 1; ++slot) {
+    if (slot == kSlots) return;
+    for (; slot < kSlots - 1; ++slot) {
         first[slot] = first[slot + 1];
         if (first[slot] == 0) break;
     }
-    first[slots - 1] = 0;
+    first[kSlots - 1] = 0;
 }
 
 unsigned int ADSPPM::smallestPeriod() const {
-    unsigned int smallest = noPeriod;
+    unsigned int smallest = kNoPeriod;
     for (const auto& entry : listeners) {
         if (entry.second.empty()) continue;
         const unsigned int period = entry.second.begin()->first;
@@ -261,10 +261,10 @@ unsigned int ADSPPM::smallestPeriod() const {
     return smallest;
 }
 
-unsigned int ADSPPM::period() const { return diag_get_u32(configRequest + configPeriod); }
+unsigned int ADSPPM::period() const { return diag_get_u32(configRequest + kConfigPeriod); }
 
 void ADSPPM::setPeriod(unsigned int period) {
-    diag_put_u32(configRequest + configPeriod, period);
+    diag_put_u32(configRequest + kConfigPeriod, period);
     changed_ = true;
 }
 
@@ -275,11 +275,11 @@ bool ADSPPM::startMetricCollection() {
     LockGuard guard(lock);
     while (busy || stopping)
         lock.wait();
-    if (state != idle || period() == noPeriod) return false;
+    if (state != idle || period() == kNoPeriod) return false;
 
     startAccepted = false;
     BusyFlag starting(busy, lock);
-    Byte request[configLength];
+    Byte request[kConfigLength];
     memcpy(request, configRequest, sizeof request);
     bool started = false;
     {
@@ -299,8 +299,8 @@ bool ADSPPM::startMetricCollection() {
 
 // A loopback that fails leaves the time shift as it was; collection does not depend on it.
 void ADSPPM::measureTimeShift() {
-    Byte request[loopbackLength] = {};
-    putSubsystemHeader(request, loopbackSubsystem, loopbackCommand);
+    Byte request[kLoopbackLength] = {};
+    putSubsystemHeader(request, kLoopbackSubsystem, kLoopbackCommand);
     unsigned int low = 0;
     unsigned int high = 0;
     timeval sent{};
@@ -321,16 +321,16 @@ void ADSPPM::measureTimeShift() {
 bool ADSPPM::exchangeStart(unsigned char* request) {
     measureTimeShift();
     DIAG* const diag = DIAG::instance();
-    diag->registerLogListener(logCode, this);
+    diag->registerLogListener(kLogCode, this);
     ADSPPMConfigRspListener listener(&startAccepted);
-    if (!diag->sendRequest(request, configLength, &listener)) {
+    if (!diag->sendRequest(request, kConfigLength, &listener)) {
         logger->errorf("ADSPPM::startMetricCollection() ADSPPMConfigReq send failed");
     } else if (diag->awaitResponse(listener)) {
         return true;
     } else {
         logger->errorf("ADSPPM::startMetricCollection() ADSPPMConfigReq timeout");
     }
-    diag->unregisterLogListener(logCode, this);
+    diag->unregisterLogListener(kLogCode, this);
     return false;
 }
 
@@ -352,17 +352,17 @@ bool ADSPPM::stopMetricCollection() {
     if (!stopped) state = failed;
     {
         LockRelease released(lock);
-        DIAG::instance()->unregisterLogListener(logCode, this);
+        DIAG::instance()->unregisterLogListener(kLogCode, this);
     }
     memset(lastLog, 0, sizeof lastLog);
     return stopped;
 }
 
 bool ADSPPM::exchangeStop() {
-    Byte request[configLength];
-    buildConfigRequest(request, configStop);
+    Byte request[kConfigLength];
+    buildConfigRequest(request, kConfigStop);
     ADSPPMConfigRspListener listener(nullptr);
-    if (!DIAG::instance()->sendRequest(request, configLength, &listener)) {
+    if (!DIAG::instance()->sendRequest(request, kConfigLength, &listener)) {
         logger->tracef("ADSPPM::stopMetricCollection() ADSPPMConfigReq send failed");
         return false;
     }
@@ -387,7 +387,7 @@ void ADSPPM::updateTimeShift(unsigned int low, unsigned int high, const timeval*
     const double sentTime = seconds(*sent);
     const double roundTrip = seconds(*received) - sentTime;
     const double midpoint = sentTime + roundTrip * 0.5;
-    timeShift = initialTimeShift + (midpoint - convert(low, high, initialTimeShift));
+    timeShift = kInitialTimeShift + (midpoint - convert(low, high, kInitialTimeShift));
 }
 
 void ADSPPM::onLog(const unsigned char* record) {
@@ -397,10 +397,10 @@ void ADSPPM::onLog(const unsigned char* record) {
     // this thread has read more. So the packet counts, but nothing is delivered before the start
     // succeeds.
     const bool starting = busy && startAccepted;
-    if ((state != collecting && !starting) || record[recordVersion] != 1) return;
-    const double time = convertTimeStamp(diag_get_u32(record + recordTimeLow),
-                                         diag_get_u32(record + recordTimeHigh));
-    if (!starting && diag_get_u16(lastLog + recordCode) != 0) deliverAll(record, time);
+    if ((state != collecting && !starting) || record[kRecordVersion] != 1) return;
+    const double time = convertTimeStamp(diag_get_u32(record + kRecordTimeLow),
+                                         diag_get_u32(record + kRecordTimeHigh));
+    if (!starting && diag_get_u16(lastLog + kRecordCode) != 0) deliverAll(record, time);
     memcpy(lastLog, record, sizeof lastLog);
     lastLogTime = time;
 }
@@ -408,19 +408,19 @@ void ADSPPM::onLog(const unsigned char* record) {
 void ADSPPM::deliverAll(const unsigned char* record, double time) {
     const double factor = 1000.0 / (time - lastLogTime);
     deliverSlots(record, time, factor);
-    deliver(-1, time, diag_get_u32(record + recordValue1) / 1000000.0);
-    deliver(-2, time, diag_get_u32(record + recordCoreClock) / 1000.0);
-    for (int id = firstCounterId; id >= lastCounterId; --id) {
-        deliverCounter(id, record, recordCounters + 8 * (firstCounterId - id), time, factor);
+    deliver(-1, time, diag_get_u32(record + kRecordValue1) / 1000000.0);
+    deliver(-2, time, diag_get_u32(record + kRecordCoreClock) / 1000.0);
+    for (int id = kFirstCounterId; id >= kLastCounterId; --id) {
+        deliverCounter(id, record, kRecordCounters + 8 * (kFirstCounterId - id), time, factor);
     }
 }
 
 // The previous counter is that of the same slot, whatever event it counted then.
 void ADSPPM::deliverSlots(const unsigned char* record, double time, double factor) {
-    for (int slot = 0; slot < slots; ++slot) {
-        const int id = record[recordSlotIds + slot];
+    for (int slot = 0; slot < kSlots; ++slot) {
+        const int id = record[kRecordSlotIds + slot];
         if (id == 0) continue;
-        const int offset = recordSlotCounters + 4 * slot;
+        const int offset = kRecordSlotCounters + 4 * slot;
         const uint32_t gained = diag_get_u32(record + offset) - diag_get_u32(lastLog + offset);
         deliver(id, time, static_cast<double>(gained) * factor);
     }

@@ -14,20 +14,20 @@ int main() {
       public:
         void onADSPPMInput(int, double, long double) override {}
     };
-    constexpr int coreClock = -2;
-    constexpr unsigned int period = 100;
+    constexpr int kCoreClock = -2;
+    constexpr unsigned int kPeriod = 100;
 
     MetricListener listener;
     const std::string name = "CORE_CLOCK_FREQ";
     std::string error;
     // A registration that fails shows up as a start that fails.
-    ADSPPM::instance()->registerListener(&listener, coreClock, name, period, error);
+    ADSPPM::instance()->registerListener(&listener, kCoreClock, name, kPeriod, error);
     int status = 1;
     if (ADSPPM::instance()->startMetricCollection()) {
         const timespec pause = {0, 250000000};
         nanosleep(&pause, nullptr);
         if (ADSPPM::instance()->stopMetricCollection()) status = 0;
     }
-    ADSPPM::instance()->unregisterListener(&listener, coreClock);
+    ADSPPM::instance()->unregisterListener(&listener, kCoreClock);
     return status;
 }

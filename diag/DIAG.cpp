@@ -20,24 +20,24 @@ namespace {
 
 using Byte = unsigned char;
 
-constexpr Byte logPacket = 16;
-constexpr Byte eventReportControl = 96;
-constexpr Byte logConfiguration = 115;
-constexpr Byte extendedMessageConfiguration = 125;
+constexpr Byte kLogPacketCommand = 0x10;
+constexpr Byte kEventReportCommand = 0x60;
+constexpr Byte kLogConfigCommand = 0x73;
+constexpr Byte kMessageConfigCommand = 0x7D;
 
-constexpr uint32_t logDisable = 0;
-constexpr uint32_t logRetrieveRanges = 1;
-constexpr uint32_t logSetMask = 3;
+constexpr uint32_t kLogDisable = 0;
+constexpr uint32_t kLogRetrieveRanges = 1;
+constexpr uint32_t kLogSetMask = 3;
 
-constexpr std::chrono::milliseconds responseTimeout{250};
+constexpr std::chrono::milliseconds kResponseTimeout{250};
 
-constexpr int logHeaderLength = 8;     // of a frame: up to and including the log code
-constexpr int logRecordOffset = 4;     // in a frame
-constexpr int checkBytes = 2;          // in front of the flag, where the target sends them
-constexpr int readableLogRecord = 92;  // decoders do not check lengths
-constexpr int maskHeaderLength = 16;
-constexpr uint32_t maxMaskItems = 65536;
-constexpr int rangesLength = 64;  // bytes of the ranges in their response
+constexpr int kLogHeaderLength = 8;     // of a frame: up to and including the log code
+constexpr int kLogRecordOffset = 4;     // in a frame
+constexpr int kCheckBytes = 2;          // in front of the flag, where the target sends them
+constexpr int kReadableLogRecord = 92;  // decoders do not check lengths
+constexpr int kMaskHeaderLength = 16;
+constexpr uint32_t kMaxMaskItems = 65536;
+constexpr int kRangesLength = 64;  // bytes of the ranges in their response
 
 pthread_once_t createControl = PTHREAD_ONCE_INIT;
 
@@ -216,7 +216,7 @@ bool DIAG::silenceMessages() {
         }
     };
     Byte request[8] = {0, 5};
-    diagpkt_set_cmd_code(request, extendedMessageConfiguration);
+    diagpkt_set_cmd_code(request, kMessageConfigCommand);
     ExtendedMsgCfgRspListener listener;
     return setup("extendedMsgCfgSetAllMasksReq", request, sizeof request, listener);
 }
@@ -229,7 +229,7 @@ bool DIAG::silenceEvents() {
         }
     };
     Byte request[2] = {};
-    diagpkt_set_cmd_code(request, eventReportControl);
+    diagpkt_set_cmd_code(request, kEventReportCommand);
     EventRepCtrlRspListener listener;
     return setup("eventReportCtrlReq", request, sizeof request, listener, false);
 }
@@ -238,12 +238,12 @@ bool DIAG::disableLogs() {
     class LoggingCfgDisableRspListener : public ResponseListener {
       public:
         bool onResponse(const unsigned char* rsp, int len) override {
-            return holds(len, 12) && isLogConfigurationDone(rsp, logDisable);
+            return holds(len, 12) && isLogConfigurationDone(rsp, kLogDisable);
         }
     };
     Byte request[12] = {};
-    diagpkt_set_cmd_code(request, logConfiguration);
-    diag_put_u32(request + 4, logDisable);
+    diagpkt_set_cmd_code(request, kLogConfigCommand);
+    diag_put_u32(request + 4, kLogDisable);
     LoggingCfgDisableRspListener listener;
     return setup("loggingCfgDisableReq", request, sizeof request, listener);
 }
@@ -253,9 +253,9 @@ bool DIAG::retrieveRanges() {
       public:
         explicit LoggingCfgRetrieveRangesRspListener(uint32_t* target) : ranges(target) {}
         bool onResponse(const unsigned char* rsp, int len) override {
-            if (!holds(len, 12 + rangesLength)) return false;
-            if (!isLogConfigurationDone(rsp, logRetrieveRanges)) return false;
-            for (int id = 0; id < rangesLength / 4; ++id) {
+            if (!holds(len, 12 + kRangesLength)) return false;
+            if (!isLogConfigurationDone(rsp, kLogRetrieveRanges)) return false;
+            for (int id = 0; id < kRangesLength / 4; ++id) {
                 ranges[id] = diag_get_u32(rsp + 12 + 4 * id);
             }
             return true;
@@ -265,8 +265,8 @@ bool DIAG::retrieveRanges() {
         uint32_t* ranges;
     };
     Byte request[12] = {};
-    diagpkt_set_cmd_code(request, logConfiguration);
-    diag_put_u32(request + 4, logRetrieveRanges);
+    diagpkt_set_cmd_code(request, kLogConfigCommand);
+    diag_put_u32(request + 4, kLogRetrieveRanges);
     LoggingCfgRetrieveRangesRspListener listener(logItemRanges);
     return setup("loggingCfgRetrieveRangesReq", request, sizeof request, listener);
 }
@@ -404,7 +404,7 @@ bool DIAG::awaitResponse(ResponseListener& listener) {
     using Event = ResponseListener::Event;
     {
         Withdrawal onLeaving(*this, &listener);
-        const auto deadline = ResponseListener::Deadline::clock::now() + responseTimeout;
+        const auto deadline = ResponseListener::Deadline::clock::now() + kResponseTimeout;
         while (listener.wait(deadline) == Event::calledToSend) {
             LockGuard guard(requestLock);
             sendDue();
@@ -480,15 +480,15 @@ bool DIAG::updateLogMask(unsigned short equipmentIdBits) {
     const unsigned equipmentId = equipmentIdBits >> 12;
     const uint32_t items = logItemRanges[equipmentId];
     const int length =
-        items > maxMaskItems ? 0 : static_cast<int>((items + 7) >> 3) + maskHeaderLength;
+        items > kMaxMaskItems ? 0 : static_cast<int>((items + 7) >> 3) + kMaskHeaderLength;
     const std::unique_ptr<Byte, decltype(&free)> request(
         length ? static_cast<Byte*>(calloc(1, static_cast<size_t>(length))) : nullptr, &free);
     if (!request) {
         logger->errorf("loggingCfgSetReq failed to allocate message buffer");
         return false;
     }
-    diagpkt_set_cmd_code(request.get(), logConfiguration);
-    diag_put_u32(request.get() + 4, logSetMask);
+    diagpkt_set_cmd_code(request.get(), kLogConfigCommand);
+    diag_put_u32(request.get() + 4, kLogSetMask);
     diag_put_u32(request.get() + 8, equipmentId);
     diag_put_u32(request.get() + 12, items);
     setMaskBits(equipmentIdBits, request.get(), length);
@@ -500,7 +500,7 @@ bool DIAG::updateLogMask(unsigned short equipmentIdBits) {
 void DIAG::setMaskBits(unsigned short equipmentIdBits, unsigned char* request, int length) {
     const auto last = logListeners.upper_bound(equipmentIdBits | 0x0FFF);
     for (auto it = logListeners.lower_bound(equipmentIdBits); it != last; ++it) {
-        const int at = maskHeaderLength + ((it->first >> 3) & 0x1FF);
+        const int at = kMaskHeaderLength + ((it->first >> 3) & 0x1FF);
         // The target has no item of a number beyond its range.
         if (at < length) request[at] = static_cast<Byte>(request[at] | 1 << (it->first & 7));
     }
@@ -510,7 +510,7 @@ bool DIAG::exchangeLogMask(unsigned char* request, int length) {
     class LoggingCfgRspListener : public ResponseListener {
       public:
         bool onResponse(const unsigned char* rsp, int len) override {
-            return holds(len, 12) && isLogConfigurationDone(rsp, logSetMask);
+            return holds(len, 12) && isLogConfigurationDone(rsp, kLogSetMask);
         }
     };
     LoggingCfgRspListener listener;
@@ -556,7 +556,7 @@ void DIAG::onDIAGData(unsigned char* buf, int len) {
 }
 
 void DIAG::onFrame(unsigned char* frame, int length) {
-    if (frame[0] == logPacket) {
+    if (frame[0] == kLogPacketCommand) {
         onLogFrame(frame, length);
     } else {
         onResponseFrame(frame, length);
@@ -564,7 +564,7 @@ void DIAG::onFrame(unsigned char* frame, int length) {
 }
 
 void DIAG::onLogFrame(const unsigned char* frame, int length) {
-    if (length - 1 < logHeaderLength) {
+    if (length - 1 < kLogHeaderLength) {
         logger->warnf("DIAG::onDIAGData() dropped a log packet of %d bytes", length);
         return;
     }
@@ -572,8 +572,8 @@ void DIAG::onLogFrame(const unsigned char* frame, int length) {
     const auto found = logListeners.find(diag_get_u16(frame + 6));
     if (found == logListeners.end()) return;
 
-    const Byte* const record = frame + logRecordOffset;
-    const int following = length - logRecordOffset;
+    const Byte* const record = frame + kLogRecordOffset;
+    const int following = length - kLogRecordOffset;
     const int claimed = diag_get_u16(record);
     if (claimed > following - 1) {
         logger->warnf("DIAG::onDIAGData() dropped a log record of %d bytes that claims %d",
@@ -581,13 +581,13 @@ void DIAG::onLogFrame(const unsigned char* frame, int length) {
         return;
     }
     // Where the frame holds more than check bytes behind it, the length field was never filled in.
-    const bool honest = following - 1 - claimed <= checkBytes;
+    const bool honest = following - 1 - claimed <= kCheckBytes;
     const int held = honest ? claimed : following - 1;
-    if (held >= readableLogRecord) {
+    if (held >= kReadableLogRecord) {
         found->second->onLog(record);
         return;
     }
-    Byte padded[readableLogRecord] = {};
+    Byte padded[kReadableLogRecord] = {};
     memcpy(padded, record, static_cast<size_t>(held));
     found->second->onLog(padded);
 }

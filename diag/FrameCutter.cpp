@@ -4,9 +4,9 @@ namespace tavrik {
 
 namespace {
 
-constexpr unsigned char frameEnd = 0x7E;
-constexpr unsigned char escapeByte = 0x7D;
-constexpr unsigned char escapeMask = 0x20;
+constexpr unsigned char kFrameEnd = 0x7E;
+constexpr unsigned char kEscapeByte = 0x7D;
+constexpr unsigned char kEscapeMask = 0x20;
 
 }  // namespace
 
@@ -14,13 +14,13 @@ bool FrameCutter::next(Frame& frame) {
     unsigned char* out = at;
     for (unsigned char* in = at; in != end;) {
         const unsigned char byte = *in++;
-        if (byte == escapeByte) {
+        if (byte == kEscapeByte) {
             if (in == end) return false;
-            *out++ = *in++ ^ escapeMask;
+            *out++ = *in++ ^ kEscapeMask;
             continue;
         }
         *out++ = byte;
-        if (byte != frameEnd) continue;
+        if (byte != kFrameEnd) continue;
         frame = {at, static_cast<int>(out - at)};
         at = in;
         return true;

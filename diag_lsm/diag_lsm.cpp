@@ -29,7 +29,7 @@ std::atomic<int> gdwClientID{0};
 
 namespace {
 
-constexpr int max_request_length = 65536;
+constexpr int kMaxRequestLength = 65536;
 
 // Tokens and callback of socket output, which this build never opens.
 struct {
@@ -155,7 +155,7 @@ int diag_callback_send_data(int proc, unsigned char* buf, int len) {
         qsprintf("diag: Invalid processor ID\n");
         return -1;
     }
-    if (len < 1 || len > max_request_length) {
+    if (len < 1 || len > kMaxRequestLength) {
         qsprintf("diag: Invalid length %d in %s", len, "diag_callback_send_data");
         return -1;
     }
@@ -186,14 +186,14 @@ int diag_callback_send_data(int proc, unsigned char* buf, int len) {
 }
 
 int diag_send_data(unsigned char* buf, int len) {
-    constexpr int dci_sent = 1001;
-    constexpr int dci_failed = 1006;
+    constexpr int kDciSent = 1001;
+    constexpr int kDciFailed = 1006;
     errno = 0;
     const int result = diag_device_write(fd, buf, static_cast<size_t>(len));
     if (len >= 4 && diag_get_u32(buf) == DIAG_TYPE_DCI) {
-        if (result == dci_sent) return result;
+        if (result == kDciSent) return result;
         qsprintf(" DCI send data failed, bytes written: %d, error: %d\n", result, errno);
-        return dci_failed;
+        return kDciFailed;
     }
     if (result != 0) {
         qsprintf(" Send data failed, bytes written: %d, error: %d\n", result, errno);

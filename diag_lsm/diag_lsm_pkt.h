@@ -10,8 +10,8 @@
 
 inline namespace tavrik_diag_lsm {
 
-constexpr unsigned char DIAG_CMD_SUBSYSTEM = 75;
-constexpr unsigned char DIAG_CMD_SUBSYSTEM_V2 = 128;
+constexpr unsigned char DIAG_CMD_SUBSYSTEM = 0x4B;
+constexpr unsigned char DIAG_CMD_SUBSYSTEM_V2 = 0x80;
 
 // A handler gets the request packet and its length in bytes, on the reader thread, and returns a
 // response made by a diagpkt_*alloc function, which is then committed for it, or null.
@@ -43,12 +43,12 @@ unsigned char diagpkt_get_cmd_code(const void* pkt);
 // Stores the first byte; nothing for null.
 void diagpkt_set_cmd_code(void* pkt, unsigned char code);
 
-// Subsystem id and subsystem command code of a command 75 or 128; 255 and 65535 for another
+// Subsystem id and subsystem command code of a command 0x4B or 0x80; 255 and 65535 for another
 // command, 0 for null. The packet holds at least 4 bytes.
 unsigned char diagpkt_subsys_get_id(const void* pkt);
 uint16_t diagpkt_subsys_get_cmd_code(const void* pkt);
 
-// Fields of a command 128 packet (12 bytes at least). A null packet or another command is a
+// Fields of a command 0x80 packet (12 bytes at least). A null packet or another command is a
 // programming error: an assertion message and abort(), in every build type.
 uint32_t diagpkt_subsys_get_status(const void* pkt);
 void diagpkt_subsys_set_status(void* pkt, uint32_t status);

@@ -8,8 +8,8 @@ inline namespace tavrik_diag_lsm {
 
 namespace {
 
-constexpr int blocks_per_pool = 10;
-constexpr unsigned int block_size = 2000;
+constexpr int kBlocksPerPool = 10;
+constexpr unsigned int kBlockSize = 2000;
 
 struct pool_block {
     void* memory;
@@ -18,8 +18,8 @@ struct pool_block {
 
 // Guards everything below.
 StaticMutex gaDiagSvcMalloc_mutex;
-pool_block gaDiagSvcMalloc[blocks_per_pool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
-pool_block gaDiagSvcPktMalloc[blocks_per_pool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
+pool_block gaDiagSvcMalloc[kBlocksPerPool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
+pool_block gaDiagSvcPktMalloc[kBlocksPerPool] TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex);
 bool gnDiagSvcMalloc_Initialized TAVRIK_GUARDED_BY(gaDiagSvcMalloc_mutex) = false;
 
 pool_block* pool_of(int pool) TAVRIK_REQUIRES(gaDiagSvcMalloc_mutex) {
@@ -29,7 +29,7 @@ pool_block* pool_of(int pool) TAVRIK_REQUIRES(gaDiagSvcMalloc_mutex) {
 }
 
 void free_idle_blocks(pool_block* blocks) {
-    for (int i = 0; i < blocks_per_pool; ++i) {
+    for (int i = 0; i < kBlocksPerPool; ++i) {
         if (blocks[i].in_use) continue;
         free(blocks[i].memory);
         blocks[i].memory = nullptr;
@@ -38,15 +38,15 @@ void free_idle_blocks(pool_block* blocks) {
 
 // A block that was in use when the pools were last closed may still stand in its slot.
 bool fill_blocks(pool_block* blocks) {
-    for (int i = 0; i < blocks_per_pool; ++i) {
-        if (!blocks[i].memory) blocks[i].memory = malloc(block_size);
+    for (int i = 0; i < kBlocksPerPool; ++i) {
+        if (!blocks[i].memory) blocks[i].memory = malloc(kBlockSize);
         if (!blocks[i].memory) return false;
     }
     return true;
 }
 
 pool_block* block_at(pool_block* blocks, const void* memory) {
-    for (int i = 0; i < blocks_per_pool; ++i) {
+    for (int i = 0; i < kBlocksPerPool; ++i) {
         if (blocks[i].memory == memory) return &blocks[i];
     }
     return nullptr;
@@ -78,7 +78,7 @@ void* DiagSvc_Malloc(unsigned int size, int pool) {
         StaticMutexLock guard(gaDiagSvcMalloc_mutex);
         pool_block* blocks = pool_of(pool);
         if (!blocks || !gnDiagSvcMalloc_Initialized) return nullptr;
-        for (int i = 0; size <= block_size && i < blocks_per_pool; ++i) {
+        for (int i = 0; size <= kBlockSize && i < kBlocksPerPool; ++i) {
             if (blocks[i].in_use) continue;
             blocks[i].in_use = true;
             return blocks[i].memory;

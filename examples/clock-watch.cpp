@@ -65,12 +65,12 @@ bool printSamples(ClockListener& listener, int count) {
 }  // namespace
 
 int main() {
-    constexpr int coreClock = -2;
-    constexpr unsigned int period = 100;
+    constexpr int kCoreClock = -2;
+    constexpr unsigned int kPeriod = 100;
 
     ClockListener listener;
     std::string refusal;
-    if (!ADSPPM::instance()->registerListener(&listener, coreClock, "CORE_CLOCK_FREQ", period,
+    if (!ADSPPM::instance()->registerListener(&listener, kCoreClock, "CORE_CLOCK_FREQ", kPeriod,
                                               refusal)) {
         fprintf(stderr, "clock-watch: %s\n", refusal.c_str());
         return 1;
@@ -86,6 +86,6 @@ int main() {
         }
     }
     // The listener is on this thread's stack: it must not be called once it is gone.
-    ADSPPM::instance()->unregisterListener(&listener, coreClock);
+    ADSPPM::instance()->unregisterListener(&listener, kCoreClock);
     return good ? 0 : 1;
 }

@@ -110,16 +110,16 @@ int main(int argc, char** argv) {
     tavrik::ChannelStore::addFactory("basic", new PrintingChannelFactory);
     tavrik::Logger::loadConfig(argc > 1 ? argv[1] : "examples/embed.json");
 
-    constexpr int slots = 4;
-    constexpr unsigned int period = 100;
+    constexpr int kSlots = 4;
+    constexpr unsigned int kPeriod = 100;
     IgnoringListener listener;
     std::string refusal;
-    for (int event = 1; event <= slots + 1; ++event) {
+    for (int event = 1; event <= kSlots + 1; ++event) {
         ADSPPM::instance()->registerListener(&listener, event, "PMU_" + std::to_string(event),
-                                             period, refusal);
+                                             kPeriod, refusal);
     }
     // The listener is on this thread's stack: it must not be called once it is gone.
-    for (int event = 1; event <= slots; ++event)
+    for (int event = 1; event <= kSlots; ++event)
         ADSPPM::instance()->unregisterListener(&listener, event);
     printf("refused: %s\n", refusal.c_str());
     printf("lines to the adapter: %d, messages to the channel: %d\n", linesLogged.load(),

@@ -13,7 +13,7 @@ using tavrik::ADSPPM;
 
 namespace {
 
-constexpr size_t recordLength = 92;
+constexpr size_t kRecordLength = 92;
 
 struct Values : ADSPPM::Listener {
     void onADSPPMInput(int id, double time_, long double value) override {
@@ -60,12 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     mustHold(ready, "the session starts");
     fuzz::Feed feed(data, size);
     // What the decoder remembers of the input before: a known record.
-    Bytes before(recordLength, 0);
+    Bytes before(kRecordLength, 0);
     before[2] = before[12] = 1;
     receive(before);
     while (!feed.empty()) {
-        Bytes record = feed.bytes(recordLength);
-        record.resize(recordLength);
+        Bytes record = feed.bytes(kRecordLength);
+        record.resize(kRecordLength);
         values.calls.clear();
         receive(record);
         const bool expected = record[12] == 1 && wordAt(before, 2, 2) != 0;

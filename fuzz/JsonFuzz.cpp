@@ -14,8 +14,8 @@ using fuzz::mustHold;
 namespace {
 
 // The text; with `places`, which are more than the parser reads, doubles are equal if it is.
-constexpr int places = 60, few = JSOM::defaultPrecision;
-std::string written(const JSONData& node, int precision = places, bool pretty = false) {
+constexpr int kPlaces = 60, few = JSOM::defaultPrecision;
+std::string written(const JSONData& node, int precision = kPlaces, bool pretty = false) {
     std::string text;
     node.appendJsonString(text, pretty, precision, 0);
     return text;
@@ -48,7 +48,7 @@ void checkCopies(JSONData& node, const std::string& text) {
     JSOM holder(clone), assigned, copied;
     copied.copy(assigned = holder);
     std::string copy;
-    copied.toCompactString(copy, places);
+    copied.toCompactString(copy, kPlaces);
     mustHold(copy == text && written(*clone) == text, "copies are equal");
     holder.expandValues();
     const std::string once = written(*clone);

@@ -8,17 +8,17 @@ using diagsim::Scenario;
 using fuzz::mustHold;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    constexpr int hour = 3600 * 1000;
-    constexpr int minute = 60 * 1000 * 1000;
+    constexpr int kHour = 3600 * 1000;
+    constexpr int kMinute = 60 * 1000 * 1000;
     try {
         const Scenario read = Scenario::parse(std::string(data, data + size), "fuzz.json");
         mustHold(read.openErrno >= 0 && read.emptyReads >= 0, "counts are no less than 0");
-        mustHold(read.adsp.periodUs >= 0 && read.adsp.periodUs <= minute, "periods have a limit");
+        mustHold(read.adsp.periodUs >= 0 && read.adsp.periodUs <= kMinute, "periods have a limit");
         mustHold(read.adsp.claimedLength <= 0xFFFF && read.adsp.recordLength <= 0xFFFF,
                  "lengths fit their fields");
         for (const auto& [name, faults] : read.requests) {
             for (const Fault& fault : faults) {
-                mustHold(fault.delayMs >= 0 && fault.delayMs <= hour, "delays have a limit");
+                mustHold(fault.delayMs >= 0 && fault.delayMs <= kHour, "delays have a limit");
                 mustHold(fault.logCount >= 1, "something is there to be sent");
                 for (const int occurrence : fault.on)
                     mustHold(occurrence >= 1, "occurrences count from 1");

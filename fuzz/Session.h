@@ -23,12 +23,12 @@ struct SilentListener : tavrik::ADSPPM::Listener {
 };
 
 // Eleven days: no log packet comes but those of the target.
-constexpr unsigned never = 1000000000;
+constexpr unsigned kNever = 1000000000;
 
 inline void listen(tavrik::ADSPPM::Listener& listener, int eventId) {
     std::string refusal;
     mustHold(
-        tavrik::ADSPPM::instance()->registerListener(&listener, eventId, "fuzz", never, refusal),
+        tavrik::ADSPPM::instance()->registerListener(&listener, eventId, "fuzz", kNever, refusal),
         "a listener is registered");
 }
 

@@ -78,10 +78,10 @@ int waitUntil(const timespec& deadline, pthread_cond_t* condition, pthread_mutex
 // Leaps to the earliest deadline; false when there is none up to `end`. A wake-up that nobody heard
 // is repeated; who does not come back then waits for something else by now, such as the mutex.
 bool advance(Nanoseconds end) {
-    constexpr int maxWakes = 3;
+    constexpr int kMaxWakes = 3;
     Waiter* next = nullptr;
     for (Waiter& waiter : world.waiters) {
-        if (waiter.wakes == maxWakes || waiter.deadline > end) continue;
+        if (waiter.wakes == kMaxWakes || waiter.deadline > end) continue;
         if (!next || waiter.deadline < next->deadline) next = &waiter;
     }
     if (!next) return false;
@@ -116,9 +116,9 @@ Nanoseconds now() { return Nanoseconds(world.now.load()); }
 
 void sleep(Milliseconds duration) {
     std::mutex mutex;
-    std::condition_variable never;
+    std::condition_variable kNever;
     std::unique_lock<std::mutex> guard(mutex);
-    never.wait_until(guard, steady_clock::time_point(now() + duration), [] { return false; });
+    kNever.wait_until(guard, steady_clock::time_point(now() + duration), [] { return false; });
 }
 
 void run(const std::vector<std::function<void()>>& bodies, Milliseconds limit) {
@@ -164,10 +164,10 @@ int __wrap_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigse
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
-    constexpr Nanoseconds::rep second = 1000000000;
+    constexpr Nanoseconds::rep kSecond = 1000000000;
     if (!isVirtual()) return __real_clock_gettime(clock, time);
-    *time = {static_cast<time_t>(now().count() / second),
-             static_cast<long>(now().count() % second)};
+    *time = {static_cast<time_t>(now().count() / kSecond),
+             static_cast<long>(now().count() % kSecond)};
     return 0;
 }
 

@@ -155,9 +155,9 @@ long long JSONData::longValue() const {
     if (type == kLong) return value.integer;
     if (type == kBoolean) return value.boolean;
     if (type != kDouble || std::isnan(value.real)) return 0;
-    constexpr double beyond = 9223372036854775808.0;
-    if (value.real >= beyond) return Limits::max();
-    if (value.real < -beyond) return Limits::min();
+    constexpr double kBeyond = 9223372036854775808.0;
+    if (value.real >= kBeyond) return Limits::max();
+    if (value.real < -kBeyond) return Limits::min();
     return static_cast<long long>(value.real);
 }
 
@@ -311,10 +311,10 @@ void usePoint(std::string& number) {
 }
 
 // No double has more decimal places than this; the rest would be zeros, which are cut.
-constexpr int mostPlaces = 1074;
+constexpr int kMostPlaces = 1074;
 
 std::string formatDouble(double value, int precision) {
-    char digits[1 + 309 + 1 + mostPlaces + 16];
+    char digits[1 + 309 + 1 + kMostPlaces + 16];
     snprintf(digits, sizeof digits, "%.*Lf", precision, static_cast<long double>(value));
     std::string text(digits);
     usePoint(text);
@@ -339,7 +339,7 @@ void JSONData::appendStringValue(std::string& out, int precision) const {
         default:
             return;
     }
-    const int places = std::min(precision, mostPlaces);
+    const int places = std::min(precision, kMostPlaces);
     std::string text = formatDouble(value.real, places);
     if (static_cast<int>(text.size()) > places + 1) {
         while (text.size() > 1 && text.back() == '0')

@@ -56,9 +56,9 @@ void JSONData::appendStream(std::ostream& out) const {
             stream.write(data, static_cast<std::streamsize>(size));
         }
     };
-    constexpr std::streamsize most = std::numeric_limits<int>::max();
+    constexpr std::streamsize kMost = std::numeric_limits<int>::max();
     Sink sink{out};
-    Writer<Sink>(sink, false, static_cast<int>(std::min(out.precision(), most)), 0).write(*this);
+    Writer<Sink>(sink, false, static_cast<int>(std::min(out.precision(), kMost)), 0).write(*this);
 }
 
 }  // namespace tavrik

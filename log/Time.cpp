@@ -18,11 +18,11 @@ namespace {
 
 using tavrik::Logger;
 
-constexpr double notComputed = -1.0;
-constexpr size_t textSize = 80;
+constexpr double kNotComputed = -1.0;
+constexpr size_t kTextSize = 80;
 
 std::atomic<double> fakeTimeOffset{0.0};
-std::atomic<double> systemStartTime{notComputed};
+std::atomic<double> systemStartTime{kNotComputed};
 
 Logger* timeLogger() {
     static std::atomic<Logger*> logger{nullptr};
@@ -92,7 +92,7 @@ double getFakeTimeOffset() { return fakeTimeOffset; }
 
 double getSystemStartTime() {
     // Two threads that are first compute it both; either result is right.
-    if (systemStartTime == notComputed) computeStartTime();
+    if (systemStartTime == kNotComputed) computeStartTime();
     return systemStartTime;
 }
 
@@ -101,19 +101,19 @@ size_t timeToString(double t, char* out) {
     const int32_t secs = toInt32(t);
     const double fraction = t - secs;
     const int32_t millis = fraction > -1.0 && fraction < 1.0 ? toInt32(fraction * 1000.0) : 0;
-    char format[textSize];
+    char format[kTextSize];
     snprintf(format, sizeof format, "%%x %%X.%d", static_cast<int>(millis));
     const time_t seconds = secs;
     tm broken{};
     gmtime_r(&seconds, &broken);
     out[0] = '\0';
-    const size_t length = strftime(out, textSize, format, &broken);
+    const size_t length = strftime(out, kTextSize, format, &broken);
     if (length == 0) out[0] = '\0';
     return length;
 }
 
 void timeToString(double t, std::string& out) {
-    char text[textSize + 4];
+    char text[kTextSize + 4];
     timeToString(t, text);
     out = text;
 }

@@ -12,7 +12,7 @@ inline namespace tavrik_diag_lsm {
 
 namespace {
 
-constexpr int last_standard_stream = 2;
+constexpr int kLastStandardStream = 2;
 
 // Occupies the closed standard streams for a scope. An O_PATH descriptor refuses reads and writes
 // as a closed one does, so other threads notice nothing.
@@ -22,13 +22,13 @@ class StandardStreamsOccupied {
         int handle = 0;
         do {
             handle = open("/", O_PATH | O_CLOEXEC);
-            if (handle >= 0 && handle <= last_standard_stream) occupied[handle] = true;
-        } while (handle >= 0 && handle <= last_standard_stream);
+            if (handle >= 0 && handle <= kLastStandardStream) occupied[handle] = true;
+        } while (handle >= 0 && handle <= kLastStandardStream);
         if (handle >= 0) close(handle);
     }
     ~StandardStreamsOccupied() {
         const int error = errno;
-        for (int handle = 0; handle <= last_standard_stream; ++handle) {
+        for (int handle = 0; handle <= kLastStandardStream; ++handle) {
             if (occupied[handle] && isStillOurs(handle)) close(handle);
         }
         errno = error;
@@ -43,17 +43,17 @@ class StandardStreamsOccupied {
         return flags >= 0 && (flags & O_PATH) != 0;
     }
 
-    bool occupied[last_standard_stream + 1] = {};
+    bool occupied[kLastStandardStream + 1] = {};
 };
 
 // Makes a system call, and makes it again where a signal interrupted it. Not for ever: a driver
 // that reports nothing but interruptions must not hang its caller.
 template <typename Call>
 int uninterrupted(Call call) {
-    constexpr int max_tries = 1000;
+    constexpr int kMaxTries = 1000;
     const CancellationDisabled uncancelled;
     int result = 0;
-    for (int tries = 0; tries < max_tries; ++tries) {
+    for (int tries = 0; tries < kMaxTries; ++tries) {
         result = static_cast<int>(call());
         if (result != -1 || errno != EINTR) break;
     }

@@ -31,10 +31,10 @@ namespace {
 
 using Byte = unsigned char;
 
-constexpr uint16_t no_table_code = 255;
-constexpr unsigned subsystem_header = 4;
-constexpr unsigned subsystem_v2_header = 12;
-constexpr unsigned max_error_response = 17;
+constexpr uint16_t kNoTableCode = 255;
+constexpr unsigned kSubsystemHeader = 4;
+constexpr unsigned kSubsystemV2Header = 12;
+constexpr unsigned kMaxErrorResponse = 17;
 
 // What stands in front of a packet of diagpkt_alloc(); two guard bytes stand behind it.
 struct response_header {
@@ -45,8 +45,8 @@ struct response_header {
     uint32_t length;
 };
 static_assert(sizeof(response_header) == 24, "the packet starts at byte 24");
-constexpr uint32_t header_magic = 0xDEADD00D;
-constexpr unsigned guard_size = 2;
+constexpr uint32_t kHeaderMagic = 0xDEADD00D;
+constexpr unsigned kGuardSize = 2;
 
 // What stands in front of a packet of diagpkt_delay_alloc().
 struct delayed_header {
@@ -158,12 +158,12 @@ bool classify(const void* pkt, unsigned length, request_key& key) {
     if (!pkt || length < 1) return false;
     const Byte cmd_code = diagpkt_get_cmd_code(pkt);
     if (!is_subsystem(cmd_code)) {
-        key = {no_table_code, no_table_code, cmd_code};
+        key = {kNoTableCode, kNoTableCode, cmd_code};
         return true;
     }
-    if (length < subsystem_header) return false;
+    if (length < kSubsystemHeader) return false;
     const uint16_t table_code =
-        cmd_code == DIAG_CMD_SUBSYSTEM_V2 ? DIAG_CMD_SUBSYSTEM_V2 : no_table_code;
+        cmd_code == DIAG_CMD_SUBSYSTEM_V2 ? DIAG_CMD_SUBSYSTEM_V2 : kNoTableCode;
     key = {table_code, diagpkt_subsys_get_id(pkt), diagpkt_subsys_get_cmd_code(pkt)};
     return true;
 }
@@ -293,12 +293,12 @@ void diagpkt_subsys_set_rsp_cnt(void* pkt, uint16_t count) {
 }
 
 void* diagpkt_alloc(unsigned char code, unsigned int length) {
-    constexpr unsigned overhead = sizeof(response_header) + guard_size;
-    if (fd == -1 || length < 1 || length > UINT32_MAX - overhead) return nullptr;
-    void* block = DiagSvc_Malloc(length + overhead, DIAGSVC_POOL_PACKETS);
+    constexpr unsigned kOverhead = sizeof(response_header) + kGuardSize;
+    if (fd == -1 || length < 1 || length > UINT32_MAX - kOverhead) return nullptr;
+    void* block = DiagSvc_Malloc(length + kOverhead, DIAGSVC_POOL_PACKETS);
     if (!block) return nullptr;
     *static_cast<response_header*>(block) = {
-        DIAG_TYPE_PKT_RESPONSE, {0, 0}, header_magic, length, length};
+        DIAG_TYPE_PKT_RESPONSE, {0, 0}, kHeaderMagic, length, length};
     void* pkt = static_cast<Byte*>(block) + sizeof(response_header);
     put_guard(pkt, length);
     diagpkt_set_cmd_code(pkt, code);
@@ -306,14 +306,14 @@ void* diagpkt_alloc(unsigned char code, unsigned int length) {
 }
 
 void* diagpkt_subsys_alloc(unsigned char id, uint16_t code, unsigned int length) {
-    if (length < subsystem_header) return nullptr;
+    if (length < kSubsystemHeader) return nullptr;
     void* pkt = diagpkt_alloc(DIAG_CMD_SUBSYSTEM, length);
     if (pkt) put_subsystem(pkt, id, code);
     return pkt;
 }
 
 void* diagpkt_subsys_alloc_v2(unsigned char id, uint16_t code, unsigned int length) {
-    if (length < subsystem_v2_header) return nullptr;
+    if (length < kSubsystemV2Header) return nullptr;
     void* pkt = diagpkt_alloc(DIAG_CMD_SUBSYSTEM_V2, length);
     if (!pkt) return nullptr;
     put_subsystem(pkt, id, code);
@@ -340,7 +340,7 @@ void* diagpkt_delay_alloc(unsigned char code, unsigned int length) {
 
 void* diagpkt_subsys_alloc_v2_delay(unsigned char id, uint16_t code, uint16_t delayed_rsp_id,
                                     unsigned int length) {
-    if (length < subsystem_v2_header) return nullptr;
+    if (length < kSubsystemV2Header) return nullptr;
     void* pkt = diagpkt_delay_alloc(DIAG_CMD_SUBSYSTEM_V2, length);
     if (!pkt) return nullptr;
     put_subsystem(pkt, id, code);
@@ -386,7 +386,7 @@ void diagpkt_free(void* pkt) {
 }
 
 void* diagpkt_err_rsp(unsigned char code, const void* req, unsigned int req_length) {
-    const unsigned length = req_length < max_error_response ? req_length + 1 : max_error_response;
+    const unsigned length = req_length < kMaxErrorResponse ? req_length + 1 : kMaxErrorResponse;
     void* pkt = diagpkt_alloc(code, length);
     if (!pkt) return nullptr;
     if (req) {

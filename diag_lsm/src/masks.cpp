@@ -9,7 +9,7 @@ std::atomic<int> diag_sync_mask{0};
 
 namespace {
 
-constexpr int all_masks = 7;
+constexpr int kAllMasks = 7;
 
 // Guards changes of diag_sync_mask; taken alone.
 StaticMutex mask_sync_mutex;
@@ -27,18 +27,18 @@ void update_sync_mask(int bit) {
 void wait_for_masks() {
     StaticMutexLock guard(mask_sync_mutex);
     const StaticDeadline deadline(1000);
-    while (diag_sync_mask != all_masks && mask_sync_cond.waitUntil(mask_sync_mutex, deadline)) {
+    while (diag_sync_mask != kAllMasks && mask_sync_cond.waitUntil(mask_sync_mutex, deadline)) {
     }
 }
 
 // The masks of an earlier session count: the driver's are the same for every client.
 bool do_mask_sync() {
-    constexpr int max_checks = 21;
-    for (int check = 0; check < max_checks; ++check) {
-        if (diag_sync_mask == all_masks) return true;
+    constexpr int kMaxChecks = 21;
+    for (int check = 0; check < kMaxChecks; ++check) {
+        if (diag_sync_mask == kAllMasks) return true;
         wait_for_masks();
     }
-    qsprintf("diag: In %s, mask sync error, count: %d\n", "do_mask_sync", max_checks);
+    qsprintf("diag: In %s, mask sync error, count: %d\n", "do_mask_sync", kMaxChecks);
     return false;
 }
 

@@ -11,8 +11,8 @@ std::atomic<int> curr_read{0};
 
 namespace {
 
-constexpr int pool_count = 2;
-constexpr int buffers_per_pool = 3;
+constexpr int kPoolCount = 2;
+constexpr int kBuffersPerPool = 3;
 
 struct pool_buffer {
     unsigned char* data;
@@ -29,10 +29,10 @@ struct memory_pool {
 };
 
 // Buffers of the two pools alternate in this area.
-unsigned char static_buffer[pool_count * buffers_per_pool][MEMORY_DEVICE_BUFFER_SIZE];
-pool_buffer pool0_buffers[buffers_per_pool];
-pool_buffer pool1_buffers[buffers_per_pool];
-memory_pool pools[pool_count];
+unsigned char static_buffer[kPoolCount * kBuffersPerPool][MEMORY_DEVICE_BUFFER_SIZE];
+pool_buffer pool0_buffers[kBuffersPerPool];
+pool_buffer pool1_buffers[kBuffersPerPool];
+memory_pool pools[kPoolCount];
 
 // Guards flush_log's changes and the two flags; taken alone.
 StaticMutex stop_mutex;
@@ -44,7 +44,7 @@ bool buffer_init = false;
 
 void init_buffers() {
     if (buffer_init) return;
-    for (int i = 0; i < buffers_per_pool; ++i) {
+    for (int i = 0; i < kBuffersPerPool; ++i) {
         pool0_buffers[i].data = static_buffer[2 * i];
         pool1_buffers[i].data = static_buffer[2 * i + 1];
     }
@@ -52,13 +52,13 @@ void init_buffers() {
 }
 
 void empty(memory_pool& pool) TAVRIK_REQUIRES(pool.mutex) {
-    for (int i = 0; i < buffers_per_pool; ++i)
+    for (int i = 0; i < kBuffersPerPool; ++i)
         pool.buffers[i].used = 0;
     pool.full = false;
 }
 
 pool_buffer* buffer_with_room(memory_pool& pool, unsigned length) TAVRIK_REQUIRES(pool.mutex) {
-    for (int i = 0; i < buffers_per_pool; ++i) {
+    for (int i = 0; i < kBuffersPerPool; ++i) {
         if (length <= MEMORY_DEVICE_BUFFER_SIZE - pool.buffers[i].used) return &pool.buffers[i];
     }
     return nullptr;
@@ -88,7 +88,7 @@ bool append_to(memory_pool& pool, const unsigned char* payload, unsigned length)
 
 void memory_device_reset(void) {
     init_buffers();
-    for (int i = 0; i < pool_count; ++i) {
+    for (int i = 0; i < kPoolCount; ++i) {
         StaticMutexLock guard(pools[i].mutex);
         pools[i].buffers = i == 0 ? pool0_buffers : pool1_buffers;
         pools[i].stopped = false;
@@ -151,7 +151,7 @@ bool memory_device_take(int index,
     while (!pool.full && !pool.stopped)
         pool.data_ready.wait(pool.mutex);
     if (!pool.full) return false;
-    for (int i = 0; i < buffers_per_pool; ++i) {
+    for (int i = 0; i < kBuffersPerPool; ++i) {
         if (pool.buffers[i].used) sink(pool.buffers[i].data, pool.buffers[i].used, context);
     }
     empty(pool);

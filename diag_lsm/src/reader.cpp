@@ -24,7 +24,7 @@ std::atomic<int> in_read{0};
 
 namespace {
 
-constexpr int signal_number = SIGUSR2;
+constexpr int kSignalNumber = SIGUSR2;
 
 // Touched by the reader thread only, and by nobody while none runs.
 unsigned char read_buffer[100000];
@@ -44,7 +44,7 @@ void dummy_handler(int) {}
 void refuse_other_signals() {
     sigset_t set;
     sigfillset(&set);
-    for (const int own : {signal_number, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
+    for (const int own : {kSignalNumber, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGSYS})
         sigdelset(&set, own);
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
@@ -54,11 +54,11 @@ void accept_signal() {
     struct sigaction action {};
     action.sa_handler = dummy_handler;  // no SA_RESTART: the read is to return
     sigemptyset(&action.sa_mask);
-    sigaction(signal_number, &action, nullptr);
+    sigaction(kSignalNumber, &action, nullptr);
 
     sigset_t set;
     sigemptyset(&set);
-    sigaddset(&set, signal_number);
+    sigaddset(&set, kSignalNumber);
     if (pthread_sigmask(SIG_UNBLOCK, &set, nullptr) != 0) {
         qsprintf("diag: Failed to unbock signal for read thread\n");
     }
@@ -73,13 +73,13 @@ bool must_stop() {
 // report a few in front of an answer, which must not come late for that; a device that has gone
 // reads as empty for ever, which must not cost processor time.
 long pause_after(int empty_reads) {
-    constexpr int at_once = 10;
-    constexpr int steps = 7;
-    constexpr long shortest = 100;
-    constexpr long longest = 10000;
-    if (empty_reads <= at_once) return 0;
-    const int step = std::min((empty_reads - at_once - 1) / 10, steps);
-    return std::min(shortest << step, longest);
+    constexpr int kAtOnce = 10;
+    constexpr int kSteps = 7;
+    constexpr long kShortest = 100;
+    constexpr long kLongest = 10000;
+    if (empty_reads <= kAtOnce) return 0;
+    const int step = std::min((empty_reads - kAtOnce - 1) / 10, kSteps);
+    return std::min(kShortest << step, kLongest);
 }
 
 void pause_reader(long microseconds) {
@@ -196,7 +196,7 @@ void force_reader_end() {
     memory_device_stop();
     // A signal that falls between the reader's look at the flag and its read is lost: repeat it.
     do {
-        pthread_kill(read_thread_hdl, signal_number);
+        pthread_kill(read_thread_hdl, kSignalNumber);
     } while (!wait_for_reader_end(5000));
 }
 
@@ -204,7 +204,7 @@ void force_reader_end() {
 
 void block_signal() {
     sigset_t set;
-    if (sigemptyset(&set) != 0 || sigaddset(&set, signal_number) != 0) {
+    if (sigemptyset(&set) != 0 || sigaddset(&set, kSignalNumber) != 0) {
         qsprintf("diag: Failed to initialize block set\n");
     }
     if (pthread_sigmask(SIG_BLOCK, &set, nullptr) != 0) {
@@ -230,10 +230,10 @@ bool start_reader() {
 }
 
 int join_reader(bool end_announced) {
-    constexpr long grace = 1000000;
+    constexpr long kGrace = 1000000;
     if (!read_thread_hdl) return ESRCH;
     if (pthread_equal(read_thread_hdl, pthread_self())) return EDEADLK;
-    if (!end_announced || !wait_for_reader_end(grace)) force_reader_end();
+    if (!end_announced || !wait_for_reader_end(kGrace)) force_reader_end();
     const int error = pthread_join(read_thread_hdl, nullptr);
     if (error == 0) read_thread_hdl = 0;
     return error;

@@ -12,7 +12,7 @@ inline namespace tavrik_diag_lsm {
 
 namespace {
 
-constexpr size_t name_size = 25;
+constexpr size_t kNameSize = 25;
 
 // Guards everything below; taken before the diagnostics sink's.
 StaticMutex wakelock_mutex;
@@ -22,12 +22,12 @@ int fd_wakeunlock TAVRIK_GUARDED_BY(wakelock_mutex) = -1;
 bool wakelock_ready TAVRIK_GUARDED_BY(wakelock_mutex) = false;
 
 bool keep_name(const char* name) TAVRIK_REQUIRES(wakelock_mutex) {
-    wl_name = static_cast<char*>(calloc(1, name_size));
+    wl_name = static_cast<char*>(calloc(1, kNameSize));
     if (!wl_name) {
         qsprintf("diag: In %s, cannot allocate memory for wl_name\n", "diag_wakelock_init");
         return false;
     }
-    strncpy(wl_name, name, name_size - 1);
+    strncpy(wl_name, name, kNameSize - 1);
     return true;
 }
 
@@ -72,7 +72,7 @@ void diag_wakelock_init(const char* name) {
         return;
     }
     if (wakelock_ready) {
-        if (strncmp(wl_name, name, name_size) == 0) return;
+        if (strncmp(wl_name, name, kNameSize) == 0) return;
         qsprintf("diag: %s, already holding another wakelock in this process\n",
                  "diag_wakelock_init");
         return;

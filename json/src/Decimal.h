@@ -49,11 +49,11 @@ uint64_t readInteger(Source& source) {
 // read and change nothing.
 template <typename Source>
 double readFraction(Source& source, double integer) {
-    constexpr int reach = 18;
+    constexpr int kReach = 18;
     double value = integer;
     int64_t power = 1;
     for (int place = 0; isDigit(source.peek()); source.advance()) {
-        if (place == reach) continue;
+        if (place == kReach) continue;
         ++place;
         power *= 10;
         value += static_cast<double>(source.peek() - '0') / static_cast<double>(power);

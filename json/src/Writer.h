@@ -74,9 +74,9 @@ class JSONData::Writer {
     // In pretty form: a new line, indented for what is open.
     void lineBreak() {
         if (!pretty) return;
-        static constexpr char text[] = "\n                                                  ";
+        static constexpr char kLineBreak[] = "\n                                                  ";
         const size_t level = opened.size() + static_cast<size_t>(std::max(depth, 0));
-        sink.write(text, std::min(1 + level, sizeof text - 1));
+        sink.write(kLineBreak, std::min(1 + level, sizeof kLineBreak - 1));
     }
 
     Sink& sink;
