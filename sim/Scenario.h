@@ -25,6 +25,9 @@ struct Fault {
     // Where an additional log packet stands relative to the answer.
     enum class Placement { kNone, kOwnBuffer, kSameBuffer, kSameChunk };
 
+    // Over what the answer's frame is split.
+    enum class Split { kNone, kChunks, kBuffers };
+
     std::vector<int> on{};  // occurrences of the request, 1-based; empty: all
     bool drop = false;
     int delayMs = 0;
@@ -35,6 +38,7 @@ struct Fault {
     std::optional<Bytes> answer{};
     std::optional<int> writeResult{};
     int writeErrno = 0;  // 0: EIO
+    bool writeTaken = false;
     bool failRead = false;
     bool hangUp = false;
     Placement logInFront = Placement::kNone;
@@ -46,6 +50,10 @@ struct Fault {
     std::optional<Bytes> rawBehind{};
     std::optional<Bytes> bufferInFront{};
     std::optional<Bytes> bufferBehind{};
+    std::optional<Bytes> remoteInFront{};
+    std::optional<Bytes> remoteBehind{};
+    Split split = Split::kNone;
+    std::optional<size_t> splitAt{};
     bool cutFlag = false;
     std::optional<uint32_t> chunkLength{};
     std::optional<uint32_t> chunkCount{};

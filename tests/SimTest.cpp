@@ -257,6 +257,28 @@ TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {
     EXPECT_EQ(readBuffer(), large) << "one message, whole";
 }
 
+TEST_F(Client, AnAnswerComesInPiecesOrInCompany) {
+    start(R"({"requests": {"event_report": [
+        {"on": [1], "remote_in_front": "7E", "remote_behind": "01"},
+        {"on": [2], "split": "chunks", "split_at": 2},
+        {"on": [3], "split": "buffers"},
+        {"on": [4], "write_result": -1, "write_taken": true}]}})");
+    const Bytes answer = frame({0x60, 0, 0}), half(answer.begin(), answer.begin() + 3);
+    const auto chunk = [](const Bytes& data, size_t from = 0) {
+        return Chunk{Bytes(data.begin() + static_cast<long>(from), data.end()), {}, {}};
+    };
+    Chunk inFront = chunk(frame({0x7E})), behind = chunk(frame({1}));
+    inFront.token = behind.token = 0xFFFFFFFF;
+    for (int i = 0; i < 3; ++i)
+        ASSERT_EQ(send(kEventReport), 0);
+    EXPECT_EQ(readBuffer(), chunkBuffer({inFront, chunk(answer), behind}));
+    EXPECT_EQ(readBuffer(), chunkBuffer({chunk({0x60, 0}), chunk(answer, 2)}));
+    EXPECT_EQ(readBuffer(), chunkBuffer({chunk(half)}));
+    EXPECT_EQ(readBuffer(), chunkBuffer({chunk(answer, 3)}));
+    EXPECT_EQ(send(kEventReport), -1);
+    EXPECT_EQ(readFrames().at(0), (Bytes{0x60, 0, 0}));
+}
+
 TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
     start(R"({"unsolicited": {"period_us": 1}, "requests": {"any": {"log_in_front": "own_buffer",
         "log_count": 20000}}})");
@@ -407,6 +429,8 @@ TEST_F(Client, ScenarioMistakesAreNamed) {
          "f.json: unknown key \"dorp\" in requests.start (known: on, drop, "},
         {R"({"requests": {"any": [{}, {"drop": 1}]}})",
          "f.json: requests.any[1].drop: expected true or false"},
+        {R"({"requests": {"any": {"split_at": 1}}})",
+         "f.json: in requests.any: split_at needs split"},
         {R"({"open": {"errno": "EWHAT"}})",
          "f.json: open.errno: unknown value \"EWHAT\" (known: EACCES, "},
         {R"({"ranges": {"1": 18446744073709551615}})", "f.json: ranges.1: expected a whole number"},

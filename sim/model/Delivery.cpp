@@ -1,5 +1,8 @@
 #include "sim/model/Delivery.h"
 
+#include <algorithm>
+#include <cstddef>
+
 #include "sim/Wire.h"
 
 namespace diagsim {
@@ -8,6 +11,7 @@ namespace {
 using Placement = Fault::Placement;
 
 constexpr const char* kAdsp = "adsp";
+constexpr uint32_t kFirstProcessor = 0u - 1;  // its token
 
 Outgoing step(Outgoing::Action action, const char* line) {
     Outgoing outgoing;
@@ -87,9 +91,8 @@ class Group {
 
     void addAnswers() {
         if (fault_.drop) return;
-        const Placement none = Placement::kNone;
-        addAnswer(fault_.logInFront, fault_.twice ? none : fault_.logBehind);
-        if (fault_.twice) addAnswer(none, fault_.logBehind);
+        addAnswer(true, !fault_.twice);
+        if (fault_.twice) addAnswer(false, true);
     }
 
     void addWhole(const std::optional<Bytes>& buffer) {
@@ -114,17 +117,32 @@ class Group {
         }
     }
 
-    void addAnswer(Placement front, Placement behind) {
-        chunks_.clear();
-        frames_.clear();
-        openChunk_ = false;
+    // With what stands in front of it if it is the first answer, and behind if it is the last.
+    void addAnswer(bool first, bool last) {
+        const Placement front = first ? fault_.logInFront : Placement::kNone;
+        const Placement behind = last ? fault_.logBehind : Placement::kNone;
+        beginBuffer();
         addSharedLogs(front, Placement::kSameBuffer);
+        if (first) addRemote(fault_.remoteInFront);
         addSharedLogs(front, Placement::kSameChunk);
         addAnswerFrame();
         addSharedLogs(behind, Placement::kSameChunk);
         openChunk_ = false;
+        if (last) addRemote(fault_.remoteBehind);
         addSharedLogs(behind, Placement::kSameBuffer);
-        out_.push_back(finishAnswer());
+        out_.push_back(finishBuffer());
+    }
+
+    void beginBuffer() {
+        chunks_.clear();
+        frames_.clear();
+        openChunk_ = false;
+    }
+
+    void addRemote(const std::optional<Bytes>& payload) {
+        if (!payload) return;
+        addFrame("frame of processor 1", *payload, frame(*payload), false);
+        chunks_.back().token = kFirstProcessor;
     }
 
     void addSharedLogs(Placement placement, Placement wanted) {
@@ -138,10 +156,33 @@ class Group {
     void addAnswerFrame() {
         Bytes framed = frame(answer_.packet);
         if (fault_.cutFlag) framed.pop_back();
-        addFrame(answer_.title + " (" + answer_.verdict + ')', answer_.packet, framed, openChunk_);
+        const Bytes rest = splitOff(framed);
+        addAnswerPart(framed, openChunk_);
+        if (!rest.empty()) {
+            if (fault_.split == Fault::Split::kBuffers) nextBuffer();
+            addAnswerPart(rest, false);
+        }
+        openChunk_ = true;
+    }
+
+    // What the fault moves from the end of the frame into a second part.
+    Bytes splitOff(Bytes& framed) const {
+        if (fault_.split == Fault::Split::kNone) return {};
+        const size_t at = std::min(fault_.splitAt.value_or(framed.size() / 2), framed.size());
+        Bytes rest(framed.begin() + static_cast<std::ptrdiff_t>(at), framed.end());
+        framed.resize(at);
+        return rest;
+    }
+
+    void nextBuffer() {
+        out_.push_back(finishBuffer());
+        beginBuffer();
+    }
+
+    void addAnswerPart(const Bytes& part, bool share) {
+        addFrame(answer_.title + " (" + answer_.verdict + ')', answer_.packet, part, share);
         chunks_.back().token = fault_.token;
         chunks_.back().length = fault_.chunkLength;
-        openChunk_ = true;
     }
 
     void addFrame(const std::string& title, const Bytes& payload, const Bytes& framed, bool share) {
@@ -153,7 +194,7 @@ class Group {
         frames_.push_back({title + (frames_.empty() ? "" : place), payload});
     }
 
-    Outgoing finishAnswer() const {
+    Outgoing finishBuffer() const {
         Outgoing outgoing;
         outgoing.bytes = chunkBuffer(chunks_, fault_.chunkCount);
         outgoing.callbackModeOnly = true;
@@ -171,6 +212,8 @@ class Group {
 
     std::string damageName() const {
         std::string name;
+        if (fault_.split == Fault::Split::kChunks) name += ", split over two chunks";
+        if (fault_.split == Fault::Split::kBuffers) name += ", split over two buffers";
         if (fault_.cutFlag) name += ", no end flag";
         if (fault_.chunkLength) name += ", false chunk length";
         if (fault_.chunkCount) name += ", false chunk count";

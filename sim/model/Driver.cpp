@@ -50,7 +50,7 @@ Driver::Result Driver::refuse(const std::string& call, int error, const std::str
 
 Driver::Result Driver::succeed(const std::string& call, long value) {
     trace_.line(kHost, call + " => " + std::to_string(value));
-    return {value, value < 0 ? EIO : 0};
+    return {value, value < 0 ? EIO : 0, value >= 0};
 }
 
 bool Driver::interrupts(int& calls, int count) {
@@ -244,8 +244,8 @@ Driver::Result Driver::localRequest(const Bytes& payload, Time now) {
     const std::string detail = request.detail.empty() ? "" : " (" + request.detail + ')';
     const std::string call =
         describe(std::string(requestTitle(request.kind)) + " request" + detail, payload);
-    if (fault.writeResult) return failWrite(call, fault);
-    const Result result = succeed(call, 0);
+    const Result result = endWrite(call, fault);
+    if (!result.taken) return result;
     const Answer answer = adsp_.execute(request, fault.refuse);
     const Time due = now + std::chrono::milliseconds(fault.delayMs);
     for (Outgoing& outgoing : composeDelivery(answer, fault, adsp_)) {
@@ -274,12 +274,14 @@ const Fault& Driver::pickFault(const std::string& key) {
     return *none;
 }
 
-Driver::Result Driver::failWrite(const std::string& call, const Fault& fault) {
+Driver::Result Driver::endWrite(const std::string& call, const Fault& fault) {
+    if (!fault.writeResult) return succeed(call, 0);
     const int value = *fault.writeResult;
     const int error = value >= 0 ? 0 : fault.writeErrno != 0 ? fault.writeErrno : EIO;
     const std::string name = error == 0 ? "" : ' ' + errnoName(error);
-    trace_.line(kHost, call + " => " + std::to_string(value) + name);
-    return {value, error};
+    const char* const remark = fault.writeTaken ? " (taken all the same)" : "";
+    trace_.line(kHost, call + " => " + std::to_string(value) + name + remark);
+    return {value, error, fault.writeTaken};
 }
 
 // --- ioctl ---

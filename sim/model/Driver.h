@@ -26,6 +26,7 @@ class Driver {
     struct Result {
         long value = 0;
         int error = 0;
+        bool taken = false;  // the driver has done what was asked for, whatever it says
     };
 
     // `trace` outlives the driver.
@@ -93,7 +94,7 @@ class Driver {
     Result remoteRequest(const Bytes& payload, uint32_t processor);
     Result localRequest(const Bytes& payload, Time now);
     const Fault& pickFault(const std::string& key);
-    Result failWrite(const std::string& call, const Fault& fault);
+    Result endWrite(const std::string& call, const Fault& fault);
     void restartLogs(Time now);
     void restartStrays(Time now);
     void dropQueue();

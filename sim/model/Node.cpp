@@ -202,7 +202,7 @@ std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
         write.result = driver_->write(write.data, now());
         session_->wake();
     }
-    const bool lingers = driver_->writesLinger() && write.result->value >= 0;
+    const bool lingers = driver_->writesLinger() && write.result->taken;
     return lingers && standsUnread() ? makeGate() : nullptr;
 }
 

@@ -26,6 +26,7 @@ constexpr Limits kMinuteUs{0, 60 * 1000 * 1000};
 
 // In the order of the enumerators.
 constexpr const char* kModeForms[] = {"pointer", "value", "both", "none"};
+constexpr const char* kSplits[] = {"none", "chunks", "buffers"};
 constexpr const char* kPlacements[] = {"none", "own_buffer", "same_buffer", "same_chunk"};
 
 template <typename Keys>
@@ -45,6 +46,8 @@ void visitAnswerFaults(Keys& keys, Fault& fault) {
                 "the write returns this and the request is lost");
     keys.errorNumber("write_errno", fault.writeErrno,
                      "errno of a negative write_result; none: EIO");
+    keys.flag("write_taken", fault.writeTaken,
+              "the write returns write_result, but the request is executed and answered");
     keys.flag("fail_read", fault.failRead,
               "instead of the answer, the client's read fails with ECONNRESET; later reads return "
               "0, writes and ioctls go on");
@@ -67,10 +70,17 @@ void visitStrayFaults(Keys& keys, Fault& fault) {
     keys.hex("raw_behind", fault.rawBehind, "the same behind the answer");
     keys.hex("buffer_in_front", fault.bufferInFront, "a whole buffer, data type included");
     keys.hex("buffer_behind", fault.bufferBehind, "the same behind the answer");
+    keys.hex("remote_in_front", fault.remoteInFront,
+             "a framed payload of remote processor 1, as a chunk of the answer's buffer");
+    keys.hex("remote_behind", fault.remoteBehind, "the same behind the answer");
 }
 
 template <typename Keys>
 void visitFramingFaults(Keys& keys, Fault& fault) {
+    keys.choice("split", fault.split, kSplits,
+                "the answer's frame is split over two chunks of one buffer, or over two buffers");
+    keys.number("split_at", fault.splitAt, kCount,
+                "bytes of the frame in the first part; none: half of them");
     keys.flag("cut_flag", fault.cutFlag, "the answer's frame has no end flag");
     keys.number("chunk_length", fault.chunkLength, kWord,
                 "length word of the answer's chunk; none: the truth");

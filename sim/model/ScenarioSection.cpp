@@ -140,6 +140,12 @@ Fault ScenarioSection::readFault(const JSOM& value, const std::string& where) co
     if (fault.writeErrno != 0 && fault.writeResult.value_or(0) >= 0) {
         fail("in " + where + ": write_errno needs a negative write_result");
     }
+    if (fault.writeTaken && !fault.writeResult) {
+        fail("in " + where + ": write_taken needs a write_result");
+    }
+    if (fault.splitAt && fault.split == Fault::Split::kNone) {
+        fail("in " + where + ": split_at needs split");
+    }
     return fault;
 }
 
