@@ -126,6 +126,8 @@ std::shared_ptr<Gate> Device::advance(int fd, PendingWrite& write) {
 
 void Device::abandon(PendingWrite& write, int error) { state_->node.abandon(write, error); }
 
-void Device::received(int fd) { state_->node.received(fd); }
+unsigned Device::beginRead() { return state_->node.beginRead(); }
+
+void Device::endRead(unsigned client, bool received) { state_->node.endRead(client, received); }
 
 }  // namespace diagsim

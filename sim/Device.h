@@ -98,8 +98,10 @@ class Device {
     // Ends a write that waits and has no result yet: it gets this errno.
     void abandon(PendingWrite& write, int error);
 
-    // Counts a message that a mount has taken from the descriptor by other means than read().
-    void received(int fd);
+    // read() for a mount that takes messages from the descriptor by other means: around each read,
+    // the first as long as it waits. `client` is what beginRead() returned.
+    unsigned beginRead();
+    void endRead(unsigned client, bool received);
 
   private:
     struct State;

@@ -14,7 +14,24 @@
 namespace diagsim {
 namespace {
 
+constexpr unsigned kNotCounted = 0;  // no client's number
+
 Driver::Time now() { return Driver::Clock::now(); }
+
+// A read under way, also one that the cancellation of its thread ends.
+class CountedRead {
+  public:
+    explicit CountedRead(Node& node) : node_(node), client_(node.beginRead()) {}
+    ~CountedRead() { node_.endRead(client_, received); }
+    CountedRead(const CountedRead&) = delete;
+    CountedRead& operator=(const CountedRead&) = delete;
+
+    bool received = false;
+
+  private:
+    Node& node_;
+    const unsigned client_;
+};
 
 }  // namespace
 
@@ -110,6 +127,7 @@ Driver::Result Node::openLocked(int flags) {
     if (result.value < 0) return result;
     ++opens_;
     reads_ = 0;
+    reading_ = 0;
     // Before the thread exists: masks that are due are there when open returns, and come first.
     Session::Wait next;
     deliverDue(*session, next);
@@ -159,11 +177,10 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
         MutexLock lock(mutex_);
         return isClient(fd) ? driver_->refuseRead() : Driver::Result{-1, EBADF};
     }
-    const unsigned client = opens_;
+    CountedRead counted(*this);
     const ssize_t count = Libc::read(fd, data, length);
     const int error = count < 0 ? errno : 0;
-    // A thread that was blocked through a close may be late.
-    if (countsReads_ && count >= 0 && length > 0 && client == opens_) received(fd);
+    counted.received = count >= 0 && length > 0;
     if (anyClosed_) {
         MutexLock lock(mutex_);
         dropEndedReads();
@@ -171,10 +188,21 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
     return {count, error};
 }
 
-void Node::received(int fd) {
+unsigned Node::beginRead() {
+    if (!countsReads_) return kNotCounted;
     MutexLock lock(mutex_);
-    if (!isClient(fd)) return;
-    ++reads_;
+    ++reading_;
+    if (session_) session_->wake();
+    return opens_;
+}
+
+void Node::endRead(unsigned client, bool received) {
+    if (client == kNotCounted) return;
+    MutexLock lock(mutex_);
+    // A thread that was blocked through a close is none of the present client's.
+    if (!session_ || client != opens_) return;
+    --reading_;
+    if (received) ++reads_;
     session_->wake();
 }
 
@@ -197,13 +225,13 @@ std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
         return nullptr;
     }
     if (!write.result) {
-        const bool blocks = driver_->writesBlock() && standsUnread();
-        if (const auto gate = blocks ? makeGate() : nullptr) return gate;
+        const bool waits = driver_->writesBlock() && !goesOn(false);
+        if (const auto gate = waits ? makeGate(false) : nullptr) return gate;
         write.result = driver_->write(write.data, now());
         session_->wake();
     }
     const bool lingers = driver_->writesLinger() && write.result->taken;
-    return lingers && standsUnread() ? makeGate() : nullptr;
+    return lingers && !goesOn(true) ? makeGate(true) : nullptr;
 }
 
 void Node::abandon(PendingWrite& write, int error) {
@@ -211,24 +239,29 @@ void Node::abandon(PendingWrite& write, int error) {
     write.result = driver_->abandonWrite(write.data, error);
 }
 
-bool Node::standsUnread() {
-    if (!readable_ || !session_->delivers()) return false;
-    return unread(*session_) > 0 || driver_->due(now()) != nullptr;
+bool Node::standsUnread() { return unread(*session_) > 0 || driver_->due(now()) != nullptr; }
+
+bool Node::goesOn(bool taken) {
+    if (!session_ || !readable_ || !session_->delivers()) return true;
+    return !standsUnread() && (!taken || reading_ > 0);
 }
 
-std::shared_ptr<Gate> Node::makeGate() {
+std::shared_ptr<Gate> Node::makeGate(bool taken) {
     auto gate = std::make_shared<Gate>();
     if (!gate->valid()) return nullptr;
     driver_->tellThatWriteWaits(unread(*session_), now());
-    gates_.push_back(gate);
+    waiting_.push_back({gate, taken});
     return gate;
 }
 
 void Node::openGates() {
-    for (const std::weak_ptr<Gate>& one : gates_) {
-        if (const std::shared_ptr<Gate> gate = one.lock()) gate->open();
-    }
-    gates_.clear();
+    const auto end = std::remove_if(waiting_.begin(), waiting_.end(), [this](const Waiting& one) {
+        const std::shared_ptr<Gate> gate = one.gate.lock();
+        const bool open = gate && goesOn(one.taken);
+        if (open) gate->open();
+        return open || !gate;
+    });
+    waiting_.erase(end, waiting_.end());
 }
 
 Driver::Result Node::ioctl(int fd, unsigned long request, void* argument) {
@@ -254,7 +287,7 @@ bool Node::pump(Session& session, Session::Wait& next) {
     while (const std::optional<Bytes> stray = session.takeStray())
         trace_.line("host", describe("written past write()", *stray) + " => lost");
     deliverDue(session, next);
-    if (!gates_.empty() && !standsUnread()) openGates();
+    openGates();
     return true;
 }
 

@@ -50,7 +50,8 @@ class Node {
     Driver::Result open(int flags);
     Driver::Result close(int fd);
     Driver::Result read(int fd, void* data, size_t length);
-    void received(int fd);
+    unsigned beginRead();
+    void endRead(unsigned client, bool received);
     Driver::Result write(int fd, Bytes data);
     std::shared_ptr<Gate> advance(int fd, PendingWrite& write);
     void abandon(PendingWrite& write, int error);
@@ -60,9 +61,18 @@ class Node {
     Driver::Result openLocked(int flags) DIAGSIM_REQUIRES(mutex_);
     bool isClient(int fd) const DIAGSIM_REQUIRES(mutex_);
 
+    // A write that waits, before it is taken or after.
+    struct Waiting {
+        std::weak_ptr<Gate> gate;
+        bool taken;
+    };
+
     // Whether anything that is due has not been read.
     bool standsUnread() DIAGSIM_REQUIRES(mutex_);
-    std::shared_ptr<Gate> makeGate() DIAGSIM_REQUIRES(mutex_);
+    // Whether a write goes on that has or has not been taken.
+    bool goesOn(bool taken) DIAGSIM_REQUIRES(mutex_);
+    std::shared_ptr<Gate> makeGate(bool taken) DIAGSIM_REQUIRES(mutex_);
+    // Of all waiting writes that go on, or, without a client, of all.
     void openGates() DIAGSIM_REQUIRES(mutex_);
 
     // Lets go of closed sessions that nobody reads any more.
@@ -92,8 +102,10 @@ class Node {
     mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
     std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
-    size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;  // of the client, while they are counted
-    std::vector<std::weak_ptr<Gate>> gates_ DIAGSIM_GUARDED_BY(mutex_){};  // of waiting writes
+    // Of the client, while its reads are counted: messages that it has read, and reads under way.
+    size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;
+    size_t reading_ DIAGSIM_GUARDED_BY(mutex_) = 0;
+    std::vector<Waiting> waiting_ DIAGSIM_GUARDED_BY(mutex_){};
     // Their clients closed them with a thread blocked in read().
     std::vector<std::unique_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
 };

@@ -116,7 +116,7 @@ void visitDriver(Keys& keys, Scenario& scenario) {
                    "everything; see below");
         write.flag("returns_after_read", scenario.write.returnsAfterRead,
                    "a write that was taken returns when the client has read everything, an "
-                   "immediate answer included; see below");
+                   "immediate answer included, and reads on; see below");
     });
     keys.section("ioctl", [&](Keys& ioctl) {
         ioctl.number("eintr", scenario.ioctlEintr, kCalls,

@@ -57,7 +57,9 @@ class CuseCalls::Call {
 
 class CuseCalls::Read : public Call {
   public:
-    Read(fuse_req_t its, int fd, size_t size) : Call(its), fd_(fd), message_(size) {}
+    Read(fuse_req_t its, int fd, size_t size)
+        : Call(its), fd_(fd), client_(Device::instance().beginRead()), message_(size) {}
+    ~Read() override { Device::instance().endRead(client_, received_); }
 
     bool answer() override {
         const ssize_t length = recv(fd_, message_.data(), message_.size(), MSG_DONTWAIT);
@@ -65,7 +67,7 @@ class CuseCalls::Read : public Call {
         if (length < 0) {
             giveUp(errno);
         } else {
-            Device::instance().received(fd_);
+            received_ = true;
             fuse_reply_buf(request, message_.data(), static_cast<size_t>(length));
         }
         return true;
@@ -77,7 +79,9 @@ class CuseCalls::Read : public Call {
 
   private:
     const int fd_;
+    const unsigned client_;
     std::vector<char> message_;
+    bool received_ = false;
 };
 
 class CuseCalls::Write : public Call {
