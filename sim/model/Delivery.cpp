@@ -17,7 +17,7 @@ Outgoing step(Outgoing::Action action, const char* line) {
     Outgoing outgoing;
     outgoing.action = action;
     outgoing.who = "driver";
-    outgoing.lines.push_back(line);
+    outgoing.lines.push_back({line, std::nullopt});
     return outgoing;
 }
 
@@ -62,12 +62,6 @@ class Group {
     }
 
   private:
-    // One frame on its way into the answer's buffer.
-    struct Frame {
-        std::string title;
-        Bytes payload;
-    };
-
     bool answered() const { return !fault_.drop && !fault_.failRead && !fault_.hangUp; }
 
     // A log packet that has no answer to share a buffer with goes alone.
@@ -202,11 +196,10 @@ class Group {
         const std::string damage = damageName();
         if (!damage.empty()) {
             outgoing.lines.push_back(
-                describe("raw buffer, " + frames_.front().title + damage, outgoing.bytes));
-            return outgoing;
+                {"raw buffer, " + frames_.front().title + damage, outgoing.bytes});
+        } else {
+            outgoing.lines = frames_;
         }
-        for (const Frame& one : frames_)
-            outgoing.lines.push_back(describe(one.title, one.payload));
         return outgoing;
     }
 
@@ -228,7 +221,7 @@ class Group {
 
     // The answer's buffer while it is put together.
     std::vector<Chunk> chunks_{};
-    std::vector<Frame> frames_{};
+    std::vector<Outgoing::Line> frames_{};
     bool openChunk_ = false;  // the next frame may go into the last chunk
 };
 
@@ -245,7 +238,7 @@ Outgoing frameBuffer(const char* who, const std::string& title, const Bytes& pay
     outgoing.bytes = chunkBuffer({{frame(payload)}});
     outgoing.callbackModeOnly = true;
     outgoing.who = who;
-    outgoing.lines.push_back(describe(title, payload));
+    outgoing.lines.push_back({title, payload});
     return outgoing;
 }
 
@@ -253,7 +246,7 @@ Outgoing wholeBuffer(const char* who, const std::string& title, const Bytes& buf
     Outgoing outgoing;
     outgoing.bytes = buffer;
     outgoing.who = who;
-    outgoing.lines.push_back(describe(title, buffer));
+    outgoing.lines.push_back({title, buffer});
     return outgoing;
 }
 

@@ -1,6 +1,7 @@
 // What the device delivers for one request: the answer, its company, and what goes wrong with it.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,19 +11,27 @@
 
 namespace diagsim {
 
+// "title, 8 bytes: 7D 05 ...".
+std::string describe(const std::string& title, const Bytes& bytes);
+
 // One step of the device end of the connection.
 struct Outgoing {
     enum class Action { kBuffer, kFailRead, kHangUp };
 
+    // A line of the trace, formatted on delivery.
+    struct Line {
+        std::string title{};
+        std::optional<Bytes> bytes{};
+
+        std::string text() const { return bytes ? describe(title, *bytes) : title; }
+    };
+
     Action action = Action::kBuffer;
     Bytes bytes{};
-    bool callbackModeOnly = false;     // dropped unless the driver is in callback mode
-    std::string who{};                 // the trace's second column
-    std::vector<std::string> lines{};  // the trace's lines, written on delivery
+    bool callbackModeOnly = false;  // dropped unless the driver is in callback mode
+    std::string who{};              // the trace's second column
+    std::vector<Line> lines{};
 };
-
-// "title, 8 bytes: 7D 05 ...".
-std::string describe(const std::string& title, const Bytes& bytes);
 
 // A buffer of data type 32 with one framed payload, for the local processor.
 Outgoing frameBuffer(const char* who, const std::string& title, const Bytes& payload);

@@ -144,9 +144,7 @@ const Outgoing* Driver::due(Time now) {
     while (!queue_.empty() && queue_.begin()->first <= now) {
         const Outgoing& first = queue_.begin()->second;
         if (!first.callbackModeOnly || mode_ == kCallbackMode) return &first;
-        for (const std::string& line : first.lines) {
-            trace_.line(first.who, line + " => dropped, not in callback mode");
-        }
+        trace(first, " => dropped, not in callback mode");
         pop();
     }
     return nullptr;
@@ -163,6 +161,12 @@ bool Driver::hasRoom(const Outgoing& outgoing, size_t unread) const {
 std::optional<std::string> Driver::lose(const Outgoing& outgoing) {
     if (!isLimited(outgoing)) return std::nullopt;
     return " => lost, queue full (" + std::to_string(++lost_) + " so far)";
+}
+
+void Driver::trace(const Outgoing& outgoing, const std::string& suffix) {
+    if (!trace_.isRead()) return;
+    for (const Outgoing::Line& line : outgoing.lines)
+        trace_.line(outgoing.who, line.text() + suffix);
 }
 
 std::optional<Driver::Time> Driver::nextDue() const {

@@ -75,6 +75,9 @@ class Driver {
     // it is not lost, but waits for room.
     std::optional<std::string> lose(const Outgoing& outgoing);
 
+    // Writes the lines of a buffer that was delivered, or was not: then `suffix` says why.
+    void trace(const Outgoing& outgoing, const std::string& suffix);
+
     // When there is something to do next; nothing: not before a call.
     std::optional<Time> nextDue() const;
 

@@ -255,13 +255,17 @@ std::shared_ptr<Gate> Node::makeGate(bool taken) {
 }
 
 void Node::openGates() {
-    const auto end = std::remove_if(waiting_.begin(), waiting_.end(), [this](const Waiting& one) {
+    std::vector<Waiting> still;
+    for (const Waiting& one : waiting_) {
         const std::shared_ptr<Gate> gate = one.gate.lock();
-        const bool open = gate && goesOn(one.taken);
-        if (open) gate->open();
-        return open || !gate;
-    });
-    waiting_.erase(end, waiting_.end());
+        if (!gate) continue;
+        if (goesOn(one.taken)) {
+            gate->open();
+        } else {
+            still.push_back(one);
+        }
+    }
+    waiting_ = std::move(still);
 }
 
 Driver::Result Node::ioctl(int fd, unsigned long request, void* argument) {
@@ -321,8 +325,7 @@ bool Node::deliverOne(Session& session, const Outgoing& outgoing) {
             break;
     }
     if (!suffix) return false;
-    for (const std::string& line : outgoing.lines)
-        trace_.line(outgoing.who, line + *suffix);
+    driver_->trace(outgoing, *suffix);
     return true;
 }
 

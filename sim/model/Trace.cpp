@@ -34,6 +34,7 @@ void Trace::openFile() {
 }
 
 void Trace::line(const std::string& who, const std::string& text) {
+    if (!isRead()) return;
     char column[16];
     std::snprintf(column, sizeof column, "%-6s  ", who.c_str());
     const std::string line = column + text;

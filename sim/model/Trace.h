@@ -28,6 +28,9 @@ class Trace {
     // one line on standard error when the trace file cannot be written.
     void beginClock();
 
+    // Whether anybody reads the lines. Who has to format much for a line looks first.
+    bool isRead() const { return keep_ || file_.get() >= 0; }
+
     // Writes one line and wakes who waits on changed().
     void line(const std::string& who, const std::string& text);
 
