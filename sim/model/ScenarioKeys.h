@@ -95,7 +95,7 @@ template <typename Keys>
 void visitFault(Keys& keys, Fault& fault) {
     keys.numbers("on", fault.on, {1, kCount.max},
                  "only at these occurrences of the request (for any: of all requests), counted "
-                 "from 1 over the life of the process or since plug(); empty: at all");
+                 "from 1 over the life of the device; empty: at all of them");
     visitAnswerFaults(keys, fault);
     visitStrayFaults(keys, fault);
     visitFramingFaults(keys, fault);
@@ -105,8 +105,7 @@ template <typename Keys>
 void visitDriver(Keys& keys, Scenario& scenario) {
     keys.section("open", [&](Keys& open) {
         open.errorNumber("errno", scenario.openErrno, "every open fails with it");
-        open.number("eintr", scenario.openEintr, kCalls,
-                    "the first so many opens fail with EINTR; counted since plug()");
+        open.number("eintr", scenario.openEintr, kCalls, "the first so many opens fail with EINTR");
     });
     keys.section("write", [&](Keys& write) {
         write.number("eintr", scenario.write.eintr, kCalls,
@@ -130,12 +129,12 @@ void visitDriver(Keys& keys, Scenario& scenario) {
                      "delay of the masks, and of everything that follows them");
     });
     keys.number("empty_reads", scenario.emptyReads, kCalls,
-                "so many reads of 0 bytes after the masks");
+                "number of reads of 0 bytes after the masks");
     keys.hexes("at_open", scenario.atOpen,
                "whole buffers, data type included, behind those, in any mode");
     keys.number("queue_limit", scenario.queueLimit, kCalls,
-                "so many buffers stand unread at most; user-space data that comes meanwhile is "
-                "lost, and counted in the trace; 0: no limit");
+                "while so many buffers stand unread, user-space data that comes is lost, and "
+                "counted in the trace; 0: no limit");
     keys.section("mode_switch", [&](Keys& modeSwitch) {
         modeSwitch.choice("accepts", scenario.modeForm, kModeForms,
                           "the forms of ioctl 7 that are taken; an argument below 4096 is a value");
@@ -175,10 +174,10 @@ void visitDsp(Keys& keys, Scenario& scenario) {
                     "what its length field says; -1: the truth");
         adsp.number("clock_khz", dsp.clockKhz, kWord, "the core clock");
         adsp.number("clock_offset_ms", dsp.clockOffsetMs, {-kSixtyYearsMs, kSixtyYearsMs},
-                    "how much the ADSP's time is ahead of the host's at plug(); no time is before "
-                    "6 January 1980");
+                    "how far its time is ahead of the host's at first; no time is before 6 January "
+                    "1980");
         adsp.number("clock_drift_ppm", dsp.clockDriftPpm, {-1000000, 1000000},
-                    "how much faster it goes from then on, in millionths");
+                    "how much faster its time goes from then on, in millionths");
     });
 }
 
