@@ -116,7 +116,8 @@ class Checker(unittest.TestCase):
     def test_the_driver_and_the_stream(self):
         def check(case):
             run = self.check_case(case)
-            self.assertEqual(run.status == 0, run.acknowledged(), run)
+            if case.status is not None:
+                self.assertEqual(run.status == 0, run.acknowledged(), run)
 
         self.each(driver_cases(), check)
 
