@@ -1,18 +1,17 @@
-// The calls on the diag device node; every open, read, write, ioctl and close of it is made here.
+// All calls on the diag device node: open, read, write, ioctl, close.
 //
-// Any thread. Results and errno are the system's own. A call that a signal interrupted before
-// anything was transferred is repeated, but for the read, whose interruption ends the reader. Open,
-// write, ioctl and close are no cancellation points: a thread that is cancelled in one of them ends
-// behind it.
+// Any thread. Results and errno are those of the system calls. Calls that a signal interrupts are
+// repeated, because nothing was transferred. The read is the exception: interrupting it ends the
+// reader. Open, write, ioctl and close are not cancellation points.
 #pragma once
 
 #include <cstddef>
 
 inline namespace tavrik_diag_lsm {
 
-// Opens /dev/diag for reading and writing, closed on exec. Never returns one of the descriptors 0,
-// 1 and 2: log lines written to a standard stream that was closed would reach the driver. -1 on
-// failure, with errno set.
+// Opens /dev/diag for reading and writing, with close-on-exec. Returns -1 on failure, with errno
+// set. Never returns descriptor 0, 1 or 2, even if these are closed: log lines would reach the
+// driver.
 int diag_device_open(void);
 
 // Reads one buffer of up to `size` bytes. Returns its length, 0 when the driver had none, or -1.
@@ -26,7 +25,7 @@ int diag_device_write(int handle, const unsigned char* buffer, size_t size);
 int diag_device_ioctl(int handle, unsigned long request, void* argument);
 int diag_device_ioctl(int handle, unsigned long request, unsigned long argument);
 
-// Closes the handle, which is not valid afterwards whatever the result.
+// Closes the handle. It is invalid afterwards, also if the call fails.
 int diag_device_close(int handle);
 
 }  // namespace tavrik_diag_lsm

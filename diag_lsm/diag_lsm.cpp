@@ -20,7 +20,7 @@
 
 inline namespace tavrik_diag_lsm {
 
-// The address of these goes to the driver, which takes it for one of an int.
+// The driver reads the int at the address of these.
 static_assert(sizeof(std::atomic<int>) == sizeof(int), "the driver reads an int");
 
 std::atomic<int> fd{-1};
@@ -31,7 +31,7 @@ namespace {
 
 constexpr int kMaxRequestLength = 65536;
 
-// Tokens and callback of socket output, which this build never opens.
+// State of socket output, which this build never opens.
 struct {
     bool initialized;
     int tokens[DIAG_PROCESSORS];
@@ -74,8 +74,8 @@ bool is_remote_present(int proc) {
 
 }  // namespace
 
-// A thread that is cancelled half-way through Init or DeInit would leave a session that nobody can
-// use or end.
+// Both disable cancellation: a thread canceled half-way would leave a session that nobody can use
+// or end.
 
 int Diag_LSM_Init(unsigned char*) {
     const CancellationDisabled uncancelled;
@@ -112,10 +112,10 @@ int Diag_LSM_DeInit(void) {
         qsprintf("diag: In %s, Error trying to join with thread: %d\n", "Diag_LSM_DeInit", error);
         result = 0;
     }
-    // The reader itself got here: it still reads from the descriptor.
+    // This is the reader, which still reads from the descriptor.
     if (error == EDEADLK) return result;
 
-    // Closed to everybody else before the number can stand for another file.
+    // Clear `fd` first: after close() the number may belong to another file.
     const int closed = diag_device_close(fd.exchange(-1));
     if (closed < 0) {
         qsprintf("diag: In %s, error closing file, ret: %d, errno: %d\n", "Diag_LSM_DeInit", closed,

@@ -1,22 +1,22 @@
 // Client library for the diag driver behind /dev/diag.
 //
 // One client per process: free functions over module-level state. Diag_LSM_Init() opens the device
-// and starts the reader thread, which sorts what the driver delivers by data type; user-space data
-// goes to the registered callbacks in callback mode. Diag_LSM_Init() and Diag_LSM_DeInit() must not
-// run at the same time, nor on the reader thread, and Diag_LSM_DeInit() not while another thread
-// sends; everything else may be called on any thread at any time.
+// and starts the reader thread, which dispatches what the driver delivers by data type. In callback
+// mode, user-space data goes to the registered callbacks. Diag_LSM_Init() and Diag_LSM_DeInit()
+// must not run at the same time, nor on the reader thread. Diag_LSM_DeInit() must not run while
+// another thread sends. All other functions may be called on any thread at any time.
 //
-// Threads: "reader thread" is the one that Diag_LSM_Init() starts; every callback and command
-// handler runs on it. Signal 12 (SIGUSR2) is blocked in the thread that calls Diag_LSM_Init() and
-// interrupts the reader's read; the reader blocks all others that are sent to the process.
+// Threads: Diag_LSM_Init() starts the reader thread. All callbacks and command handlers run on it.
+// Signal 12 (SIGUSR2) is blocked in the thread that calls Diag_LSM_Init() and interrupts the
+// reader's read. The reader blocks all other signals sent to the process.
 //
-// Stopping: Diag_LSM_DeInit() asks the driver to de-initialise, which ends the reader with a
-// type-16 buffer. Where the driver refuses, or nothing comes within a second, it raises a stop flag
-// and sends signal 12 until the reader has reported its end; the descriptor is closed after that
-// only.
+// Stopping: Diag_LSM_DeInit() asks the driver to de-initialise. The driver answers with a type-16
+// buffer, which ends the reader. If the driver refuses, or sends nothing within a second,
+// Diag_LSM_DeInit() sets a stop flag and sends signal 12 until the reader has ended. It closes the
+// descriptor last.
 //
-// Failures are returned; the diagnostic texts go to qsprintf(), which shows them to nobody. Only
-// data that the library must drop because it is malformed gets a warning line of the logger "DIAG".
+// Functions return their failures. Diagnostic texts go to qsprintf(), which discards them. The only
+// log lines are warnings of the logger "DIAG" about malformed data that the library drops.
 #pragma once
 
 #include <pthread.h>
@@ -24,7 +24,7 @@
 #include <atomic>
 #include <cstdint>
 
-// Spelt as global functions and variables; the namespace gives them symbols of the library's own.
+// Used like global names. The inline namespace keeps their symbols apart from a program's own.
 inline namespace tavrik_diag_lsm {
 
 // Data types: the first word of what is read from the driver and written to it.
@@ -71,26 +71,26 @@ struct diag_client {
 
 // Handle of the device; -1 while closed.
 extern std::atomic<int> fd;
-// Delivery mode; the reader looks at it for every type-32 buffer. A caller that changes it tells
-// the driver with DIAG_IOCTL_SWITCH_LOGGING.
+// Delivery mode; the reader reads it for every type-32 buffer. A caller that changes it must also
+// tell the driver, with DIAG_IOCTL_SWITCH_LOGGING.
 extern std::atomic<int> logging_mode;
 extern diag_client client_tbl[DIAG_PROCESSORS];  // by processor; 0 is the local one
 extern const int token_list[DIAG_PROCESSORS];    // on the wire: processor i is -i
 extern pthread_t read_thread_hdl;                // of the last reader; valid while `fd` is open
-// Bits 1, 2 and 4: message, log and event masks have come since the process began.
+// Masks received since the process began: bit 1 message, bit 2 log, bit 4 event masks.
 extern std::atomic<int> diag_sync_mask;
 extern std::atomic<int> gdwClientID;     // the process id
 extern std::atomic<int> num_bytes_read;  // result of the reader's last read
 extern std::atomic<int> in_read;         // 1 while the reader is inside read
 
-// Opens the device, starts the reader and, once it has begun, waits (about 21 ms at most) until the
-// driver has sent its three masks. Returns 1, or 0 on failure; then the device may still be open
-// and the reader running. On an open handle it only repeats what follows the start of the reader.
-// The argument is not used.
+// Opens the device, starts the reader and waits, for about 21 ms at most, for the driver's three
+// masks. Returns 1. Returns 0 on failure; the device may be open and the reader running then. If
+// the device is open already, skips the opening and the start of the reader. The argument is not
+// used.
 int Diag_LSM_Init(unsigned char* unused);
 
-// Withdraws, ends and joins the reader, closes the device. Returns 1 when every step succeeded,
-// else 0. Harmless on a library that was never initialised.
+// Withdraws the command registrations, ends and joins the reader, and closes the device. Returns 1
+// if every step succeeded, else 0. May be called without Diag_LSM_Init().
 int Diag_LSM_DeInit(void);
 
 // Registers the callback of the local processor. `context` is handed to it.
@@ -99,21 +99,21 @@ void diag_register_callback(diag_callback callback, void* context);
 // The same for processor 1..9, which the driver must report present. Returns 0, or -1.
 int diag_register_remote_callback(diag_callback callback, int proc, void* context);
 
-// Sends `len` bytes (1 to 65536) of a request to processor `proc` (0..9). Returns 0 on success, -1
-// on a bad argument or an absent processor, else what the driver's write returned. Does not lock:
-// the caller serialises its sends.
+// Sends a request of `len` bytes (1 to 65536) to processor `proc` (0 to 9). Returns 0 on success,
+// -1 on a bad argument or an absent processor, else the result of the driver's write. Takes no
+// lock: the caller serialises its sends.
 int diag_callback_send_data(int proc, unsigned char* buf, int len);
 
 // Writes one buffer, data type first, to the driver. Returns 0 on success, else the write's result;
 // for DCI data 1001 on success and 1006 on failure.
 int diag_send_data(unsigned char* buf, int len);
 
-// Fills in the mask of remote processors that the driver knows. Returns the ioctl's result.
+// Stores the driver's mask of remote processors. Returns the ioctl's result.
 int diag_has_remote_device(uint16_t* mask);
 
 // Votes for (1) or against (0) real-time mode. Returns the ioctl's result, -1 for another vote.
 int diag_vote_md_real_time(int mode);
-// Fills in the real-time status. Returns the ioctl's result, -1 for null.
+// Stores the real-time status. Returns the ioctl's result, -1 for null.
 int diag_get_real_time_status(int* status);
 int diag_get_max_channels(void);
 
@@ -125,8 +125,8 @@ void diag_wakelock_release(void);
 void diag_wakelock_destroy(void);
 int diag_is_wakelock_init(void);
 
-// Sink of the library's diagnostics: formats into one 256-byte buffer and shows it to nobody.
-// Returns the length of the whole text.
+// Formats a diagnostic text into one 256-byte buffer and discards it. Returns the length of the
+// whole text.
 int qsprintf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace tavrik_diag_lsm

@@ -1,8 +1,7 @@
 // Command-packet service: packet accessors, response packets, and tables of command handlers.
 //
-// Multi-byte packet fields are little-endian and may stand at any address. Unless a function says
-// otherwise it may be called on any thread and takes no lock that outlasts the call. Failures leave
-// no trace outside the library.
+// Multi-byte packet fields are little-endian and need no alignment. Unless stated otherwise, a
+// function may be called on any thread and holds no lock when it returns. Failures are not logged.
 #pragma once
 
 #include <atomic>
@@ -13,8 +12,8 @@ inline namespace tavrik_diag_lsm {
 constexpr unsigned char DIAG_CMD_SUBSYSTEM = 0x4B;
 constexpr unsigned char DIAG_CMD_SUBSYSTEM_V2 = 0x80;
 
-// A handler gets the request packet and its length in bytes, on the reader thread, and returns a
-// response made by a diagpkt_*alloc function, which is then committed for it, or null.
+// Called on the reader thread with the request packet and its length in bytes. Returns a response
+// from a diagpkt_*alloc function, which the caller commits, or null.
 typedef void* (*diagpkt_handler)(void* request, unsigned length);
 
 // Serves the command codes lowest..highest, both included; a null handler serves none.
@@ -35,7 +34,7 @@ struct diagpkt_user_table_desc {
 
 constexpr int DIAGPKT_TABLE_SLOTS = 128;
 
-// Responses whose write failed, since the process began.
+// Number of responses whose write failed.
 extern std::atomic<int> gPkt_commit_fail;
 
 // First byte of a packet; 0 for null.
@@ -56,41 +55,42 @@ uint16_t diagpkt_subsys_get_delayed_rsp_id(const void* pkt);
 void diagpkt_subsys_reset_delayed_rsp_id(void* pkt);
 void diagpkt_subsys_set_rsp_cnt(void* pkt, uint16_t count);
 
-// Response packets of `length` bytes with the code, and the header fields, filled in; the rest is
-// not cleared. Null while the driver handle is closed, when `length` cannot hold the header, and
-// when memory ran out. Given back by diagpkt_commit() or diagpkt_free().
+// Return a response packet of `length` bytes with its code and header fields set; the other bytes
+// are not initialised. Return null if the driver handle is closed, if `length` is too small for the
+// header, or if there is no memory. Release the packet with diagpkt_commit() or diagpkt_free().
 void* diagpkt_alloc(unsigned char code, unsigned int length);
 void* diagpkt_subsys_alloc(unsigned char id, uint16_t code, unsigned int length);
-// Takes a delayed-response id from the driver when the table that serves (id, code) asks for one,
-// and returns null when the driver has none.
+// Gets a delayed-response id from the driver if the table that serves (id, code) asks for one.
+// Returns null if the driver has none.
 void* diagpkt_subsys_alloc_v2(unsigned char id, uint16_t code, unsigned int length);
 
-// A later part of a delayed response. Given back by diagpkt_delay_commit().
+// Return a later part of a delayed response. Release it with diagpkt_delay_commit().
 void* diagpkt_subsys_alloc_v2_delay(unsigned char id, uint16_t code, uint16_t delayed_rsp_id,
                                     unsigned int length);
 void* diagpkt_delay_alloc(unsigned char code, unsigned int length);
 
-// Makes a packet of diagpkt_alloc() shorter; one that would not become shorter stays as it is.
+// Shortens a packet from diagpkt_alloc(). Does nothing unless `length` is less than its allocated
+// length.
 void diagpkt_shorten(void* pkt, unsigned int length);
 
-// Write the packet to the driver, when the handle is open and the length not 0, and give it back.
-// Null is ignored. A failed write is counted in gPkt_commit_fail.
+// Write the packet to the driver, if the handle is open and the length is not 0, and release it.
+// Ignore null. A failed write increments gPkt_commit_fail.
 void diagpkt_commit(void* pkt);
 void diagpkt_delay_commit(void* pkt);
 
-// Gives a packet of diagpkt_alloc() back unsent; null is ignored.
+// Releases a packet from diagpkt_alloc() without sending it. Ignores null.
 void diagpkt_free(void* pkt);
 
-// An error response: `code` and the first bytes of the request, 17 bytes at most. Null as
-// diagpkt_alloc().
+// Returns an error response of at most 17 bytes: `code` and the first bytes of the request. Returns
+// null where diagpkt_alloc() does.
 void* diagpkt_err_rsp(unsigned char code, const void* req, unsigned int req_length);
 
-// Announces a table to the driver and keeps a copy of the descriptor; the entries are not copied
-// and must stay. With all 128 slots taken it is announced all the same, but never consulted.
+// Registers a table with the driver and keeps a copy of the descriptor. The entries are not copied
+// and must stay valid. If all 128 slots are taken, the table is registered but never consulted.
 void diagpkt_tbl_reg(const diagpkt_user_table_desc* table);
 
-// Serves one command packet: calls the first handler that fits and commits its response. Called on
-// the reader thread. A packet shorter than its header is ignored.
+// Passes a command packet to the first matching handler and commits its response. Ignores a packet
+// that is shorter than its header. Reader thread.
 void diagpkt_LSM_process_request(void* pkt, uint16_t length);
 
 // Returns 1; there is nothing to set up.

@@ -1,4 +1,4 @@
-// Block pools of the driver client: small packets without a trip to the heap.
+// Block pools of the driver client, which spare small packets the heap.
 //
 // Two pools of ten blocks of 2000 bytes each. All functions may be called on any thread.
 #pragma once
@@ -8,19 +8,19 @@ inline namespace tavrik_diag_lsm {
 constexpr int DIAGSVC_POOL_GENERAL = 1;
 constexpr int DIAGSVC_POOL_PACKETS = 2;
 
-// Makes the pools; does nothing when they are there already. Returns 1, or 0 when memory ran out
-// (then nothing is kept).
+// Allocates the pools, unless they are allocated already. Returns 1, or 0 if there is no memory.
 int DiagSvc_Malloc_Init(void);
 
-// Frees every block that nobody has in use; a block in use is freed by its own DiagSvc_Free.
+// Frees the unused blocks. DiagSvc_Free() frees the used ones.
 void DiagSvc_Malloc_Exit(void);
 
-// `size` bytes from `pool`: one of its free blocks when size is at most 2000, else from the heap.
-// Null for another pool, before DiagSvc_Malloc_Init(), and when memory ran out.
+// Returns `size` bytes: a free block of `pool` if `size` is at most 2000 and there is one, else
+// memory from the heap. Returns null for an unknown pool, before DiagSvc_Malloc_Init(), and if
+// there is no memory.
 void* DiagSvc_Malloc(unsigned int size, int pool);
 
-// Gives back what DiagSvc_Malloc returned for the same pool. Does nothing for null, nor for memory
-// from the heap once the pools are gone.
+// Releases memory from DiagSvc_Malloc() of the same pool. Does nothing for null, nor for heap
+// memory after DiagSvc_Malloc_Exit().
 void DiagSvc_Free(void* p, int pool);
 
 }  // namespace tavrik_diag_lsm

@@ -4,7 +4,7 @@
 
 inline namespace tavrik_diag_lsm {
 
-// Holds the cancellation of the calling thread back for a scope.
+// Defers the cancellation of the calling thread until the end of a scope.
 class CancellationDisabled {
   public:
     CancellationDisabled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }

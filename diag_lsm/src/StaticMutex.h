@@ -1,5 +1,5 @@
-// Mutex and condition for module-level state: constant-initialised, so they are ready before any
-// constructor runs, and never destroyed, so a reader thread that outlives main() can use them.
+// Mutex and condition for module-level state. They are constant-initialised, so they work before
+// any constructor runs, and never destroyed, so a reader thread that outlives main() can use them.
 #pragma once
 
 #include <pthread.h>
@@ -38,8 +38,8 @@ class TAVRIK_SCOPED_CAPABILITY StaticMutexLock {
 #endif
 #endif
 
-// A point on the clock that StaticCondition waits by: the monotonic one where the C library can
-// wait on it (a device that sets its time at boot must not stretch a wait), else the wall clock.
+// A point in time for StaticCondition. Uses the monotonic clock if the C library can wait on it, so
+// that a device that sets its time at boot does not stretch a wait. Otherwise uses the wall clock.
 class StaticDeadline {
   public:
     explicit StaticDeadline(long microseconds) {
@@ -74,7 +74,7 @@ class StaticCondition {
         pthread_cond_wait(&handle, &mutex.handle);
     }
 
-    // False once the deadline has passed; true when it was woken before, for whatever reason.
+    // False after the deadline; true if it was woken before, for any reason.
     bool waitUntil(StaticMutex& mutex, const StaticDeadline& deadline) TAVRIK_REQUIRES(mutex) {
         return deadline.wait(&handle, &mutex.handle) == 0;
     }

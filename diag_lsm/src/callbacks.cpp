@@ -19,11 +19,11 @@ const int token_list[DIAG_PROCESSORS] = {0, -1, -2, -3, -4, -5, -6, -7, -8, -9};
 
 namespace {
 
-// Guards changes of client_tbl, so that a callback is called with its own context; taken alone, and
-// never held during a call.
+// Guards client_tbl, so that a callback gets its own context. Taken alone, never held during a
+// call.
 StaticMutex client_mutex;
 
-// Walks the chunks of one type-32 buffer; every step looks whether its bytes are there.
+// Walks the chunks of a type-32 buffer. Checks the length before every step.
 class ChunkReader {
   public:
     ChunkReader(unsigned char* data, int length) : at(data), left(length) {}
@@ -84,7 +84,7 @@ bool next_chunk(ChunkReader& reader, chunk& next) {
     return reader.data(word, next.data);
 }
 
-// False when nobody is there to call.
+// False without a callback.
 bool invoke_callback(const chunk& received) {
     diag_callback callback = nullptr;
     void* context = nullptr;

@@ -1,11 +1,12 @@
-// The callbacks of the processors, and the delivery of user-space data to them.
+// The callbacks of the processors, and how user-space data reaches them.
 #pragma once
 
 inline namespace tavrik_diag_lsm {
 
-// A type-32 payload in delivery mode `mode`: in callback mode each of its chunks goes to the
-// callback of its processor; other modes are not served. The delivery of a payload ends at its
-// first malformed chunk (warning logged) and at a processor without a callback. Reader thread.
+// Delivers a type-32 payload. In callback mode, passes each chunk to the callback of its processor;
+// in other modes, discards the payload. Stops at the first malformed chunk (warning logged) and at
+// a processor without a callback. Despite its name, it neither logs nor writes to a device. Reader
+// thread.
 void log_to_device(unsigned char* payload, int length, int mode);
 
 // Forgets all callbacks. Any thread.

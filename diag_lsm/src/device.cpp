@@ -14,8 +14,8 @@ namespace {
 
 constexpr int kLastStandardStream = 2;
 
-// Occupies the closed standard streams for a scope. An O_PATH descriptor refuses reads and writes
-// as a closed one does, so other threads notice nothing.
+// Occupies the descriptors of closed standard streams for a scope. An O_PATH descriptor fails reads
+// and writes with EBADF, so to other threads the streams stay closed.
 class StandardStreamsOccupied {
   public:
     StandardStreamsOccupied() {
@@ -46,8 +46,8 @@ class StandardStreamsOccupied {
     bool occupied[kLastStandardStream + 1] = {};
 };
 
-// Makes a system call, and makes it again where a signal interrupted it. Not for ever: a driver
-// that reports nothing but interruptions must not hang its caller.
+// Repeats a system call while signals interrupt it. The limit keeps a driver that always fails with
+// EINTR from hanging its caller.
 template <typename Call>
 int uninterrupted(Call call) {
     constexpr int kMaxTries = 1000;

@@ -36,7 +36,7 @@ constexpr unsigned kSubsystemHeader = 4;
 constexpr unsigned kSubsystemV2Header = 12;
 constexpr unsigned kMaxErrorResponse = 17;
 
-// What stands in front of a packet of diagpkt_alloc(); two guard bytes stand behind it.
+// In front of a packet from diagpkt_alloc(). Two guard bytes follow the packet.
 struct response_header {
     uint32_t type;
     uint32_t cleared_on_commit[2];
@@ -48,7 +48,7 @@ static_assert(sizeof(response_header) == 24, "the packet starts at byte 24");
 constexpr uint32_t kHeaderMagic = 0xDEADD00D;
 constexpr unsigned kGuardSize = 2;
 
-// What stands in front of a packet of diagpkt_delay_alloc().
+// In front of a packet from diagpkt_delay_alloc().
 struct delayed_header {
     uint32_t length;
     uint32_t type;
@@ -114,7 +114,7 @@ int free_slot() TAVRIK_REQUIRES(gUserTbl_mutex) {
     return -1;
 }
 
-// False only when memory ran out; a table that finds no slot is not kept.
+// False if there is no memory. A table without a free slot is not kept.
 bool keep_table(const diagpkt_user_table_desc& table) {
     StaticMutexLock guard(gUserTbl_mutex);
     const int slot = free_slot();

@@ -1,4 +1,4 @@
-// The logger of what a person should know; everything else goes to qsprintf().
+// The logger for what a person should know. Other diagnostics go to qsprintf().
 #pragma once
 
 #include "log/Logger.h"

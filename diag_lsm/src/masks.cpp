@@ -23,7 +23,7 @@ void update_sync_mask(int bit) {
     mask_sync_cond.notifyAll();
 }
 
-// One check interval, cut short once the masks are complete.
+// Waits for one check interval; returns early once the masks are complete.
 void wait_for_masks() {
     StaticMutexLock guard(mask_sync_mutex);
     const StaticDeadline deadline(1000);
@@ -31,7 +31,6 @@ void wait_for_masks() {
     }
 }
 
-// The masks of an earlier session count: the driver's are the same for every client.
 bool do_mask_sync() {
     constexpr int kMaxChecks = 21;
     for (int check = 0; check < kMaxChecks; ++check) {

@@ -1,20 +1,20 @@
-// Memory-device logging: the reader fills two pools of three buffers in turn, a writer empties
+// Memory-device logging: the reader fills two pools of three buffers in turn, and a writer empties
 // them.
 //
-// Threads: the reader appends and hands over; a file-logging service (not part of this library)
-// takes full pools on a thread of its own. Stopping: memory_device_stop() ends every wait here.
+// Threads: the reader appends data and hands full pools over. A file-logging service, which is not
+// part of this library, takes them on its own thread. Stopping: memory_device_stop() ends all
+// waits.
 #pragma once
 
 #include <atomic>
 
 inline namespace tavrik_diag_lsm {
 
-// Bytes appended to a buffer before its pool goes to the writer, and the room of a buffer beyond
-// it.
+// A buffer with more bytes than the threshold makes its pool full. The size of a buffer.
 constexpr unsigned MEMORY_DEVICE_THRESHOLD = 131071;
 constexpr unsigned MEMORY_DEVICE_BUFFER_SIZE = 143360;
 
-// Non-zero: hand over what has been collected. Set with memory_device_set_flush() only.
+// Non-zero: the reader hands over what it has collected. Set by memory_device_set_flush() only.
 extern std::atomic<int> flush_log;
 // The pool (0 or 1) that the reader fills.
 extern std::atomic<int> curr_read;
@@ -22,19 +22,19 @@ extern std::atomic<int> curr_read;
 // Empties both pools and lets waits happen again. Called while no reader runs.
 void memory_device_reset(void);
 
-// Appends one payload to the current pool, waiting while that pool is with the writer. Dropped when
-// the wait is ended by memory_device_stop(), and when it is longer than a buffer. Reader thread.
+// Appends a payload to the current pool. Waits while the writer has that pool. Drops the payload if
+// memory_device_stop() ends the wait, or if it is longer than a buffer. Reader thread.
 void memory_device_append(const unsigned char* payload, unsigned length);
 
-// While flush_log is set: waits for the writer to finish, gives it the current pool, goes on with
+// While flush_log is set: waits for the writer to finish, hands over the current pool, switches to
 // the other one and waits until flush_log is cleared. Reader thread.
 void memory_device_flush(void);
 
 // Ends every wait, now and until the next memory_device_reset().
 void memory_device_stop(void);
 
-// For the writer: waits until `pool` is full, hands each of its filled buffers to `sink` in order,
-// and gives the pool back to the reader. Returns false when memory_device_stop() ended the wait.
+// For the writer: waits until `pool` is full, passes its filled buffers to `sink` in order, and
+// returns the pool to the reader. Returns false if memory_device_stop() ended the wait.
 bool memory_device_take(int pool,
                         void (*sink)(const unsigned char* data, unsigned length, void* context),
                         void* context);

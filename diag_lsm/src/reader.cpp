@@ -26,21 +26,21 @@ namespace {
 
 constexpr int kSignalNumber = SIGUSR2;
 
-// Touched by the reader thread only, and by nobody while none runs.
+// Used by the reader thread only.
 unsigned char read_buffer[100000];
 
-// Guards the reader's begin and end; taken alone.
+// Guards the flags below; taken alone.
 StaticMutex reader_mutex;
 StaticCondition reader_cond;  // notified when one of the flags becomes true
 bool reader_begun TAVRIK_GUARDED_BY(reader_mutex) = false;
 bool reader_ended TAVRIK_GUARDED_BY(reader_mutex) = true;
 bool reader_stop TAVRIK_GUARDED_BY(reader_mutex) = false;
 
-// Its only job is to interrupt the read; anything more would not be safe in a signal handler.
+// Does nothing: installing it makes the signal interrupt the read.
 void dummy_handler(int) {}
 
-// A signal of the process (an alarm, a child's end) that the kernel hands to this thread would end
-// its read for good. What a thread brings upon itself cannot be put off.
+// The kernel may deliver a signal of the process, such as an alarm, to any thread. On this one it
+// would end the read, and with it the session. Faults of this thread itself cannot be blocked.
 void refuse_other_signals() {
     sigset_t set;
     sigfillset(&set);
@@ -69,9 +69,9 @@ bool must_stop() {
     return reader_stop;
 }
 
-// How long to wait after so many reads in a row that brought nothing, in microseconds. A driver may
-// report a few in front of an answer, which must not come late for that; a device that has gone
-// reads as empty for ever, which must not cost processor time.
+// The pause after `empty_reads` consecutive empty reads, in microseconds. A few empty reads must
+// not delay the answer behind them. A device that is gone returns them for ever; that must not use
+// up the processor.
 long pause_after(int empty_reads) {
     constexpr int kAtOnce = 10;
     constexpr int kSteps = 7;
@@ -139,8 +139,7 @@ void read_until_end() {
         memory_device_flush();
         const int count = read_once();
         if (count < 0) return;
-        // Without a data type of its own: the buffer still holds the previous one, a type 16
-        // perhaps.
+        // Too short for a data type. The buffer still holds the previous one, perhaps a type 16.
         if (count < 4) {
             empty_reads = std::min(empty_reads + 1, 1000);
             pause_reader(pause_after(empty_reads));
@@ -170,8 +169,7 @@ void* CreateWaitThread(void*) {
     return nullptr;
 }
 
-// The time in which the masks have to come is the driver's; a busy machine may need more than that
-// to let a new thread begin.
+// On a busy machine, a new thread may take longer to start than the masks have to arrive.
 void await_begin() {
     StaticMutexLock guard(reader_mutex);
     while (!reader_begun)
@@ -194,7 +192,7 @@ void force_reader_end() {
         reader_cond.notifyAll();
     }
     memory_device_stop();
-    // A signal that falls between the reader's look at the flag and its read is lost: repeat it.
+    // A signal between the reader's check of the flag and its read is lost, so repeat it.
     do {
         pthread_kill(read_thread_hdl, kSignalNumber);
     } while (!wait_for_reader_end(5000));

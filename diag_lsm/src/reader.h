@@ -1,6 +1,6 @@
-// The reader thread: reads from the device and sorts what comes by data type.
+// The reader thread: reads from the device and dispatches buffers by data type.
 //
-// Start and join are called by one thread at a time.
+// One thread at a time may start or join it.
 #pragma once
 
 inline namespace tavrik_diag_lsm {
@@ -8,12 +8,12 @@ inline namespace tavrik_diag_lsm {
 // Blocks signal 12 in the calling thread.
 void block_signal(void);
 
-// Starts the reader and waits until it has begun. False when the thread cannot be created.
+// Starts the reader and waits until it runs. False if the thread cannot be created.
 bool start_reader(void);
 
-// Waits for the reader's end and joins it. It ends by itself where the driver announced the end
-// (`end_announced`) and does so within a second; otherwise it is interrupted. Returns what
-// pthread_join returned: ESRCH without a reader, EDEADLK on the reader itself.
+// Joins the reader. If `end_announced`, gives the driver a second to end it; otherwise, and after
+// that second, interrupts it. Returns the result of pthread_join: ESRCH without a reader, EDEADLK
+// on the reader itself.
 int join_reader(bool end_announced);
 
 }  // namespace tavrik_diag_lsm

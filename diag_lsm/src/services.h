@@ -1,5 +1,5 @@
-// Services that the reader hands data to and that this build does without: masks, log, event and
-// message services, the DCI client. Each accepts what it is given and does nothing.
+// Services that this build leaves out: masks, log, event and message services, and the DCI client.
+// The reader calls them; they do nothing.
 #pragma once
 
 inline namespace tavrik_diag_lsm {
