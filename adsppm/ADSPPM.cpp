@@ -22,8 +22,7 @@ using Byte = unsigned char;
 constexpr unsigned short kLogCode = 0x1645;
 constexpr unsigned int kNoPeriod = 0xFFFFFFFF;
 
-// Seconds from the Unix epoch to 6 January 1980, from which the ADSP counts until a loopback has
-// shown what its clock really counts from.
+// Seconds from the Unix epoch to 6 January 1980, the ADSP's epoch until a loopback measures it.
 constexpr double kInitialTimeShift = 315964800.0;
 
 constexpr Byte kLoopbackSubsystem = 0x12;
@@ -73,7 +72,7 @@ double seconds(const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1000000.0;
 }
 
-// The upper 48 bits count units of 1250 microseconds; of the others only the low eight are used.
+// The upper 48 bits count units of 1250 microseconds. Of the lower 16, only eight count.
 double convert(unsigned int low, unsigned int high, double shift) {
     const uint64_t stamp = static_cast<uint64_t>(high) << 32 | low;
     const uint64_t microseconds = (stamp >> 16) * 1250 + ((low & 0xFF) * 25) / 1000;
@@ -102,7 +101,7 @@ class LoopbackCmdRspListener : public DIAG::ResponseListener {
 
 class ADSPPMConfigRspListener : public DIAG::ResponseListener {
   public:
-    // `noted` is set at once when the response is accepted; null where nobody looks.
+    // Sets `*noted`, unless null, as soon as the response is accepted.
     explicit ADSPPMConfigRspListener(std::atomic<bool>* noted) : note(noted) {}
 
     bool onResponse(const unsigned char* rsp, int len) override {
@@ -147,9 +146,9 @@ ADSPPM::ADSPPM()
 
 ADSPPM::~ADSPPM() = default;
 
-// The listener lives as long as the trigger, which is for ever.
+// The listener is never deleted: triggers live for ever.
 void ADSPPM::subscribeToRunLevel() {
-    // Counted once, although the count's interface is inherited on two paths.
+    // Inherits the interface of the count twice; the overrides merge it.
     class TriggerListener : public Trigger::Listener, public SelfDestructingObject {
       public:
         explicit TriggerListener(ADSPPM* creator) : owner(creator) {}
@@ -217,7 +216,7 @@ bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
 
     const unsigned int period = found->first;
     registered.erase(found);
-    // Such a registration does not count for the period, nor is its slot looked at again.
+    // Without a period, a registration keeps its slot and does not count for the minimum.
     if (period == kNoPeriod) return true;
     if (eventId >= 1 && registered.empty()) freeSlot(eventId);
     if (!registered.empty() && period >= registered.begin()->first) return true;
@@ -297,7 +296,7 @@ bool ADSPPM::startMetricCollection() {
     return true;
 }
 
-// A loopback that fails leaves the time shift as it was; collection does not depend on it.
+// A failed loopback keeps the time shift; collection does not depend on it.
 void ADSPPM::measureTimeShift() {
     Byte request[kLoopbackLength] = {};
     putSubsystemHeader(request, kLoopbackSubsystem, kLoopbackCommand);
@@ -393,9 +392,8 @@ void ADSPPM::updateTimeShift(unsigned int low, unsigned int high, const timeval*
 void ADSPPM::onLog(const unsigned char* record) {
     if (!record) return;
     LockGuard guard(lock);
-    // Behind its accepted answer a start has only to notice that; its write may even block until
-    // this thread has read more. So the packet counts, but nothing is delivered before the start
-    // succeeds.
+    // The start was accepted, but has not returned: its write may block until this thread has read
+    // more. Do not wait for it. Nothing is delivered before it succeeds.
     const bool starting = busy && startAccepted;
     if ((state != collecting && !starting) || record[kRecordVersion] != 1) return;
     const double time = convertTimeStamp(diag_get_u32(record + kRecordTimeLow),
@@ -415,7 +413,7 @@ void ADSPPM::deliverAll(const unsigned char* record, double time) {
     }
 }
 
-// The previous counter is that of the same slot, whatever event it counted then.
+// Compares with the same slot of the previous packet, whatever event it counted.
 void ADSPPM::deliverSlots(const unsigned char* record, double time, double factor) {
     for (int slot = 0; slot < kSlots; ++slot) {
         const int id = record[kRecordSlotIds + slot];

@@ -12,27 +12,27 @@
 
 namespace tavrik {
 
-// The ADSP power manager as a source of metrics: registers listeners for events of its performance
-// monitor, starts and stops collection over DIAG, and turns the log packets that come back into
+// The ADSP power manager as a source of metrics. Registers listeners for events of its performance
+// monitor, starts and stops collection over DIAG, and decodes the ADSP's log packets into
 // time-stamped values.
 //
 // Event ids: 1 to 255 are events of the performance monitor; each distinct one with a listener
 // takes one of four slots. -1 to -7 are values that every log packet carries (-2 is the core
-// clock); they take none. Registrations reach the ADSP with the next start, or when the trigger
-// "_RunLevel" is enabled and changes its value: collection is then restarted if they changed the
-// request.
+// clock); they take none. The next start sends the registrations to the ADSP. So does a change of
+// the trigger "_RunLevel", if it is enabled and the registrations changed the request: it restarts
+// collection.
 //
-// Threads: "callers" are any threads but the DIAG reader; the "reader" is DIAG's thread, on which
-// onLog() and with it every listener runs. Public operations may be called by callers at any time.
+// Threads: the "reader" is DIAG's thread; onLog() and all listeners run on it. "Callers" are all
+// other threads. They may use the public operations at any time.
 //
 // Ownership: a singleton, never destroyed. Listeners belong to their owners.
 //
 // Process: the same rules hold as for DIAG (see DIAG.h): a forked child must not use the object,
 // and a start takes over SIGUSR2.
 //
-// Locks: `lock` is held for short steps and while listeners run, never while DIAG is called. What
-// is under way keeps others out by flags: `busy` (a start or a stop exchanges requests) holds up
-// every operation of callers, `stopping` (to the very end of a stop) only the next start or stop.
+// Locks: `lock` is held for short steps and while listeners run, never while DIAG is called. Flags
+// keep others out: `busy` (a start or a stop exchanges requests) blocks all operations of callers;
+// `stopping` (until the end of a stop) blocks the next start or stop.
 class ADSPPM : public DIAG::LogListener {
   public:
     // Receives the values of one event.
@@ -81,15 +81,15 @@ class ADSPPM : public DIAG::LogListener {
     // succeeded.
     void onLog(const unsigned char* record) override TAVRIK_EXCLUDES(lock);
 
-    // Seconds since the Unix epoch of an ADSP time stamp, by the present time shift.
+    // Converts an ADSP time stamp to seconds since the Unix epoch, with the present time shift.
     double convertTimeStamp(unsigned int low, unsigned int high) const;
 
-    // Sets the time shift from one loopback: the ADSP's time stamp is taken to be that of the
-    // middle between the request's and the response's host time.
+    // Sets the time shift from one loopback. Assumes that the ADSP took its time stamp halfway
+    // between the host times of the request and the response.
     void updateTimeShift(unsigned int low, unsigned int high, const timeval* sent,
                          const timeval* received);
 
-    // Makes a failed or collecting object idle again. Called while nobody uses it.
+    // Returns to the idle state. Call only while nobody uses the object.
     void resetForTesting() TAVRIK_EXCLUDES(lock);
 
   private:
@@ -124,10 +124,10 @@ class ADSPPM : public DIAG::LogListener {
 
     // Seconds to add to an ADSP time stamp. Written by starts, read anywhere.
     std::atomic<double> timeShift;
-    // The reader has accepted the running start's configuration response; cleared by that start.
+    // The configuration response of the running start was accepted. Set by the reader.
     std::atomic<bool> startAccepted;
-    // The configuration request differs from the last one that the ADSP accepted. Written under
-    // `lock`, read anywhere.
+    // The configuration request differs from the last accepted one. Written under `lock`, read
+    // anywhere.
     std::atomic<bool> changed_;
 
     // Guards the state below. Taken after DIAG's listenerLock and the subscriber set's lock of

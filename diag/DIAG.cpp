@@ -77,8 +77,8 @@ bool DIAG::openSession() {
     return configureTarget();
 }
 
-// Drivers differ in whether they take the mode's address or the mode itself. The form that a driver
-// refuses is not tried first again.
+// Some drivers take the mode's address, others the mode itself. A form that the driver refused is
+// not tried first again.
 void DIAG::switchLoggingMode(int mode, bool retryOtherForm) {
     logging_mode = mode;
     const auto tell = [this, mode] {
@@ -201,7 +201,7 @@ bool DIAG::tryDisconnectIfIdle() {
     connected = false;
     requestsGuard.unlock();
     listenersGuard.unlock();
-    // Without a lock: Diag_LSM_DeInit() joins the reader, which may need them to finish.
+    // Without locks: Diag_LSM_DeInit() joins the reader, which may need them to finish.
     LockRelease released(connectLock);
     switchLoggingMode(DIAG_MODE_USB, false);
     Diag_LSM_DeInit();

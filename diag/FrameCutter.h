@@ -8,18 +8,17 @@ struct Frame {
     int length;
 };
 
-// Cuts a buffer of framed data into frames: each ends with the flag 0x7E, and within it the byte
-// behind 0x7D stands for itself XOR 0x20. Unescapes in place; takes time in proportion to the
-// buffer.
+// Cuts a buffer of framed data into frames and unescapes them in place. The flag 0x7E ends a frame.
+// The escape 0x7D stands in front of a byte that was XORed with 0x20. Takes linear time.
 //
-// Threads: used by one thread. Ownership: the buffer is the caller's and outlives cutter and
-// frames.
+// Threads: one thread at a time. Ownership: the buffer belongs to the caller and must outlive the
+// cutter and its frames.
 class FrameCutter {
   public:
     FrameCutter(unsigned char* data, int length) : at(data), end(data + length) {}
 
-    // The next frame. False when the buffer is used up, or what is left has no end flag;
-    // bytesLeft() then tells how much that is.
+    // Cuts the next frame. False at the end of the buffer, and if the rest has no end flag;
+    // bytesLeft() returns the length of the rest.
     bool next(Frame& frame);
 
     int bytesLeft() const { return static_cast<int>(end - at); }

@@ -28,7 +28,7 @@ bool DIAG::registerLogListener(unsigned short logCode, LogListener* listener) {
     while (listener && connect()) {
         LockGuard guard(listenerLock);
         waitWhileMaskBusy();
-        // Another thread may have disconnected since; from the insertion on nobody can.
+        // Another thread may have disconnected. After the insertion nobody can.
         if (!connected) continue;
         registered = insertListener(logCode, listener) && updateLogMask(logCode & 0xF000);
         break;
@@ -97,7 +97,7 @@ void DIAG::setMaskBits(unsigned short equipmentIdBits, unsigned char* request, i
     const auto last = logListeners.upper_bound(equipmentIdBits | 0x0FFF);
     for (auto it = logListeners.lower_bound(equipmentIdBits); it != last; ++it) {
         const int at = kMaskHeaderLength + ((it->first >> 3) & 0x1FF);
-        // The target has no item of a number beyond its range.
+        // The target has no items beyond its range.
         if (at < length) request[at] = static_cast<Byte>(request[at] | 1 << (it->first & 7));
     }
 }
@@ -141,7 +141,7 @@ void DIAG::onLogFrame(const unsigned char* frame, int length) {
                       following - 1, claimed);
         return;
     }
-    // Where the frame holds more than check bytes behind it, the length field was never filled in.
+    // If more than check bytes follow the claimed length, the field was never filled in.
     const bool honest = following - 1 - claimed <= kCheckBytes;
     const int held = honest ? claimed : following - 1;
     if (held >= kReadableLogRecord) {

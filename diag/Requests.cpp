@@ -33,7 +33,7 @@ void DIAG::ResponseListener::handOver(bool result) {
     LockGuard guard(lock);
     accepted = result;
     done = true;
-    // Inside the lock: the waiter may destroy this listener once it has seen `done`.
+    // Under the lock: the waiter may destroy this listener as soon as it sees `done`.
     lock.notify();
 }
 
@@ -111,7 +111,7 @@ bool DIAG::sendRequest(unsigned char* data, int length, ResponseListener* listen
     Withdrawal onUnwinding(*this, listener);
     while (data && connect()) {
         LockGuard guard(requestLock);
-        // Another thread may have disconnected since.
+        // Another thread may have disconnected.
         if (!connected) continue;
         sent = enqueue(data, length, listener);
         break;
@@ -138,7 +138,7 @@ bool DIAG::isDue() const { return !sending && !requests.empty() && !requests.fro
 
 int DIAG::sendFront(const char* format) {
     if (std::exchange(delegated, false)) requestLock.notifyAll();
-    // Its place in the queue may be gone when the write returns: the answer may come before.
+    // The answer may arrive before the write returns and remove the request from the queue.
     Request taken = requests.front().takeForSending();
     const unsigned long finishedBefore = finished;
     int result = 0;
@@ -187,7 +187,7 @@ bool DIAG::awaitResponse(ResponseListener& listener) {
             sendDueOrDelegate();
         }
     }
-    // Last: an answer that came at the last moment counts.
+    // Read last, so that an answer at the last moment counts.
     return listener.accepted;
 }
 
@@ -196,14 +196,14 @@ void DIAG::withdraw(ResponseListener& listener) {
     for (Request& request : requests) {
         if (request.listener == &listener) request.listener = nullptr;
     }
-    // It may have been called to send, and leaves without.
+    // This caller may have been woken to send, and leaves.
     sendDueOrDelegate();
 }
 
 void DIAG::onResponseFrame(const unsigned char* frame, int length) {
     LockGuard guard(requestLock);
-    // A frame answers the front request. One that is due must be on its way by then; who was called
-    // to send it comes within its own time-out.
+    // The frame answers the front request, so a delegated one must be on its way first. Its sender
+    // wakes within its own time-out.
     while (delegated)
         requestLock.wait();
     // While another request's write has not returned, the front one may still be unsent.
