@@ -7,7 +7,7 @@ namespace tavrik {
 // The process-wide pool, named "Default".
 class DefaultThreadGroup {
   public:
-    // Made on the first call, which may come from any thread, and never destroyed.
+    // Created by the first call, never destroyed. Any thread.
     static ThreadGroup* Instance();
 };
 

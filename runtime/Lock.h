@@ -6,14 +6,13 @@
 
 namespace tavrik {
 
-// A mutex with one condition, so that one object serves as a critical section and as a monitor.
+// A mutex with one condition variable: a critical section and a monitor in one object.
 //
-// Threads: every operation may be called on any thread. Not recursive: a thread that locks twice
-// deadlocks. Ownership: embedded in the object it guards; nobody may hold it or wait on it when it
-// is destroyed.
+// Threads: any thread may call any operation. Not recursive: locking twice deadlocks. Ownership:
+// embedded in the object it guards. No thread may hold it or wait on it when it is destroyed.
 //
-// A failing pthread call is printed with perror ("pthread_mutex_lock() error" and the like) and
-// otherwise ignored; nothing is thrown and nothing is returned.
+// Prints a failing pthread call with perror ("pthread_mutex_lock() error" and so on) and otherwise
+// ignores it. Throws and returns nothing.
 class TAVRIK_CAPABILITY("mutex") Lock {
   public:
     Lock();
@@ -24,16 +23,16 @@ class TAVRIK_CAPABILITY("mutex") Lock {
     void lock() TAVRIK_ACQUIRE();
     void unlock() TAVRIK_RELEASE();
 
-    // Gives the lock up, sleeps until a notification and takes the lock again. May also return
-    // without one, so the caller tests its own condition in a loop.
+    // Releases the lock, sleeps until a notification and takes the lock again. May wake spuriously:
+    // test the condition in a loop.
     void wait() TAVRIK_REQUIRES(this);
 
-    // As wait(), but for `milliseconds` (0 or more) at most. The deadline stands on the wall clock:
-    // a clock step lengthens or shortens the wait. Does not tell a time-out from a notification.
+    // As wait(), for at most `milliseconds` (0 or more). The deadline is on the wall clock: a clock
+    // step changes the wait. The caller cannot tell a time-out from a notification.
     void wait(int milliseconds) TAVRIK_REQUIRES(this);
 
-    // Wake one waiter or all of them. The lock need not be held, but a waiter can miss a
-    // notification that is sent without it.
+    // Wake one waiter, or all. The lock need not be held, but a waiter can miss a notification sent
+    // without it.
     void notify();
     void notifyAll();
 
@@ -42,8 +41,8 @@ class TAVRIK_CAPABILITY("mutex") Lock {
     pthread_cond_t condition;
 };
 
-// Holds a Lock for a scope, and gives it back also when an exception passes. May be opened and
-// closed again in between with unlock() and lock(); used by one thread only.
+// Holds a Lock for a scope, also if an exception ends it. unlock() and lock() release it and take
+// it again in between. Used by one thread.
 class TAVRIK_SCOPED_CAPABILITY LockGuard {
   public:
     explicit LockGuard(Lock& guarded) TAVRIK_ACQUIRE(guarded) : lock_(guarded), held_(true) {
@@ -69,9 +68,9 @@ class TAVRIK_SCOPED_CAPABILITY LockGuard {
     bool held_;
 };
 
-// Gives a held Lock up for a scope and takes it again at the end, also when an exception passes.
-// The thread-safety analysis does not see it and takes the lock as held throughout, so nothing
-// guarded may be touched in that scope.
+// Releases a held Lock for a scope and takes it again at the end, also if an exception ends it. The
+// thread-safety analysis does not notice and assumes that the lock is held, so do not use guarded
+// data in the scope.
 class LockRelease {
   public:
     explicit LockRelease(Lock& held) TAVRIK_NO_THREAD_SAFETY_ANALYSIS : lock(held) {
@@ -85,8 +84,8 @@ class LockRelease {
     Lock& lock;
 };
 
-// Keeps a flag true for a scope, so that others who wait for it on `lock` stay out while the lock
-// itself is free (see LockRelease); lets them all on at the end. Made and ended with `lock` held.
+// Keeps a flag true for a scope and wakes all waiters at the end. Keeps others out while the lock
+// itself is released (see LockRelease). Construct and destroy with `lock` held.
 class BusyFlag {
   public:
     BusyFlag(bool& guardedFlag, Lock& guardingLock) : flag(guardedFlag), lock(guardingLock) {

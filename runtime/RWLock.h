@@ -6,19 +6,18 @@
 
 namespace tavrik {
 
-// A lock that many readers or one writer hold, with a condition of its own on which holders can
-// sleep ("public" waits).
+// A reader/writer lock with a condition of its own on which holders can sleep ("public" waits).
 //
-// Readers are preferred: a reader enters whenever no writer holds the lock, so a steady stream of
-// readers starves writers. Not re-entrant: a thread that holds the write lock and asks for either
-// lock waits for ever.
+// Prefers readers: a reader enters whenever no writer holds the lock, so a steady stream of readers
+// starves writers. Not re-entrant: a thread that holds the write lock and asks for either lock
+// deadlocks.
 //
-// Threads: every operation may be called on any thread. A thread that waits here holds no mutex of
-// this class. Ownership: embedded in the object it guards; nobody may hold it or wait on it when it
-// is destroyed.
+// Threads: any thread may call any operation. Waiting threads hold no mutex of this class.
+// Ownership: embedded in the object it guards. No thread may hold it or wait on it when it is
+// destroyed.
 //
-// There is no failure: unlocking what is not locked leaves the counts at zero (but writeUnlock()
-// always ends the write lock).
+// Operations do not fail. Unlocking an unlocked lock keeps the counts at zero, but writeUnlock()
+// always ends the write lock.
 class TAVRIK_CAPABILITY("rwlock") RWLock {
   public:
     RWLock() = default;
@@ -30,48 +29,46 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
     void readLock() TAVRIK_ACQUIRE_SHARED();
     void writeLock() TAVRIK_ACQUIRE();
 
-    // Give the lock up and wake who can use it: the last reader one writer, a writer everybody who
-    // is waiting at that moment (the readers among them enter together).
+    // Release the lock. The last reader wakes one writer. A writer wakes all threads that wait at
+    // that moment; the readers among them enter together.
     void readUnlock() TAVRIK_RELEASE_SHARED();
     void writeUnlock() TAVRIK_RELEASE();
 
-    // Take the lock if that needs no waiting, and tell whether it was taken. A read lock is not
-    // refused because of writers that wait. A write lock is refused also where readers only wait.
+    // Take the lock and return true, unless that would block. Waiting writers do not block a read
+    // lock. Waiting readers do block a write lock.
     bool tryReadLock() TAVRIK_TRY_ACQUIRE_SHARED(true);
     bool tryWriteLock() TAVRIK_TRY_ACQUIRE(true);
 
-    // For a holder of a read lock, who ends up with the write lock. Not atomic: wakes nobody and
-    // queues as any writer, so another one may get in between, and what was read under the read
-    // lock is to be looked at again.
+    // Exchanges the caller's read lock for the write lock. Not atomic: it wakes nobody and queues
+    // like any writer. Another writer may get in between, so check again what was read under the
+    // read lock.
     void promoteToWriteLock() TAVRIK_RELEASE_SHARED() TAVRIK_ACQUIRE();
 
-    // For the holder of the write lock, who ends up with a read lock. Wakes nobody: threads that
-    // were waiting sleep on until an unlock that wakes them. Beware: waiting readers count as
-    // readers, so the readUnlock() that follows is not such an unlock, and no writer gets in.
+    // Exchanges the caller's write lock for a read lock. Wakes nobody: waiting threads sleep until
+    // an unlock that wakes them. Waiting readers count as readers, so the readUnlock() that follows
+    // does not wake them, and no writer gets in.
     void demoteToReadLock() TAVRIK_RELEASE() TAVRIK_ACQUIRE_SHARED();
 
-    // For a holder of the read lock or of the write lock: give it up as unlocking does, sleep until
-    // a notification, take the lock again. With `milliseconds` (0 or more) also return without a
-    // notification, after that time or earlier; nothing tells which, so the caller tests its own
-    // condition. The time counts for the sleep alone, not for taking the lock again.
+    // For a holder of the read or the write lock: release it as unlocking does, sleep until a
+    // notification, take the lock again. With `milliseconds` (0 or more), may also wake without a
+    // notification, at the latest after that time; test the condition. The time limits the sleep,
+    // not the taking of the lock.
     void readerWait() TAVRIK_REQUIRES_SHARED(this);
     void readerWait(int milliseconds) TAVRIK_REQUIRES_SHARED(this);
     void writerWait() TAVRIK_REQUIRES(this);
     void writerWait(int milliseconds) TAVRIK_REQUIRES(this);
 
-    // Wake one or all of the threads in readerWait() and writerWait(); with nobody there, do
-    // nothing. Any thread may call them, and whoever changes what a thread waits for does that
-    // under the write lock, so that no waiter misses it. A notification belongs to no thread in
-    // particular: one that is left over, or not yet used, ends the wait of the next who comes.
+    // Wake one thread, or all, in readerWait() and writerWait(). Do nothing if there is none. Any
+    // thread. Change what a thread waits for under the write lock, so that no waiter misses the
+    // change. A notification does not belong to a thread: an unused one ends the next wait.
     void notify();
     void notifyAll();
 
-    // How many threads sleep in any of the operations above.
+    // The number of threads that sleep in the operations above.
     unsigned waitersForTesting();
 
   private:
-    // A thread that waits to get the lock: lives on that thread's stack while it waits, and holds
-    // its ticket. Guarded by `lock`.
+    // A thread that waits for the lock, with its ticket. On that thread's stack. Guarded by `lock`.
     struct PrivateWaiter {
         bool granted = false;
         PrivateWaiter* next = nullptr;
@@ -82,10 +79,10 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
     void _readUnlock(bool notify) TAVRIK_REQUIRES(lock);
     void _writeUnlock(bool notify) TAVRIK_REQUIRES(lock);
 
-    // Wait for a ticket of this thread's own.
+    // Waits for this thread's ticket.
     void privateWait() TAVRIK_REQUIRES(lock);
-    // Give a ticket to the thread that has waited longest without one, or to all that wait now. A
-    // thread that comes later never gets a ticket that was given before.
+    // Give a ticket to the longest-waiting thread without one, or to all waiting threads. Threads
+    // that come later get none of these tickets.
     void privateNotify() TAVRIK_REQUIRES(lock);
     void privateNotifyAll() TAVRIK_REQUIRES(lock);
 

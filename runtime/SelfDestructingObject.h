@@ -5,12 +5,11 @@
 
 namespace tavrik {
 
-// Counts the references to itself and deletes itself when release() brings the count back to 0.
-// Made with new and a count of 0; one that is never reserved is never deleted this way.
+// Counts its references and deletes itself when release() returns the count to 0. Create it with
+// new; the count starts at 0. An object that is never reserved never deletes itself.
 //
-// Threads: both operations may be called on any thread; the object is deleted on the one that makes
-// the last release(), with no lock held. The inherited Lock guards the count and is free for
-// nothing else while it is in use for that.
+// Threads: any thread. The thread of the last release() deletes the object, with no lock held. The
+// inherited Lock guards the count.
 class SelfDestructingObject : public Lock, public SelfDestructingResource {
   public:
     void reserve() override TAVRIK_EXCLUDES(this);

@@ -2,17 +2,17 @@
 
 namespace tavrik {
 
-// Something that several owners share and that ends with the last reference to it.
+// A resource with several owners. It ends with its last reference.
 //
-// Each owner takes a reference with reserve() before it uses the resource and gives it back with
-// release(); it must not touch the resource afterwards. References must not form circles.
+// An owner takes a reference with reserve() before it uses the resource and drops it with
+// release(). It must not use the resource afterwards. References must not form cycles.
 class SelfDestructingResource {
   public:
     virtual ~SelfDestructingResource() = default;
 
     virtual void reserve() = 0;
 
-    // True when this was the last reference: the resource is gone.
+    // Drops a reference. True if it was the last one: the resource is gone.
     virtual bool release() = 0;
 };
 

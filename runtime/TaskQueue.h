@@ -9,41 +9,40 @@
 
 namespace tavrik {
 
-// A queue of T that is drained, in order, on a thread of a group: one drain task at a time, which
-// runs until it finds the queue empty. Entries come in while others are drained.
+// A queue of T that a thread of a group drains in order. One drain task runs at a time, until the
+// queue is empty. Entries may be added while it runs.
 //
-// Threads: "the drain" is the worker on which run() and exec() happen. Everything else may be
-// called on any thread.
+// Threads: "the drain" is the worker that runs run() and exec(). Any thread may call the other
+// operations.
 //
-// Stopping: close() drops what comes later and waits for the drain. A derived class calls it first
-// thing in its own destructor: the base's comes too late for exec(). The group must stay open
-// longer than the queue.
+// Stopping: close() waits for the drain; later entries are dropped. Derived classes must call it at
+// the begin of their destructors, because exec() is theirs. The group must stay open longer than
+// the queue.
 //
-// Must not be done, because it would wait for itself for ever: close() or destruction from exec();
-// add() from exec() to a full queue with a limit.
+// Deadlocks if exec() closes or destroys the queue, or adds to a full queue with a limit.
 template <typename T>
 class TaskQueue : public Runnable {
   public:
-    // `limit` is how many entries may wait before producers do; 0: as many as come.
+    // Producers wait while `entryLimit` entries are queued; 0: no limit.
     TaskQueue(ThreadGroup* drainGroup, int entryLimit) : group(drainGroup), limit(entryLimit) {}
     ~TaskQueue() override { TaskQueue::close(); }
     TaskQueue(const TaskQueue&) = delete;
     TaskQueue& operator=(const TaskQueue&) = delete;
 
-    // Queues an entry, waiting for room if there is a limit. Dropped when closed.
+    // Queues an entry. Waits for room if there is a limit. Drops the entry if the queue is closed.
     void add(const T& entry) TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         append(entry);
     }
 
   protected:
-    // Called on the drain for each entry, with no lock of the queue's held; `index` counts from 1
+    // Handles an entry. Called on the drain with no lock of the queue held. `index` counts from 1
     // to `count` in each batch.
     virtual void exec(const T& entry, int index, int count) = 0;
 
   public:
-    // Waits until the drain has ended and no producer waits. What is queued is drained before, but
-    // for entries whose drain could not be started.
+    // Closes the queue. Waits until its entries are drained and no producer waits. Entries whose
+    // drain could not be started are lost.
     virtual void close() TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
         if (!group) return;
@@ -62,9 +61,9 @@ class TaskQueue : public Runnable {
         }
     }
 
-    // Whether a drain is under way or about to begin.
+    // True while a drain runs or is about to.
     bool isRunning() const { return running; }
-    // Entries that wait or are being drained; the largest batch so far.
+    // The number of entries that wait or are being drained; the size of the largest batch.
     int getSize() const { return size; }
     int getMaxSize() const { return maxSize; }
 
@@ -81,7 +80,7 @@ class TaskQueue : public Runnable {
     Lock lock;
 
   private:
-    // Where the system has no thread for the drain, the next entry tries again.
+    // If the system has no thread for the drain, the next entry tries again.
     void startDrain() TAVRIK_REQUIRES(lock) {
         if (!running) running = group->trySpawn(this);
     }
@@ -90,7 +89,7 @@ class TaskQueue : public Runnable {
         return limit != 0 && static_cast<int>(input->size()) >= limit;
     }
 
-    // False when closed. Without a drain nobody would make room, so then there is no wait.
+    // False if closed. Does not wait without a drain: nobody would make room.
     bool waitForRoom() TAVRIK_REQUIRES(lock) {
         if (!group) return false;
         if (!isFull()) return true;
@@ -104,7 +103,7 @@ class TaskQueue : public Runnable {
         return false;
     }
 
-    // Swaps the queues; null, with the drain at its end, when nothing has come in.
+    // Swaps the queues. Null, and the drain ends, if there are no entries.
     std::deque<T>* nextBatch() TAVRIK_REQUIRES(lock) {
         std::deque<T>* const batch = input;
         if (batch->empty()) {

@@ -14,13 +14,14 @@ class Logger;
 
 // A detached thread that runs one Runnable, or an overridden run().
 //
-// Ownership: made with new and shared by references; the running thread holds one of its own, so a
-// thread that nobody else holds deletes itself when it has run. The Runnable is not owned.
+// Ownership: created with new, shared by references. The running thread holds one reference, so an
+// otherwise unreferenced object deletes itself, on its own thread, when run() returns. The Runnable
+// is not owned.
 //
-// Stopping: a thread ends when run() returns; nobody can join it.
+// Stopping: the thread ends when run() returns. It cannot be joined.
 class Thread : public Runnable, public SelfDestructingObject {
   public:
-    // How urgent a thread is: 0 runs when nothing else does, any other value is a real-time step.
+    // 0: the thread runs when nothing else does. Other values: a real-time priority step.
     class Priority {
       public:
         explicit Priority(int step) : value(step) {}
@@ -33,24 +34,24 @@ class Thread : public Runnable, public SelfDestructingObject {
     Thread(const char* name, Runnable* runnable);
     ~Thread() override;
 
-    // Starts the thread, at most once; the kernel sees the first 15 characters of its name. A
-    // failure is printed to standard error; the thread then counts as started, never runs and keeps
-    // the reference that would have been its own.
+    // Starts the thread, at most once. The kernel gets the first 15 characters of its name. Prints
+    // a failure to standard error; the object then counts as started, never runs, and keeps the
+    // reference of the missing thread.
     void start() TAVRIK_EXCLUDES(stateLock);
 
-    // Does nothing before start() and after the thread has ended; waits for a thread that is just
-    // being created. Whether the system granted the priority is not told.
+    // Does nothing before start() and after the end of the thread. Waits while the thread is being
+    // created. Does not report whether the system grants the priority.
     void setPriority(const Priority& priority) TAVRIK_EXCLUDES(stateLock);
 
-    // Called on the new thread: runs the Runnable, if there is one.
+    // Runs the Runnable, if any. Called on the new thread.
     void run() override;
 
   protected:
-    // Whether start() was called and could not create the thread. Any thread.
+    // True if start() could not create the thread. Any thread.
     bool hasFailedToStart() const { return startFailed; }
 
-    // The new thread's entry; `thread` is the Thread. Runs it under its name and gives the running
-    // thread's reference back. Null.
+    // Entry of the new thread; `thread` is the Thread. Runs it under its name and drops the running
+    // thread's reference. Returns null.
     static void* bootstrap(void* thread);
 
   private:

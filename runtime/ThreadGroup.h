@@ -11,24 +11,24 @@ namespace tavrik {
 
 class Logger;
 
-// A pool of worker threads that grows on demand: every task gets an idle worker or, when there is
-// none, a new one. Reports two metrics of category "Thread Group".
+// A pool of worker threads that grows on demand: a task gets an idle worker, or a new one. Reports
+// two metrics of category "Thread Group".
 //
-// Threads: every operation may be called on any thread. Ownership: the group holds a reference on
-// each of its workers; tasks belong to their owners (autoDelete concerns tasks that never ran).
+// Threads: any thread may call any operation. Ownership: the group holds a reference on each
+// worker. Tasks belong to their owners; autoDelete concerns tasks that never ran.
 //
-// Stopping: close() waits for the tasks at hand and ends all workers; the destructor closes too.
+// Stopping: close() waits for the running tasks and ends all workers. So does the destructor.
 //
-// Must not be done, because it would wait for itself for ever: close() or destruction of a group
-// from one of its own tasks, assign() to the worker that runs the calling task.
+// Deadlocks if one of the group's own tasks closes or destroys it, or if a task calls assign() or
+// stop() of the worker that runs it.
 class ThreadGroup {
   public:
     class WorkerThread : public Thread {
       public:
         explicit WorkerThread(ThreadGroup* group);
 
-        // Gives the worker a task, waiting while it has one. A stopped worker drops it, deleting it
-        // if `autoDelete`.
+        // Gives the worker a task. Waits while it has one. A stopped worker drops the task, and
+        // deletes it if `autoDelete`.
         void assign(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
         // Ends the worker for good. Every call waits until the task at hand has run. A task that
@@ -48,8 +48,8 @@ class ThreadGroup {
 
         ThreadGroup* const group;  // not touched once stop() has returned
 
-        // Guards what follows. Free while a task runs: `runnable` stays set then, and that is what
-        // assign() and stop() wait for. Taken before the group's lock.
+        // Guards the fields below. Free while a task runs: `runnable` stays set then, and assign()
+        // and stop() wait until it is null. Taken before the group's lock.
         Lock lock;
         bool stopped TAVRIK_GUARDED_BY(lock) = false;
         bool autoDelete TAVRIK_GUARDED_BY(lock) = false;
@@ -62,24 +62,23 @@ class ThreadGroup {
     ThreadGroup(const ThreadGroup&) = delete;
     ThreadGroup& operator=(const ThreadGroup&) = delete;
 
-    // Runs a task on a worker. The task must live until it has run; it is deleted only if it never
-    // ran and `autoDelete` is set. A closed group neither runs nor deletes it.
+    // Runs a task on a worker. The task must live until it has run. It is deleted only if it never
+    // ran and `autoDelete` is set. A closed group neither runs nor deletes it. Ignores null.
     void spawn(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
 
     // As spawn() without autoDelete. False when the task will never run, because the group is
     // closed or the system has no thread for it; another try may succeed in the second case.
     bool trySpawn(Runnable* runnable) TAVRIK_EXCLUDES(lock);
 
-    // An idle worker for the caller to assign a task to, the one that returned last, or a new one;
-    // null when closed. The caller assigns once and sees to it that the group is not closed before
-    // it has assigned.
+    // Returns an idle worker, the one that returned last, or a new one; null if the group is
+    // closed. The caller assigns one task to it, before the group is closed.
     WorkerThread* getWorker() TAVRIK_EXCLUDES(lock);
 
-    // Takes a worker back; called by the worker itself after each task, under its own lock. Does
-    // nothing when closed.
+    // Takes a worker back. Called by the worker after each task, under its own lock. Does nothing
+    // in a closed group.
     void putWorker(WorkerThread* worker) TAVRIK_EXCLUDES(lock);
 
-    // Stops all workers, in the order of their creation, and lets them go. Only the first call
+    // Stops all workers, in the order of their creation, and releases them. Only the first call
     // waits.
     void close() TAVRIK_EXCLUDES(lock);
 

@@ -7,11 +7,11 @@
 
 namespace tavrik {
 
-// A small table of pointers by name, for derived classes to build registries on. Where a name
-// occurs more than once the later entry counts. Names are compared byte by byte.
+// A small table of pointers by name, a base of registries. Of entries with the same name the last
+// one counts. Compares names byte by byte.
 //
-// Threads: has no lock of its own; the owner guards it. Ownership: the values are the owner's, the
-// destructor leaves them alone.
+// Threads: has no lock; the derived class guards it. Ownership: the destructor does not delete the
+// values.
 template <typename T>
 class VectorMap {
   public:

@@ -7,15 +7,14 @@
 
 namespace tavrik {
 
-// A set of shared resources that can be changed while it is walked: additions and removals are
-// queued and applied before the next walk.
+// A set of shared resources that may change during a walk: additions and removals are queued and
+// applied before the next walk.
 //
-// Threads: every operation may be called on any thread. Ownership: the set holds one reference on
-// each member, and each queued change one more on its resource.
+// Threads: any thread may call any operation. Ownership: the set holds a reference on each member.
+// Each queued change holds one more on its resource.
 //
-// Must not be done, because it would wait for itself for ever: visit(), getSize(), optimize() or
-// clear() of a set from its own visitor; touching the set from the destructor of a resource that it
-// releases. add() and remove() are allowed in a visitor.
+// Deadlocks if a visitor calls visit(), getSize(), optimize() or clear() of its own set, or if the
+// destructor of a released resource uses the set. A visitor may call add() and remove().
 class XReference {
   public:
     class Visitor {
@@ -31,21 +30,21 @@ class XReference {
     XReference(const XReference&) = delete;
     XReference& operator=(const XReference&) = delete;
 
-    // Queue a change and never wait for a walk. The newest of two opposite changes counts; adding a
-    // member and removing a stranger are harmless, and a null pointer changes nothing.
+    // Queue a change without waiting for a walk. Of two opposite changes the later one counts.
+    // Adding a member, removing a non-member and passing null do nothing.
     void add(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
     void remove(SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
 
-    // Applies the queued changes, then walks the members in ascending order of their addresses.
-    // Changes queued during the walk count from the next one on.
+    // Applies the queued changes, then visits the members in ascending order of their addresses.
+    // Changes queued during the walk affect the next one.
     void visit(Visitor& visitor) TAVRIK_EXCLUDES(setLock, pendingLock);
 
-    // Apply the queued changes; the first also counts the members.
+    // Apply the queued changes. getSize() returns the number of members.
     unsigned getSize() TAVRIK_EXCLUDES(setLock, pendingLock);
     void optimize() TAVRIK_EXCLUDES(setLock, pendingLock);
 
-    // Releases the members and the queued additions and forgets everything. The references that
-    // queued removals hold are kept: those resources live on.
+    // Empties the set: releases the members and the queued additions. Does not release the
+    // references held by queued removals.
     void clear() TAVRIK_EXCLUDES(setLock, pendingLock);
 
   private:
