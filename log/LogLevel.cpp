@@ -15,8 +15,8 @@ namespace {
 constexpr int kUnknown = 7;
 constexpr int kLevels = 9;
 
-// The order is the numbering. Built on first use and never destroyed, because static initialisers
-// of other files log, and threads log while the process exits.
+// Indexed by level number. Created on first use and never destroyed: static initialisers of other
+// files log, and so do threads while the process exits.
 const std::string& levelName(int number) {
     static const std::string* const names = new std::string[kLevels]{
         "OFF", "FATAL", "ERROR", "WARN", "INFO", "DEBUG", "TRACE", "UNKNOWN", "ALL"};
@@ -81,7 +81,7 @@ void LogLevel::_init() {
         SharedLevel* const shared[kLevels] = {&LVL_OFF,   &LVL_FATAL,   &LVL_ERROR,
                                               &LVL_WARN,  &LVL_INFO,    &LVL_DEBUG,
                                               &LVL_TRACE, &LVL_UNKNOWN, &LVL_ALL};
-        // LVL_OFF last: whoever sees it may rely on the others.
+        // LVL_OFF last: callers check that one and then use others.
         for (int number = kLevels - 1; number >= 0; --number)
             shared[number]->pointer.store(&levels[number], std::memory_order_release);
     });

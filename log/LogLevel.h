@@ -5,15 +5,14 @@
 
 namespace tavrik {
 
-// How verbose a message or a logger is: a name and a number. A higher number is more verbose.
+// The verbosity of a message or a logger: a name and a number. A higher number is more verbose.
 //
-// Threads: a level may be read, copied and assigned to on several threads at once without a lock; a
-// reader sees the old level or the new one, never the name of one with the number of the other.
-// Ownership: a value. The names are never freed, so a reference from getName() stays valid for the
-// life of the process, also after the level was assigned to.
+// Threads: threads may read, copy and assign a level at the same time without a lock. A reader sees
+// the old level or the new one, never a mix. Ownership: a value. Names are never freed: a reference
+// from getName() stays valid, also after an assignment.
 class LogLevel {
   public:
-    // A pointer that _init() sets once, on whatever thread; others may look at it meanwhile.
+    // A pointer that _init() sets once. Other threads may read it at the same time.
     class SharedLevel {
       public:
         operator LogLevel*() const { return pointer.load(std::memory_order_acquire); }
@@ -24,8 +23,8 @@ class LogLevel {
         std::atomic<LogLevel*> pointer{nullptr};
     };
 
-    // Not to be read by static initialisers of other files, which may run before these are set; the
-    // rest of the class may.
+    // Static initialisers of other files must not read these: they may run first. They may use the
+    // rest of the class.
     static const std::string& OFF_NAME;
     static const std::string& FATAL_NAME;
     static const std::string& ERROR_NAME;
@@ -36,8 +35,8 @@ class LogLevel {
     static const std::string& UNKNOWN_NAME;
     static const std::string& ALL_NAME;
 
-    // The shared levels, numbered from 0 in this order. Null before _init(), never freed after it.
-    // Call _init() before reading one of them, valueOf() does it for its caller.
+    // The shared levels, numbered from 0 in this order. Null until _init(), never freed. Call
+    // _init() before you use one; valueOf() does.
     static SharedLevel LVL_OFF;
     static SharedLevel LVL_FATAL;
     static SharedLevel LVL_ERROR;
@@ -48,7 +47,7 @@ class LogLevel {
     static SharedLevel LVL_UNKNOWN;
     static SharedLevel LVL_ALL;
 
-    // Takes a short lock of its own; copying a level takes none.
+    // Takes a short lock. Copying a level takes none.
     LogLevel(const std::string& name, int level);
     LogLevel(const LogLevel& other);
     LogLevel& operator=(const LogLevel& other);
@@ -57,21 +56,20 @@ class LogLevel {
     const std::string& getName() const { return record.load(std::memory_order_acquire)->name; }
     int getLevel() const { return record.load(std::memory_order_acquire)->number; }
 
-    // Creates the shared levels at the first call and does nothing at later ones. Any thread, also
-    // before main.
+    // Creates the shared levels; later calls do nothing. Any thread, also before main.
     static void _init();
 
-    // The shared level whose name is `name`, in any case of letters. LVL_UNKNOWN for every other
-    // text, "UNKNOWN" itself and a null pointer included. Never null.
+    // Returns the shared level of that name, ignoring case. Returns LVL_UNKNOWN for other texts,
+    // "UNKNOWN" and null included. Never null.
     static LogLevel* valueOf(const char* name);
     static LogLevel* valueOf(const std::string& name);
 
-    // The shared level of that number; LVL_UNKNOWN when there is none. Never null.
+    // Returns the shared level of that number, LVL_UNKNOWN if there is none. Never null.
     static LogLevel* valueOf(int level);
 
   private:
-    // What a level is at one moment. Immutable, one for each pair of name and number, never freed:
-    // so a level changes with one atomic store.
+    // The value of a level. Immutable, never freed, one for each pair of name and number: so a
+    // level changes with one atomic store.
     struct Record {
         std::string name;
         int number;

@@ -26,7 +26,7 @@ void setCategories(const JSOM& categories) {
 }
 
 void setAdapter(const JSOM& adapter) {
-    // Of a place without a node nothing is asked: that would make one.
+    // Indexing a place without a node would create one.
     if (!adapter.hasNode() || !adapter["type"].hasNode()) return;
     Logger::setLogAdapter(
         LogAdapterStore::createLogAdapter(adapter["type"].stringValue(""), adapter));

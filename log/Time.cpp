@@ -43,7 +43,7 @@ bool readUptime(double& uptime, double& idletime, double& now, int& fields) {
     return true;
 }
 
-// Stores the start time before it logs: a log adapter may ask for it.
+// Stores the start time before it logs, because a log adapter may ask for it.
 void computeStartTime() {
     double uptime = 0.0;
     double idletime = 0.0;
@@ -65,8 +65,7 @@ void computeStartTime() {
     timeLogger()->infof("The system start time is %f", now - uptime);
 }
 
-// Truncates toward zero; what does not fit becomes the nearest number that does, no number becomes
-// 0.
+// Truncates toward zero. Clamps to the range of the type; not-a-number becomes 0.
 int32_t toInt32(double value) {
     if (!(value == value)) return 0;
     if (value >= std::numeric_limits<int32_t>::max()) return std::numeric_limits<int32_t>::max();

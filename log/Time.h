@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-// Spelt as global functions; the namespace gives them symbols of the library's own.
+// Used like global names. The inline namespace keeps their symbols apart from a program's own.
 inline namespace tavrik_time {
 
 // The wall clock plus the fake offset.

@@ -6,15 +6,15 @@ namespace tavrik {
 
 // A named, described number that a component reports on demand.
 //
-// Ownership: embedded in the component that it measures, which fills in the texts, adds it to the
-// MetricRegistry in its constructor and removes it first thing in its destructor. The texts are
-// constant while it is registered.
+// Ownership: embedded in the component that it measures. The component sets the texts, adds the
+// metric to the MetricRegistry in its constructor and removes it at the begin of its destructor.
+// The texts are constant while it is registered.
 class Metric {
   public:
     virtual ~Metric() = default;
 
-    // The present value. Called on the thread that walks the registry, with the registry's lock
-    // held; takes no lock of its component's unless the class says so.
+    // Returns the present value. Called on the thread that walks the registry, with the registry's
+    // lock held. Takes no lock of the component unless the class says so.
     virtual double collect() = 0;
 
     std::string category;     // kind of component

@@ -11,28 +11,27 @@ namespace tavrik {
 
 // All live metrics of the process, for a reporter to walk.
 //
-// Threads: every operation may be called on any thread. Ownership: one object, never destroyed; the
-// metrics belong to their components.
+// Threads: any thread may call any operation. Ownership: one object, never destroyed. The metrics
+// belong to their components.
 class MetricRegistry {
   public:
     class Visitor {
       public:
         virtual ~Visitor() = default;
 
-        // Returns true to end the walk. Called with the registry's lock held: must not add or
-        // remove metrics, nor look triggers up, nor post server messages, nor wait for a thread
-        // that does.
+        // Returns true to end the walk. Called with the registry's lock held. Must not add or
+        // remove metrics, look triggers up, post server messages, or wait for a thread that does.
         virtual bool visitMetric(Metric* metric) = 0;
     };
 
-    // The registry; made on the first call, which may come from any thread.
+    // The registry, created by the first call. Any thread.
     static MetricRegistry* Instance();
 
     virtual ~MetricRegistry() = default;
     MetricRegistry(const MetricRegistry&) = delete;
     MetricRegistry& operator=(const MetricRegistry&) = delete;
 
-    // Adding a metric twice and removing one that is not there change nothing.
+    // Adding null or a registered metric, and removing an unknown one, do nothing.
     void addMetric(Metric* metric) TAVRIK_EXCLUDES(lock);
     void removeMetric(Metric* metric) TAVRIK_EXCLUDES(lock);
 

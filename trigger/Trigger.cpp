@@ -28,8 +28,8 @@ void Trigger::Notifier::request(int newValue) {
 
 void Trigger::Notifier::maintain() { add({NotifierEntry::Kind::maintenance, 0, 0.0}); }
 
-// Not between another thread's look at the flag and its silent application: nobody would hear of
-// that value.
+// Under the lock: between another thread's check of the flag and its silent application, the change
+// would hide that value from the subscribers.
 bool Trigger::Notifier::setEnabled(bool enable) {
     LockGuard guard(lock);
     return trigger->enabled.exchange(enable) != enable;
@@ -63,7 +63,7 @@ Trigger::~Trigger() {
           static_cast<Metric*>(&listenerCountMetric)}) {
         MetricRegistry::Instance()->removeMetric(metric);
     }
-    // While the subscribers are still there.
+    // The drain needs the subscribers.
     notifier.close();
 }
 
@@ -131,7 +131,7 @@ void Trigger::subscribe(Listener* listener) { subscribers.add(listener); }
 void Trigger::unsubscribe(Listener* listener) {
     if (!listener) return;
     subscribers.remove(listener);
-    // The removal is applied behind every value that was queued before it.
+    // Behind the values that were queued before the removal.
     notifier.maintain();
 }
 

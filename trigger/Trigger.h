@@ -11,28 +11,29 @@
 
 namespace tavrik {
 
-// A named, process-wide integer with subscribers, who hear of its changes in the order in which
-// they were set. Found through TriggerRegistry. Reports five metrics of category "Trigger".
+// A named, process-wide integer with subscribers, which are told its changes in the order of the
+// requests. Found through TriggerRegistry. Reports five metrics of category "Trigger".
 //
-// Threads: every operation may be called on any thread. "The notifier" is a worker of the default
-// thread group that drains this trigger's changes, one drain at a time: value changes are heard
-// there.
+// Threads: any thread may call any operation. "The notifier" is a worker of the default thread
+// group. It drains this trigger's changes, one drain at a time, and tells the subscribers their
+// values.
 //
-// Ownership: the registry keeps its triggers for ever; a trigger holds a reference on each
+// Ownership: the registry keeps its triggers for ever. A trigger holds a reference on each
 // subscriber.
 //
-// Must not be done by a listener, because it would wait for itself for ever: walk the subscribers
-// of the same trigger (setEnabled() of it, its "Subscriber Count" metric); look a trigger up, add
-// or remove metrics (make or destroy a thread group, ...), in its destructor neither; enable
-// another trigger whose listeners enable this one.
+// Deadlocks if a listener walks the subscribers of the same trigger (its setEnabled(), its
+// "Subscriber Count" metric), looks a trigger up, adds or removes metrics (as creating a thread
+// group does), or enables a trigger whose listeners enable this one. The same holds for its
+// destructor.
 class Trigger {
   public:
-    // Hears of one or more triggers. Must not throw.
+    // Is told the changes of one or more triggers. Must not throw.
     class Listener : public SelfDestructingResource {
       public:
         // Called on the thread of setEnabled().
         virtual void onTriggerEnabled(Trigger*) {}
-        // Called on the notifier once the trigger has its new value; may set and (un)subscribe.
+        // Called on the notifier after the trigger took its new value. May set, subscribe and
+        // unsubscribe.
         virtual void onTriggerValueChange(Trigger*) {}
         virtual void onTriggerDisabled(Trigger*) {}
     };
@@ -43,32 +44,32 @@ class Trigger {
     Trigger(const Trigger&) = delete;
     Trigger& operator=(const Trigger&) = delete;
 
-    // Requests a value. While the trigger is enabled, or changes are under way, it is applied and
-    // heard of on the notifier; else it is applied at once and nobody hears of it. The last
-    // requested value again is dropped, whatever was applied quietly in between.
+    // Requests a value. If the trigger is enabled, or changes are queued, the notifier applies it
+    // and tells the subscribers. Otherwise applies it at once and tells nobody. Ignores the last
+    // requested value, whatever was applied quietly since.
     void setValue(int newValue);
 
-    // Applies a value at once; nobody hears of it and the requested value stays. Returns the
-    // trigger's value.
+    // Applies a value at once and tells nobody. Keeps the requested value. Returns the trigger's
+    // value.
     int setValueQuietly(int newValue);
 
     // Applies a value with its time (seconds since the Unix epoch) and tells the subscribers if the
     // trigger is enabled. For the notifier.
     void _setValue(int newValue, double newTime);
 
-    // Enables or disables the trigger, which is disabled at first, and tells the subscribers on the
-    // caller's thread. The present state again changes nothing.
+    // Enables or disables the trigger and tells the subscribers on the caller's thread. Does
+    // nothing if it is in that state already. A new trigger is disabled.
     void setEnabled(bool enable);
 
-    // A subscriber takes part from the next notification on. After unsubscribe() it may still hear
-    // of what was set before.
+    // A subscriber is told from the next notification on. After unsubscribe() it may still be told
+    // earlier values. Null changes nothing.
     void subscribe(Listener* listener);
     void unsubscribe(Listener* listener);
 
     const std::string& getName() const { return name; }
 
-    // Each is right by itself; two of them may come from different changes. Times are seconds since
-    // the Unix epoch, 0 where nothing happened yet.
+    // Two reads may see different changes. Times are seconds since the Unix epoch, 0 before the
+    // first event.
     int getValue() const { return value; }
     int getPreviousValue() const { return previousValue; }
     int getRequestedValue() const { return requestedValue; }
@@ -77,12 +78,12 @@ class Trigger {
     double getEnabledTime() const { return enabledTime; }
     double getDisabledTime() const { return disabledTime; }
     bool isEnabled() const { return enabled; }
-    // Calls of the two set functions; values that were applied.
+    // The number of calls of the two set functions, and of applied values.
     int getSetCount() const { return setCount; }
     int getChangeCount() const { return changeCount; }
 
   private:
-    // One queued change: a value with the time of its request, or the order to apply the queued
+    // A queued change: a value with the time of its request, or the request to apply the queued
     // changes of subscribers.
     struct NotifierEntry {
         enum class Kind { value, maintenance };
@@ -91,7 +92,7 @@ class Trigger {
         double time;
     };
 
-    // Every decision that depends on what is queued is made here, under the queue's lock.
+    // Makes the decisions that depend on the queue, under the queue's lock.
     class Notifier : public TaskQueue<NotifierEntry> {
       public:
         explicit Notifier(Trigger* owner);
@@ -100,9 +101,9 @@ class Trigger {
         // Applies the value at once while the trigger is disabled and nothing is queued; else
         // queues it. Drops the last requested value. Keeps the order of requests.
         void request(int newValue) TAVRIK_EXCLUDES(lock);
-        // Queues the order to apply the changes of subscribers.
+        // Queues the request to apply the changes of subscribers.
         void maintain() TAVRIK_EXCLUDES(lock);
-        // False when the trigger is in that state already.
+        // False if the trigger is in that state already.
         bool setEnabled(bool enable) TAVRIK_EXCLUDES(lock);
 
       protected:
@@ -146,7 +147,7 @@ class Trigger {
     Notifier notifier;
     const std::string name;
 
-    // Makes the changes of value, time and their predecessors one step. Innermost.
+    // Makes changes of value, time and their predecessors atomic. Innermost.
     Lock valueLock;
 
     std::atomic<int> requestedValue{0};  // written under the notifier's lock
