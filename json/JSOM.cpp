@@ -127,7 +127,7 @@ JSOM JSOM::byKey(const char* operation, const std::string& key) {
     return found != nullptr ? JSOM(found, held) : JSOM(held, key);
 }
 
-JSOM JSOM::looked() const {
+JSOM JSOM::resolved() const {
     if (parent == nullptr || hasNode()) return *this;
     JSONData* const there = kind == kPendingIndex ? parent->getByIndex(pendingIndex)
                             : kind == kNothing    ? nullptr

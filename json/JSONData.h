@@ -7,22 +7,19 @@
 
 namespace tavrik {
 
-// One value of a JSON tree, with a parser and a writer. Programs use it through JSOM, a handle that
-// never fails loudly.
+// A node of a JSON tree, with a parser and a writer. Programs use it through the handle JSOM.
 //
-// Ownership: counted. new JSONData counts its maker, who release()s it; a parent counts for each of
-// its children; the last release() deletes the node and gives its children up. A node may have
-// several parents, but circles are neither prevented nor ever freed. Pointers to children, keys and
-// strings stay valid until their node changes.
+// Ownership: reference-counted. A new node counts its creator, which must release() it. A parent
+// holds a reference on each child. The last release() deletes the node and releases its children. A
+// node may have several parents. Cycles are not prevented and leak. Pointers to children, keys and
+// strings are valid until their node changes.
 //
-// Threads: none of its own. A tree, its counts included, is used by one thread at a time.
+// Threads: not synchronised. One thread at a time uses a tree, its counts included.
 //
-// Trees may be of any depth: nothing here recurses.
-//
-// Strings are bytes; no encoding is looked at.
+// Trees may have any depth: nothing recurses. Strings are bytes of any encoding.
 class JSONData {
   public:
-    // kNone is a fresh or reset node; it writes nothing.
+    // kNone: a new or reset node, which writes nothing.
     enum Type : uint16_t { kNone, kNull, kBoolean, kObject, kArray, kString, kLong, kDouble };
 
     // A member of an object.
@@ -32,21 +29,21 @@ class JSONData {
     };
 
     JSONData() { value.integer = 0; }
-    // Gives up the children. Nobody else may hold a reference.
+    // Releases the children. REQUIRES: no other references.
     ~JSONData() { reset(); }
     JSONData(const JSONData&) = delete;
     JSONData& operator=(const JSONData&) = delete;
 
     void reserve() { ++refCount; }
-    // Deletes the node when this was the last reference.
+    // Drops a reference; the last one deletes the node.
     void release();
 
-    // A new type empties the node: no members, no elements, "", 0 or false. The present type
-    // changes nothing.
+    // A new type empties the node: no members, no elements, "", 0 or false. The present type does
+    // nothing.
     void setType(int newType);
     int getType() const { return type; }
 
-    // Set type and value. A text may be one that this tree holds; a null pointer is an empty text.
+    // Set type and value. A text may be part of this tree; null is an empty text.
     void setNull() { setType(kNull); }
     void setObject() { setType(kObject); }
     void setArray() { setType(kArray); }
@@ -56,65 +53,63 @@ class JSONData {
     void setString(const std::string& newValue);
     void setString(const char* newValue);
 
-    // Gives up all content; the type becomes kNone.
+    // Releases the content; the type becomes kNone.
     void reset();
-    // Gives up the members or elements, the last one first; other types keep their value.
+    // Releases the members or elements, the last one first. Other types keep their value.
     void clear();
 
     // Number of members or elements; 0 for other types.
     int length() const;
 
-    // The value of element or member i, in the order of insertion; null when there is none.
+    // Returns the value of element or member i, in the order of insertion; null if there is none.
     JSONData* getByIndex(int i) const;
 
-    // The value of the last member with exactly this key; null when there is none, or no object.
+    // Return the value of the last member with this key; null if there is none, or for other types.
     JSONData* getByKey(const std::string& key) const;
     JSONData* getByKey(const char* key) const;
 
-    // The key of member i; null when there is none, or no object.
+    // Returns the key of member i; null if there is none, or for other types.
     const std::string* getKeyAtIndex(int i) const;
 
     // The first byte of the value, whatever its type.
     bool booleanValue() const;
-    // Number or boolean as a number, truncated toward zero; what 64 bits cannot hold becomes the
-    // nearest that they can, not-a-number 0. 0 for other types.
+    // Returns a number or boolean, truncated toward zero and clamped to 64 bits; not-a-number is 0.
+    // 0 for other types.
     long long longValue() const;
-    // Number or boolean as a number; 0.0 for other types.
+    // Returns a number or boolean; 0.0 for other types.
     long double doubleValue() const;
     // Null for other types.
     const std::string* stringValue() const;
 
-    // Make the last member with this key hold `newValue`, or append one; null removes it. A node of
-    // another type becomes an object and loses its content. Takes a reference of its own.
+    // Set the value of the last member with this key, or append a member; null removes it. A node
+    // of another type becomes an object and loses its content. Take a reference on the value.
     void setByKey(const std::string& key, JSONData* newValue);
     void setByKey(const char* key, JSONData* newValue);
 
-    // Makes element i hold `newValue` (i == length() appends) and takes a reference of its own. A
-    // node of another type becomes an array and loses its content. Another i is printed as "index
-    // out of range". A null `newValue` removes element i, if this is an array that has it.
+    // Sets element i (i == length() appends) and takes a reference on the value. A node of another
+    // type becomes an array and loses its content. Prints "index out of range" for other i. Null
+    // removes element i of an array, if any.
     void setByIndex(int i, JSONData* newValue);
 
-    // Remove element or member i, or the last member with this key; nothing when there is none.
+    // Remove element or member i, or the last member with this key, if any.
     void erase(int i);
     void erase(const std::string& key);
     void erase(const char* key);
 
-    // A deep copy whose top nobody holds yet: reserve() it.
+    // Returns a deep copy. Its top node has no references: reserve() it.
     JSONData* clone() const;
 
-    // Becomes a deep copy of `other`, which may be this node, one above it or one below it.
+    // Becomes a deep copy of `other`, which may be this node, an ancestor or a descendant.
     void copy(const JSONData& other);
 
-    // Exchanges type and content with another node; each keeps its holders.
+    // Exchanges type and content with another node. Each keeps its references.
     void swap(JSONData& other);
 
-    // Parse one value from a text or a stream into this node, up to the end of that value; what
-    // stands behind it is not looked at. A text ends at its first zero byte. An object or array is
-    // parsed into the object or array that is there: members and elements accumulate.
+    // Parse one value from a text or a stream into this node, and stop behind it. A text ends at
+    // its first zero byte. Objects and arrays append to an object or array that is in the node.
     //
-    // False on failure, with what was complete so far left in the node and one line printed to
-    // standard error; nothing is printed where the text ended before a value began. `text` is then
-    // somewhere in what was wrong.
+    // Return false on failure. The node keeps what was complete, `text` points to the error, and
+    // one line is printed to standard error; none if the text ends before a value begins.
     //
     // Comments and a comma behind the last member or element are allowed; exponents are not; \u
     // gives one byte; integers wrap at 64 bits; duplicate keys are kept, see getByKey().

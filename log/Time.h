@@ -1,6 +1,5 @@
-// The framework's one notion of the current time: seconds since 1970-01-01 00:00:00 UTC in a
-// double, to microseconds. All functions may be called on any thread and take no lock but the
-// logger's.
+// The framework's current time: seconds since 1970-01-01 00:00:00 UTC as a double, with
+// microseconds. Any thread may call any function. They take no lock but the logger's.
 #pragma once
 
 #include <cstddef>
@@ -17,15 +16,15 @@ double getNow();
 void setFakeTimeOffset(double offset);
 double getFakeTimeOffset();
 
-// When the system booted, by /proc/uptime at the first call; logged (info). 0.0, with an error
-// logged at that call, when it cannot be told; that is not tried again. Holds the fake offset of
-// the first call.
+// The time of the system's boot, including the fake offset of the first call. The first call reads
+// /proc/uptime and logs the result (info). If that fails, it logs an error; all calls return 0.0
+// then.
 double getSystemStartTime();
 
-// Writes `t` in UTC as "11/15/26 12:58:50.5" into `out`, 80 bytes at most with the terminator. The
-// fraction is truncated milliseconds without leading zeros: 50 ms read ".50", 5 ms ".5". Seconds
-// beyond 32 bits are taken for the last ones that fit, without a fraction. Returns the length; 0,
-// and an empty text, when it did not fit.
+// Writes `t` in UTC as "11/15/26 12:58:50.5" into `out`, at most 80 bytes with the terminator. The
+// fraction is in truncated milliseconds without leading zeros: 50 ms read ".50", 5 ms ".5". Seconds
+// are clamped to 32 bits, without a fraction then. Returns the length, or 0 and an empty text if it
+// does not fit or `out` is null.
 size_t timeToString(double t, char* out);
 void timeToString(double t, std::string& out);
 

@@ -19,15 +19,13 @@ class BufferInterface {
     virtual ~BufferInterface() = default;
 };
 
-// A sequence of entries of one kind, oldest first: the unit in which values are handed to a
-// channel.
+// A sequence of entries of one kind, oldest first. Values reach a channel in buffers.
 //
-// Threads: none of its own. Users of a buffer that is shared between threads take turns.
-// Ownership: whoever made it; entries belong to the buffer, and references to them are valid until
-// it changes.
+// Threads: not synchronised. Ownership: its creator's. Entries belong to the buffer; references to
+// them are valid until it changes.
 class Buffer {
   public:
-    // The types of buffers there are, see getBufferType().
+    // The results of getBufferType().
     static constexpr const char* TYPE_VOID = "void";
     static constexpr const char* TYPE_MARKER = "marker";
     static constexpr const char* TYPE_BINARY = "binary";
@@ -41,33 +39,32 @@ class Buffer {
     // The name of the implementing class.
     virtual std::string getBufferClass() const = 0;
 
-    // The time stamp of the oldest entry; 0.0 when there is none.
+    // Returns the time stamp of the oldest entry; 0.0 if there is none.
     virtual double getStartTime() const = 0;
 
-    // The entry at a position counted from the oldest, 0. `index` is less than getCount(); it is
-    // not checked.
+    // Returns the entry at a position; 0 is the oldest. REQUIRES: index < getCount(), unchecked.
     virtual const Entry& getEntry(unsigned index) const = 0;
 
-    // Append a copy of an entry of this buffer's kind; another kind is ignored.
+    // Appends a copy of an entry. Ignores entries of another kind.
     virtual void appendEntry(const Entry& entry) = 0;
 
-    // Forgets the entries and keeps their memory.
+    // Removes the entries and keeps their memory.
     virtual void clear() = 0;
 
-    // Drops the oldest entry, if there is one.
+    // Removes the oldest entry, if any.
     virtual void shift() = 0;
 
-    // Take over the entries of a buffer of this kind; another kind is ignored.
+    // Replaces the entries by those of `other`. Ignores buffers of another kind.
     virtual void copy(const Buffer& other) = 0;
 
-    // How many entries there are, and for how many there is memory.
+    // Return the number of entries, and the capacity.
     virtual unsigned getCount() const = 0;
     virtual unsigned getReserveSize() const = 0;
 
     // Null: no kind of buffer fills itself.
     virtual Buffer* getAutoBuffer() = 0;
 
-    // This object as what its kind can do beyond Buffer.
+    // Returns the interface of this kind of buffer.
     virtual BufferInterface* getBufferInterface() = 0;
 };
 

@@ -8,7 +8,7 @@
 namespace tavrik {
 
 // A ring of T, which is derived from Entry, default-constructible and assignable. Grows as needed
-// and never drops an entry by itself; users bound it with shift() or clear().
+// and never drops an entry; users limit it with shift() or clear().
 template <typename T>
 class BufferBase : public Buffer {
   public:
@@ -35,9 +35,8 @@ class BufferBase : public Buffer {
         if (++start == reserveSize) start = 0;
     }
 
-    // Copies the first getCount() places of the other's memory as they lie there. So where its
-    // oldest entry is not in the first place, the order is rotated; readers rely on nothing else
-    // than that order.
+    // Copies the first getCount() slots of the other's memory as they are. If its oldest entry is
+    // not in the first slot, the copy is rotated. Readers depend on that order.
     void copy(const Buffer& other) override {
         const BufferBase* const source = dynamic_cast<const BufferBase*>(&other);
         if (source == nullptr) return;
@@ -56,8 +55,8 @@ class BufferBase : public Buffer {
     Buffer* getAutoBuffer() override { return nullptr; }
 
   protected:
-    // Appends an entry that `store(T&)` fills in. What it stores may refer to an entry of this
-    // buffer: the memory that a growing buffer leaves is kept until it has returned.
+    // Appends an entry that `store(T&)` sets. It may read entries of this buffer: the old memory of
+    // a growing buffer is kept until it returns.
     template <typename Store>
     void append(const Store& store) {
         std::unique_ptr<T[]> retired;
@@ -72,7 +71,7 @@ class BufferBase : public Buffer {
         return sum < reserveSize ? sum : sum - reserveSize;
     }
 
-    // Makes room for one entry more and returns the old memory.
+    // Makes room for an entry. Returns the old memory.
     std::unique_ptr<T[]> grow() {
         const uint32_t capacity = count == 0 ? 1 : count < 4 ? 4 : count + 16;
         std::unique_ptr<T[]> larger(new T[capacity]);

@@ -11,28 +11,28 @@ namespace tavrik {
 // A named outlet through which a component publishes buffers. Programs that embed the framework
 // implement it and make one on demand in a ChannelFactory.
 //
-// Ownership: counted, through reserve() and release(), which the implementation supplies. A new
-// channel counts nobody; its producer and the ChannelList take a reference each.
+// Ownership: reference-counted. The implementation supplies reserve() and release(). A new channel
+// has no references; its producer and the ChannelList take one each.
 //
-// Threads: reserve(), release(), setDescription() and publish() are called on whatever thread uses
-// the channel. The other three are called on the thread that changes the ChannelList, with the
-// list's lock held: they must neither use the list nor post server messages. The same holds for
-// the destructor wherever the list may be the last to hold the channel.
+// Threads: reserve(), release(), setDescription() and publish() run on the thread that uses the
+// channel. The other three run on the thread that changes the ChannelList, with the list's lock
+// held. They must not use the list or post server messages. Neither must the destructor, if the
+// list may drop the last reference.
 class Channel : public SelfDestructingResource {
   public:
     // The list has unlisted this channel.
     virtual void removedFromList() = 0;
 
-    // What the channel is for: an object with "id", "name", "type" and more. Called by the
-    // producer once, before it publishes. The tree belongs to the caller; keep a copy, if anything.
+    // Describes the channel: an object with "id", "name", "type" and more. The producer calls it
+    // once, before it publishes. The tree belongs to the caller; copy what you keep.
     virtual void setDescription(const JSOM& description) = 0;
 
     // Another channel was listed or unlisted under `name`.
     virtual void channelAdded(const std::string& name) = 0;
     virtual void channelRemoved(const std::string& name) = 0;
 
-    // Here is news. The buffer is the producer's and is used again after the call: copy what is to
-    // stay. Called under whatever locks the producer's caller holds.
+    // Delivers new entries. The producer reuses the buffer after the call: copy what you keep.
+    // Called with the locks of the producer's caller held.
     virtual void publish(Buffer& buffer) = 0;
 };
 
@@ -41,8 +41,8 @@ class ChannelFactory {
   public:
     virtual ~ChannelFactory() = default;
 
-    // A new channel that nobody holds yet, or null. `config` is the description that
-    // setDescription() will get, the caller's to keep.
+    // Returns a new channel without references, or null. `config` is the later argument of
+    // setDescription() and belongs to the caller.
     virtual Channel* create(const std::string& id, const JSOM& config) = 0;
 };
 

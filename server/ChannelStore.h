@@ -10,18 +10,18 @@ namespace tavrik {
 
 // The channel factories of the process, by the type of channel that they make.
 //
-// Threads: none of its own. Register the factories before other threads make channels; for the
-// server messages that is before the first message is posted. Ownership: one object, never
-// destroyed; it owns the factories.
+// Threads: not synchronised. Register the factories before other threads create channels; for the
+// server messages, before the first message is posted. Ownership: one object, never destroyed. It
+// owns the factories.
 class ChannelStore : public VectorMap<ChannelFactory> {
   public:
     // Made at the first call, which may come from any thread.
     static ChannelStore* Instance();
 
-    // Registers the factory for `type` and deletes another one that was there.
+    // Registers the factory for `type`. Deletes the previous one.
     static void addFactory(const std::string& type, ChannelFactory* factory);
 
-    // What the factory for `type` makes; null when there is none.
+    // Returns a channel from the factory for `type`; null if there is none.
     static Channel* createChannel(const std::string& id, const std::string& type,
                                   const JSOM& config);
 

@@ -19,15 +19,15 @@ class MarkerEntry : public Entry {
     std::string text;
 };
 
-// A marker buffer as somebody sees it who only appends to it.
+// The part of a marker buffer that appends.
 class MarkerBufferInterface : public BufferInterface {
   public:
     virtual void appendValue(double time, int value, const std::string& text) = 0;
 };
 
-// A buffer of markers. See Buffer for threads and ownership; making and destroying marker buffers
-// is safe on any thread. The first one of the process adds markerBufferCountMetric to the
-// MetricRegistry: not to be made by a visitor of that registry.
+// A buffer of markers. See Buffer for threads and ownership. Any thread may create and destroy
+// marker buffers. The first one adds markerBufferCountMetric to the MetricRegistry, and deadlocks
+// if a visitor of that registry creates it.
 class MarkerBuffer : public BufferBase<MarkerEntry>, public MarkerBufferInterface {
   public:
     MarkerBuffer();
@@ -39,12 +39,11 @@ class MarkerBuffer : public BufferBase<MarkerEntry>, public MarkerBufferInterfac
     std::string getBufferClass() const override { return "MarkerBuffer"; }
     MarkerBufferInterface* getBufferInterface() override { return this; }
 
-    // Append one entry. `text` may be that of an entry of this buffer; a null pointer is an empty
-    // text.
+    // Append an entry. `text` may be the text of an entry of this buffer; null is an empty text.
     void appendValue(double time, int value, const std::string& text) override;
     virtual void appendValue(double time, int value, const char* text);
 
-    // How many marker buffers there are in the process.
+    // The number of marker buffers in the process.
     static std::atomic<unsigned> _bufferCount;
 
   private:
@@ -59,8 +58,8 @@ class MarkerBufferCountMetric : public Metric {
     double collect() override { return MarkerBuffer::_bufferCount; }
 };
 
-// The one of the process; registered, and never removed or deleted. Null until the first
-// MarkerBuffer was made, constant from then on.
+// The metric of the process, never removed or deleted. Null until the first MarkerBuffer, then
+// constant.
 extern MarkerBufferCountMetric* markerBufferCountMetric;
 
 }  // namespace tavrik

@@ -20,46 +20,47 @@ struct error_message_t {
     std::string text;
 };
 
-// The process-wide queue of noteworthy failures for a client of the server to read. Keeps the
-// newest 100 messages and drops older ones silently.
+// The process-wide queue of noteworthy failures, for clients of the server. Keeps the newest 100
+// messages and drops older ones.
 //
-// Each message is also published, as a marker buffer with one entry (the time, 0, the text), by the
-// channel "serverMessages", which the first use of this class makes with the factory that the
-// ChannelStore then has for the type "basic". Without one, messages are only queued.
+// Also publishes each message on the channel "serverMessages", as a marker buffer with one entry:
+// the time, 0, the text. The first use of this class creates the channel with the ChannelStore's
+// factory for the type "basic". Without such a factory, messages are only queued.
 //
-// Threads: every operation may be called on any thread, before main and while the process exits.
-// Publishing happens on the posting thread, with none of this class's mutexes held; other posters
-// wait meanwhile. The channel may post again, and so may its factory, though what that posts is
-// only queued; neither may wait for another thread that posts.
-// Ownership: one object, created on first use and never destroyed. It holds a reference on its
+// Threads: any thread may call any operation, also before main and while the process exits.
+// Messages are published on the posting thread, with no mutex of this class held, while other
+// posters wait. The channel and its factory may post; messages of the factory are only queued.
+// Deadlocks if one of them waits for another thread that posts.
+//
+// Ownership: one object, created on first use, never destroyed. It holds a reference on its
 // channel.
 class SystemErrorMessages {
   public:
     // Never null.
     static SystemErrorMessages* Instance();
 
-    // Post a message; without a text it gets that of the code, Errors::toAscii(code). Wait while a
-    // reader is between lockMessages() and unlockMessages(): do not post there, nor while holding a
-    // lock that such a reader, or the channel, takes.
+    // Post a message. Without a text, it gets the text of the code, Errors::toAscii(code). Wait
+    // while a reader is between lockMessages() and unlockMessages(). Deadlock if called there, or
+    // with a lock held that such a reader or the channel takes.
     static void add(int code, const std::string& text) TAVRIK_EXCLUDES(Instance()->lock);
     static void add(int code, const char* text) TAVRIK_EXCLUDES(Instance()->lock);
     static void add(int code) TAVRIK_EXCLUDES(Instance()->lock);
 
-    // Publishes a message without queueing it; waits as add() does.
+    // Publishes a message without queueing it. Waits as add() does. Ignores null.
     static void recordOnly(const error_message_t* message) TAVRIK_EXCLUDES(Instance()->lock);
 
-    // Whether there is a message, and the oldest one, taken out of the queue (null when there is
-    // none). Between lockMessages() and unlockMessages() the returned message stays as it is until
-    // unlockMessages(), and nobody posts; otherwise a thread that posts may overwrite it at once.
+    // hasMessages() returns whether the queue has messages; nextMessage() removes and returns the
+    // oldest one, or null. Between lockMessages() and unlockMessages(), nobody posts and the
+    // message stays valid. Otherwise a posting thread may overwrite it at once.
     static bool hasMessages();
     static error_message_t* nextMessage();
 
-    // Keep the queue for one reader. Not recursive.
+    // Reserve the queue for one reader. Not recursive.
     static void lockMessages() TAVRIK_ACQUIRE(Instance()->lock);
     static void unlockMessages() TAVRIK_RELEASE(Instance()->lock);
 
   private:
-    // Has the channel to itself for a scope; on one thread it may be nested.
+    // Exclusive use of the channel for a scope. May be nested on one thread.
     class Turn;
 
     SystemErrorMessages() = default;
