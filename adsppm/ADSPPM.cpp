@@ -135,7 +135,7 @@ ADSPPM::ADSPPM()
     : timeShift(kInitialTimeShift),
       startAccepted(false),
       changed_(false),
-      state(idle),
+      state(kIdle),
       busy(false),
       stopping(false),
       lastLog{},
@@ -183,7 +183,7 @@ bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string
     LockGuard guard(lock);
     while (busy)
         lock.wait();
-    if (state == failed) {
+    if (state == kFailed) {
         error = errorText;
         return false;
     }
@@ -274,7 +274,7 @@ bool ADSPPM::startMetricCollection() {
     LockGuard guard(lock);
     while (busy || stopping)
         lock.wait();
-    if (state != idle || period() == kNoPeriod) return false;
+    if (state != kIdle || period() == kNoPeriod) return false;
 
     startAccepted = false;
     BusyFlag starting(busy, lock);
@@ -287,12 +287,12 @@ bool ADSPPM::startMetricCollection() {
     }
     startAccepted = false;
     if (!started) {
-        state = failed;
+        state = kFailed;
         errorText = "Failed to start ADSP PMU.";
         return false;
     }
     changed_ = false;
-    state = collecting;
+    state = kCollecting;
     return true;
 }
 
@@ -338,9 +338,9 @@ bool ADSPPM::stopMetricCollection() {
     LockGuard guard(lock);
     while (busy || stopping)
         lock.wait();
-    if (state != collecting) return false;
+    if (state != kCollecting) return false;
 
-    state = idle;
+    state = kIdle;
     BusyFlag stop(stopping, lock);
     bool stopped = false;
     {
@@ -348,7 +348,7 @@ bool ADSPPM::stopMetricCollection() {
         LockRelease released(lock);
         stopped = exchangeStop();
     }
-    if (!stopped) state = failed;
+    if (!stopped) state = kFailed;
     {
         LockRelease released(lock);
         DIAG::instance()->unregisterLogListener(kLogCode, this);
@@ -372,7 +372,7 @@ bool ADSPPM::exchangeStop() {
 
 void ADSPPM::resetForTesting() {
     LockGuard guard(lock);
-    state = idle;
+    state = kIdle;
 }
 
 // --- Decoding -------------------------------------------------------------------------------
@@ -395,7 +395,7 @@ void ADSPPM::onLog(const unsigned char* record) {
     // The start was accepted, but has not returned: its write may block until this thread has read
     // more. Do not wait for it. Nothing is delivered before it succeeds.
     const bool starting = busy && startAccepted;
-    if ((state != collecting && !starting) || record[kRecordVersion] != 1) return;
+    if ((state != kCollecting && !starting) || record[kRecordVersion] != 1) return;
     const double time = convertTimeStamp(diag_get_u32(record + kRecordTimeLow),
                                          diag_get_u32(record + kRecordTimeHigh));
     if (!starting && diag_get_u16(lastLog + kRecordCode) != 0) deliverAll(record, time);

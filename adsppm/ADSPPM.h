@@ -94,7 +94,7 @@ class ADSPPM : public DIAG::LogListener {
 
   private:
     using Listeners = std::multimap<unsigned int, Listener*>;  // by period
-    enum State { idle = 0, collecting = 1, failed = 2 };
+    enum State { kIdle = 0, kCollecting = 1, kFailed = 2 };
 
     ADSPPM();
     ~ADSPPM() override;

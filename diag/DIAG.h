@@ -62,7 +62,7 @@ class DIAG {
       private:
         friend class DIAG;
         using Deadline = std::chrono::steady_clock::time_point;
-        enum class Event { answered, calledToSend, timedOut };
+        enum class Event { kAnswered, kCalledToSend, kTimedOut };
 
         void reset() TAVRIK_EXCLUDES(lock);
         void handOver(bool result) TAVRIK_EXCLUDES(lock);

@@ -55,8 +55,8 @@ DIAG::ResponseListener::Event DIAG::ResponseListener::wait(Deadline deadline) {
         lock.wait(static_cast<int>(left.count()));
     }
     waiting = false;
-    if (std::exchange(called, false)) return Event::calledToSend;
-    return done ? Event::answered : Event::timedOut;
+    if (std::exchange(called, false)) return Event::kCalledToSend;
+    return done ? Event::kAnswered : Event::kTimedOut;
 }
 
 DIAG::Request::Request(const unsigned char* bytes, int count, ResponseListener* receiver)
@@ -181,7 +181,7 @@ bool DIAG::awaitResponse(ResponseListener& listener) {
     {
         Withdrawal onLeaving(*this, &listener);
         const auto deadline = ResponseListener::Deadline::clock::now() + kResponseTimeout;
-        while (listener.wait(deadline) == Event::calledToSend) {
+        while (listener.wait(deadline) == Event::kCalledToSend) {
             LockGuard guard(requestLock);
             sendDue();
             sendDueOrDelegate();

@@ -49,7 +49,7 @@ bool Thread::beginStart() {
     logger.load()->debugf("Creating Thread");
     reserve();
     threadInfo = new pthread_t{};
-    phase = Phase::starting;
+    phase = Phase::kStarting;
     return true;
 }
 
@@ -67,7 +67,7 @@ bool Thread::create() {
 void Thread::failStart() {
     startFailed = true;
     LockGuard guard(stateLock);
-    phase = Phase::over;
+    phase = Phase::kOver;
     stateLock.notifyAll();
 }
 
@@ -83,21 +83,21 @@ void Thread::runNamed() {
     {
         LockGuard guard(stateLock);
         *threadInfo = pthread_self();
-        phase = Phase::running;
+        phase = Phase::kRunning;
         stateLock.notifyAll();
     }
     run();
     LockGuard guard(stateLock);
-    phase = Phase::over;
+    phase = Phase::kOver;
 }
 
 void Thread::setPriority(const Priority& priority) {
     LockGuard guard(stateLock);
     if (!threadInfo) return;
     logger.load()->debugf("setPriority %d", priority.value);
-    while (phase == Phase::starting)
+    while (phase == Phase::kStarting)
         stateLock.wait();
-    if (phase != Phase::running) return;
+    if (phase != Phase::kRunning) return;
     sched_param parameters{};
     parameters.sched_priority = priority.value == 0 ? 1 : priority.value + 18;
     pthread_setschedparam(*threadInfo, priority.value == 0 ? SCHED_IDLE : SCHED_FIFO, &parameters);

@@ -70,8 +70,8 @@ class Thread : public Runnable, public SelfDestructingObject {
 
     // Guards what follows; innermost but for the logger's. Notified when the phase changes.
     Lock stateLock;
-    enum class Phase { unstarted, starting, running, over };
-    Phase phase TAVRIK_GUARDED_BY(stateLock) = Phase::unstarted;
+    enum class Phase { kUnstarted, kStarting, kRunning, kOver };
+    Phase phase TAVRIK_GUARDED_BY(stateLock) = Phase::kUnstarted;
     pthread_t* threadInfo TAVRIK_GUARDED_BY(stateLock) = nullptr;  // set once started
 };
 

@@ -20,13 +20,13 @@ void Trigger::Notifier::request(int newValue) {
     if (newValue == trigger->requestedValue) return;
     trigger->requestedValue = newValue;
     if (trigger->enabled || isRunning()) {
-        append({NotifierEntry::Kind::value, newValue, getNow()});
+        append({NotifierEntry::Kind::kValue, newValue, getNow()});
     } else {
         trigger->apply(newValue, getNow());
     }
 }
 
-void Trigger::Notifier::maintain() { add({NotifierEntry::Kind::maintenance, 0, 0.0}); }
+void Trigger::Notifier::maintain() { add({NotifierEntry::Kind::kMaintenance, 0, 0.0}); }
 
 // Under the lock: between another thread's check of the flag and its silent application, the change
 // would hide that value from the subscribers.
@@ -36,7 +36,7 @@ bool Trigger::Notifier::setEnabled(bool enable) {
 }
 
 void Trigger::Notifier::exec(const NotifierEntry& entry, int, int) {
-    if (entry.kind == NotifierEntry::Kind::value) {
+    if (entry.kind == NotifierEntry::Kind::kValue) {
         trigger->_setValue(entry.value, entry.time);
     } else {
         trigger->subscribers.optimize();

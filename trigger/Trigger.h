@@ -86,7 +86,7 @@ class Trigger {
     // A queued change: a value with the time of its request, or the request to apply the queued
     // changes of subscribers.
     struct NotifierEntry {
-        enum class Kind { value, maintenance };
+        enum class Kind { kValue, kMaintenance };
         Kind kind;
         int value;
         double time;
