@@ -102,7 +102,7 @@ void visitFault(Keys& keys, Fault& fault) {
 }
 
 template <typename Keys>
-void visitDriver(Keys& keys, Scenario& scenario) {
+void visitCalls(Keys& keys, Scenario& scenario) {
     keys.section("open", [&](Keys& open) {
         open.errorNumber("errno", scenario.openErrno, "every open fails with it");
         open.number("eintr", scenario.openEintr, kCalls, "the first so many opens fail with EINTR");
@@ -121,6 +121,10 @@ void visitDriver(Keys& keys, Scenario& scenario) {
         ioctl.number("eintr", scenario.ioctlEintr, kCalls,
                      "of each ioctl the first so many calls fail with EINTR and do nothing");
     });
+}
+
+template <typename Keys>
+void visitQueue(Keys& keys, Scenario& scenario) {
     keys.section("masks", [&](Keys& masks) {
         masks.flag("message", scenario.masks.message, "the message masks come after an open");
         masks.flag("log", scenario.masks.log, "the log masks come after an open");
@@ -135,6 +139,10 @@ void visitDriver(Keys& keys, Scenario& scenario) {
     keys.number("queue_limit", scenario.queueLimit, kCalls,
                 "while so many buffers stand unread, user-space data that comes is lost, and "
                 "counted in the trace; 0: no limit");
+}
+
+template <typename Keys>
+void visitIoctls(Keys& keys, Scenario& scenario) {
     keys.section("mode_switch", [&](Keys& modeSwitch) {
         modeSwitch.choice("accepts", scenario.modeForm, kModeForms,
                           "the forms of ioctl 7 that are taken; an argument below 4096 is a value");
@@ -152,6 +160,10 @@ void visitDriver(Keys& keys, Scenario& scenario) {
     });
     keys.number("remote_mask", scenario.remoteMask, {0, 0xFFFF},
                 "what ioctl 32 reports; requests for other remote processors are refused");
+}
+
+template <typename Keys>
+void visitStrays(Keys& keys, Scenario& scenario) {
     keys.section("unsolicited", [&](Keys& unsolicited) {
         unsolicited.number("period_us", scenario.unsolicited.periodUs, kMinuteUs,
                            "period of stray frames while in mode 6; 0: there are none");
@@ -183,7 +195,10 @@ void visitDsp(Keys& keys, Scenario& scenario) {
 
 template <typename Keys>
 void visitScenario(Keys& keys, Scenario& scenario) {
-    visitDriver(keys, scenario);
+    visitCalls(keys, scenario);
+    visitQueue(keys, scenario);
+    visitIoctls(keys, scenario);
+    visitStrays(keys, scenario);
     visitDsp(keys, scenario);
     keys.faults("requests", scenario.requests);
 }
