@@ -16,10 +16,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         mustHold(read.adsp.periodUs >= 0 && read.adsp.periodUs <= kMinute, "periods have a limit");
         mustHold(read.adsp.claimedLength <= 0xFFFF && read.adsp.recordLength <= 0xFFFF,
                  "lengths fit their fields");
+        mustHold(read.queueLimit >= 0 && read.write.eintr >= 0, "these counts neither");
         for (const auto& [name, faults] : read.requests) {
             for (const Fault& fault : faults) {
                 mustHold(fault.delayMs >= 0 && fault.delayMs <= kHour, "delays have a limit");
                 mustHold(fault.logCount >= 1, "something is there to be sent");
+                mustHold(!fault.splitAt || fault.split != Fault::Split::kNone,
+                         "a split has its place");
                 for (const int occurrence : fault.on)
                     mustHold(occurrence >= 1, "occurrences count from 1");
             }
