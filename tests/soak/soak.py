@@ -28,7 +28,7 @@ import tempfile
 import threading
 import time
 
-ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), ".."))
+ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
 sys.path.insert(0, os.path.join(ROOT, "tests", "e2e"))
 from expected import Outcome, driver_cases, fault_cases, scenario_file  # noqa: E402
 
@@ -166,7 +166,7 @@ class Cycles:
                           if case.status == 0 and not case.messages and case.scenario != "soak.json"
                           and not {"adsp", "ranges"} & case.scenario.keys()]  # there are values then
         self.samples = []  # (seconds, Usage)
-        self.process = start("bench/Soak", stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.process = start("tests/soak/Soak", stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.work = concurrent.futures.ThreadPoolExecutor(1).submit(self.run)
 
     def run(self):
