@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Runs the checker many times, two at a time, against the simulated device.
 
 usage: script/soak [N]
@@ -28,11 +27,9 @@ import tempfile
 import threading
 import time
 
-ROOT = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
-sys.path.insert(0, os.path.join(ROOT, "tests", "e2e"))
-from expected import Outcome, driver_cases, fault_cases, scenario_file  # noqa: E402
+from e2e.expected import Outcome, driver_cases, fault_cases, scenario_file
 
-BUILD = os.path.join(ROOT, "build", "release")
+BUILD = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build", "release")
 GRACE = 20  # seconds beyond what a run may take, until it counts as one that hangs
 LOOK = 0.05  # seconds between two looks at a checker
 WARM_UP = 60  # seconds, without a say in what is level
