@@ -1,14 +1,4 @@
-"""Runs the checker many times, two at a time, against the simulated device.
-
-usage: script/soak [N]
-       script/soak --hours H | --minutes M [--seed S]
-
-N runs (1000) with a log packet every millisecond and one directly in front of every response. Or for
-so long all scenarios at random, while one process starts and stops collection again and again; one
-line per minute, and the verdict at the end or on Ctrl-C. Exit status 0 when every run came to what its
-scenario demands, nothing took more than it may and nothing grew. "late": a time-out while processors
-were short, right when repeated; shown, and tolerated in up to two of a hundred runs.
-"""
+"""What script/soak runs, and says."""
 import argparse
 import collections
 import concurrent.futures
@@ -252,7 +242,7 @@ def soak(count):
 
 
 def main():
-    parser = argparse.ArgumentParser(usage=__doc__[__doc__.index("script/soak"):])
+    parser = argparse.ArgumentParser(prog="script/soak")
     parser.add_argument("count", nargs="?", type=int, default=1000)
     parser.add_argument("--hours", type=float, default=0)
     parser.add_argument("--minutes", type=float, default=0)

@@ -1,0 +1,67 @@
+# shellcheck shell=bash
+# Sourced first by every script. Makes the root of the repository the current folder, opens standard
+# streams that are closed on /dev/null, and ends the script on Ctrl-C. Sets:
+#
+#   self      the script's file, links resolved
+#   name      the same from the root, for messages
+#   scratch   a folder for temporary files, after make_scratch
+#   OLDPWD    the folder that the script was called from
+set -euo pipefail
+unset CDPATH
+
+# Else the next file that is opened would take the place of the stream.
+[ -e /proc/self/fd/0 ] || exec </dev/null
+[ -e /proc/self/fd/1 ] || exec >/dev/null
+[ -e /proc/self/fd/2 ] || exec 2>/dev/null
+
+self=$(readlink -f "$0")
+cd "${self%/*}/.."
+name=${self#"$PWD"/}
+scratch=
+
+tidy_up() {
+    [ -z "$scratch" ] || rm -rf "$scratch"
+}
+trap tidy_up EXIT
+# A child may end on Ctrl-C without a signal, as ninja and apt-get do; the script would go on then.
+trap 'exit 130' INT
+
+make_scratch() {
+    [ -n "$scratch" ] || scratch=$(mktemp -d)
+}
+
+fail() {
+    echo "$name: $1" >&2
+    exit 1
+}
+
+# Prints the comment at the top of the script.
+usage() { sed -n '2,/^$/s/^# \{0,1\}//p' "$self"; }
+
+refuse() {
+    echo "$name: $1" >&2
+    usage >&2
+    exit 2
+}
+
+# take_options FLAGS VALUED ARGUMENT...: prints the usage on --help. Refuses an option that is neither
+# in FLAGS nor in VALUED, and one of VALUED without a value. Stores the other arguments in operands.
+take_options() {
+    local flags=" $1 " valued=" $2 "
+    shift 2
+    operands=()
+    while [ $# -gt 0 ]; do
+        if [ "$1" = --help ]; then
+            usage
+            exit 0
+        elif [[ $1 != -* ]]; then
+            operands+=("$1")
+        elif [[ $valued == *" $1 "* ]]; then
+            [ $# -ge 2 ] || refuse "$1 needs a value"
+            shift
+        elif [[ $flags != *" $1 "* && ($1 != --*=* || $valued != *" ${1%%=*} "*) ]]; then
+            refuse "unknown option $1"
+        fi
+        shift
+    done
+}
