@@ -18,8 +18,18 @@ self=$(readlink -f "$0")
 cd "${self%/*}/.."
 name=${self#"$PWD"/}
 scratch=
+progress=
+
+end_progress() {
+    [ -n "$progress" ] || return 0
+    kill "$progress" 2>/dev/null || true
+    wait "$progress" 2>/dev/null || true
+    progress=
+    printf '\r\033[K' >&2
+}
 
 tidy_up() {
+    end_progress
     [ -z "$scratch" ] || rm -rf "$scratch"
 }
 trap tidy_up EXIT
@@ -64,4 +74,30 @@ take_options() {
         fi
         shift
     done
+}
+
+# Shows the last line of the log on the terminal, from the third second on.
+show_progress() {
+    local line
+    sleep 2 >/dev/null 2>&1
+    while kill -0 $$ 2>/dev/null; do
+        line=$(tail -n 1 "$scratch/log")
+        printf '\r\033[K%.79s' "$name: $line" >&2
+        sleep 0.2 >/dev/null 2>&1
+    done
+}
+
+# logged COMMAND...: runs it with its output in $scratch/log, and shows progress on a terminal.
+logged() {
+    local status=0
+    make_scratch
+    : >"$scratch/log"
+    if [ -t 2 ] && [ -z "${CI:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
+        show_progress &
+        progress=$!
+    fi
+    # Not in this shell: its trap would write the end of the progress to the log.
+    ("$@") >"$scratch/log" 2>&1 || status=$?
+    end_progress
+    return "$status"
 }
