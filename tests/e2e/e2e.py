@@ -18,10 +18,12 @@ import time
 import unittest
 
 from expected import FAILED_INIT, HERE, PAUSE, REQUESTS, Outcome, driver_cases, fault_cases, scenario_file
+from preload import preload
 
-CHECKER, PRELOAD = sys.argv[1:3]
+CHECKER = os.path.abspath(sys.argv[1])
 MARGIN = int(os.environ.get("E2E_MARGIN_MS", "100"))
 EMULATOR = os.environ.get("E2E_EMULATOR", "").split()
+PRELOAD, FOLDER = preload(CHECKER, sys.argv[2], EMULATOR)
 SLOW = MARGIN > 100  # instrumented or emulated
 
 
@@ -44,8 +46,9 @@ class Run(Outcome):
                 else:
                     environment["LD_PRELOAD"] = PRELOAD
             begin = time.monotonic()
-            done = subprocess.run(command, env=environment, timeout=30, stdin=subprocess.DEVNULL,
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            done = subprocess.run(command, env=environment, cwd=FOLDER, timeout=30,
+                                  stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, text=True)
             super().__init__(done.returncode, done.stdout, done.stderr,
                              (time.monotonic() - begin) * 1000, trace)
 
