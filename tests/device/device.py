@@ -1,9 +1,8 @@
-#!/usr/bin/env python3
 """What script/test-device shows: the checker's runs on the emulated device, each compared with one of
 the host's checker against the preloaded library.
 
-usage: device.py scenarios ROOT
-       device.py judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM
+usage, in tests/: python3 -m device.device scenarios ROOT
+                  python3 -m device.device judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM
 
 The first writes the scenarios into the device's root folder. The second reads what init wrote to the
 console; GUEST_CHECKER is the device's program, CHECKER and LIBDIAGSIM are the host's own.
@@ -15,6 +14,8 @@ import re
 import subprocess
 import sys
 import tempfile
+
+from e2e.preload import preload
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 with open(os.path.join(HERE, "scenarios.json")) as file:
@@ -40,14 +41,15 @@ class Outcome:
         self.trace.append(re.sub(r"(4B 12 2A 00)( [0-9A-F]{2}){8}$", r"\1 (time)", message))
 
 
-def on_host(case, checker, library):
+def on_host(case, checker, preloaded):
+    library, home = preloaded
     outcome = Outcome()
     with tempfile.TemporaryDirectory() as folder:
         paths = {name: os.path.join(folder, name) for name in ("scenario", "trace")}
         write_json(paths["scenario"], case["device"])
         environment = dict(os.environ, LD_PRELOAD=library, DIAGSIM_TRACE=paths["trace"],
                            DIAGSIM_SCENARIO=paths["scenario"])
-        run = subprocess.run([checker], env=environment, stdin=subprocess.DEVNULL, text=True,
+        run = subprocess.run([checker], env=environment, cwd=home, stdin=subprocess.DEVNULL, text=True,
                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
         outcome.status = run.returncode
         for line in run.stdout.splitlines():
@@ -158,10 +160,11 @@ def main(console, guest_checker, checker, library):
     if "@@ end" not in lines:
         print("\n".join(lines[-40:]))
         sys.exit("device.py: the emulated device did not reach its end")
+    checker, preloaded = os.path.abspath(checker), preload(checker, library)
     cases = dict(SCENARIOS, **{"no node": {"status": 1, "device": {"open": {"errno": "ENOENT"}}}})
 
     def run(case):
-        host = on_host(case, checker, library)
+        host = on_host(case, checker, preloaded)
         host.due = case["status"]
         return host
     with concurrent.futures.ThreadPoolExecutor(2) as pool:

@@ -18,8 +18,11 @@ import threading
 import time
 
 from e2e.expected import Outcome, driver_cases, fault_cases, scenario_file
+from e2e.preload import preload
 
 BUILD = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build", "release")
+CHECKER = os.path.join(BUILD, "app", "adsppm-check")
+LIBRARY = os.path.join(BUILD, "sim", "libdiagsim.so")
 GRACE = 20  # seconds beyond what a run may take, until it counts as one that hangs
 LOOK = 0.05  # seconds between two looks at a checker
 WARM_UP = 60  # seconds, without a say in what is level
@@ -61,8 +64,7 @@ def usage(pid, memory):
 
 def start(program, **options):
     # In a session of its own, where the terminal's Ctrl-C does not reach it.
-    return subprocess.Popen(os.path.join(BUILD, program), stdout=subprocess.PIPE,
-                            start_new_session=True, **options)
+    return subprocess.Popen(program, stdout=subprocess.PIPE, start_new_session=True, **options)
 
 
 def watch(process, seconds):
@@ -78,15 +80,15 @@ def watch(process, seconds):
                 process.kill()
 
 
-def run(case):
+def run(case, preloaded):
     """One run of the checker: its outcome, what it used, and what is wrong with it, if anything."""
+    library, home = preloaded
     with tempfile.TemporaryDirectory() as folder:
         trace = os.path.join(folder, "trace")
-        environment = {**os.environ, "LD_PRELOAD": os.path.join(BUILD, "sim", "libdiagsim.so"),
-                       "DIAGSIM_TRACE": trace,
+        environment = {**os.environ, "LD_PRELOAD": library, "DIAGSIM_TRACE": trace,
                        "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder)}
         begin = time.monotonic()
-        process = start("app/adsppm-check", env=environment, stdin=subprocess.DEVNULL,
+        process = start(CHECKER, env=environment, cwd=home, stdin=subprocess.DEVNULL,
                         stderr=subprocess.PIPE, text=True, errors="replace")
         output, errors, used = watch(process, case.milliseconds / 1000 + GRACE)
         outcome = Outcome(process.returncode, output, errors, (time.monotonic() - begin) * 1000, trace)
@@ -98,7 +100,7 @@ def run(case):
     return outcome, used, None
 
 
-def late(case, outcome, used):
+def late(case, preloaded, outcome, used):
     """Whether its time-outs are the machine's fault: tasks wait for a processor, repeated it is right."""
     timed_out = re.search("timeout|Diag_LSM_Init failed", outcome.output)
     if not timed_out or outcome.status not in (0, 1) or used.excessive():
@@ -108,11 +110,13 @@ def late(case, outcome, used):
             waits = map(float, re.findall(r"avg[16]0=([\d.]+)", file.readline()))
     except OSError:
         return False
-    return max(waits) >= BUSY and not all(run(case)[2] for _ in range(2))
+    return max(waits) >= BUSY and not all(run(case, preloaded)[2] for _ in range(2))
 
 
 class Checkers:
     """Runs of the checker, two at a time, of the cases that `choose` gives until it gives None."""
+
+    preloaded = None  # what preload() gives, for all
 
     def __init__(self, choose):
         self.choose, self.lock = choose, threading.Lock()
@@ -127,8 +131,8 @@ class Checkers:
                 case = self.choose()
             if not case:
                 return
-            outcome, used, mistake = run(case)
-            excused = mistake is not None and late(case, outcome, used)
+            outcome, used, mistake = run(case, self.preloaded)
+            excused = mistake is not None and late(case, self.preloaded, outcome, used)
             with self.lock:
                 self.runs += 1
                 self.exits_of_0 += outcome.status == 0
@@ -153,7 +157,7 @@ class Cycles:
                           if case.status == 0 and not case.messages and case.scenario != "soak.json"
                           and not {"adsp", "ranges"} & case.scenario.keys()]  # there are values then
         self.samples = []  # (seconds, Usage)
-        self.process = start("tests/soak/Soak", stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.process = start(os.path.join(BUILD, "tests", "soak", "Soak"), stdin=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.work = concurrent.futures.ThreadPoolExecutor(1).submit(self.run)
 
     def run(self):
@@ -251,6 +255,7 @@ def main():
     seconds = wanted.hours * 3600 + wanted.minutes * 60
     if wanted.count < 1 or not 0 <= seconds < float("inf"):
         parser.error("these numbers are positive")
+    Checkers.preloaded = preload(CHECKER, LIBRARY)
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: stop.set())
     return 0 if (soak_for(seconds, wanted.seed) if seconds else soak(wanted.count)) else 1
