@@ -1,0 +1,186 @@
+"""Runs script/ in a copy of the tree, with a cmake that copies what was built before and an apt-get that
+installs nothing.
+
+usage, in tests/: python3 -m scripts.scripts_test CHECKER LIBDIAGSIM [unittest arguments]
+"""
+import os
+import pathlib
+import pty
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from e2e.expected import fault_case
+from soak.soak import exchanges, overdue
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+CHECKER, LIBRARY = map(os.path.abspath, sys.argv[1:3])
+SECONDS = 60  # for one test
+
+# Each notes its call in `calls`. What they wait for is a FIFO.
+FAKES = {
+    "cmake": r"""
+cache=build/release/CMakeCache.txt home="CMAKE_HOME_DIRECTORY:INTERNAL=$PWD"
+if [ "$1" = --preset ]; then
+    [ ! -e $cache ] || grep -Fqx "$home" $cache || exit
+    mkdir -p build/release/{app,sim}
+    echo "$home" >$cache
+else
+    echo "[3/7] Building"
+    [ ! -e "$TREE/go" ] || read -r _ <"$TREE/go"
+    cp "$CHECKER" build/release/app
+    cp "$LIBRARY" build/release/sim/libdiagsim.so
+fi""",
+    "apt-get": r"""
+case $1${OFFLINE:+ offline} in
+    update*offline)
+        printf 'Err:%s http://archive\n' {1..99}
+        echo 'W: Failed to fetch http://archive/Release  No route to host' ;;
+    install*offline) exit 100 ;;
+    install)
+        if [ -e "$TREE/busy" ]; then (trap '' INT; echo unpacking; exec sleep 30) >"$TREE/busy"; fi
+        ln -s /bin/true "$TREE/../bin/ninja" ;;
+esac""",
+    "dpkg": "", "apt-cache": "", "id": "echo 0", "ninja": ""}
+
+
+class Scripts(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.tools = tempfile.TemporaryDirectory(dir="/tmp")
+        cls.addClassCleanup(cls.tools.cleanup)
+        tools = {name: f"/usr/bin/{name}" for name in os.listdir("/usr/bin")}
+        for name, target in {**tools, "python3": sys.executable}.items():
+            if name not in FAKES:
+                os.symlink(target, os.path.join(cls.tools.name, name))
+
+    def setUp(self):
+        outside = tempfile.TemporaryDirectory(dir="/tmp")
+        self.addCleanup(outside.cleanup)
+        for folder in (outside.name, self.tools.name):
+            os.chmod(folder, 0o755)
+        self.tree = pathlib.Path(outside.name, "a b:c")
+        for folder in ("script", "tests/e2e", "tests/soak"):
+            shutil.copytree(ROOT / folder, self.tree / folder)
+        shutil.copy(ROOT / "CMakePresets.json", self.tree)
+        self.bin, self.calls = pathlib.Path(outside.name, "bin"), self.tree / "calls"
+        self.bin.mkdir()
+        for name, text in FAKES.items():
+            (self.bin / name).write_text(f'#!/bin/bash\necho "{name} $*" >>"$TREE/calls"\n{text}\n')
+            (self.bin / name).chmod(0o755)
+        signal.signal(signal.SIGALRM, lambda *_: self.fail("it hangs"))
+        signal.alarm(SECONDS)
+        self.environment = {"PATH": f"{self.bin}:{self.tools.name}", "CDPATH": "/:/usr", "TERM": "xterm",
+                            "TMPDIR": str(self.tree), "TREE": str(self.tree),
+                            "CHECKER": CHECKER, "LIBRARY": LIBRARY}
+
+    def start(self, command, **options):
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
+        process = subprocess.Popen(["bash", "-c", command], cwd=self.tree, env=self.environment, text=True,
+                                   stdin=subprocess.DEVNULL, start_new_session=True, **options)
+        self.addCleanup(lambda: process.poll() is None and os.killpg(process.pid, signal.SIGKILL))
+        return process
+
+    def run_script(self, command, status=0, **options):
+        """Its output and errors, after it ended with that status."""
+        process = self.start(command, **options)
+        output, errors = process.communicate()
+        self.assertEqual(process.returncode, status, f"{command}\n{output}\n{errors}")
+        return output, errors
+
+    def without_ninja(self):
+        (self.bin / "ninja").unlink()
+
+    def test_neither_the_path_nor_the_reader_changes_a_verdict(self):
+        (self.tree / "link").symlink_to("script/run")
+        (self.tree / "refuse.json").write_text('{"requests": {"start": {"refuse": true}}}')
+        output, errors = self.run_script("./link")
+        self.assertIn("start response (accepted)", output)
+        self.assertEqual((output.splitlines()[-1], errors), ("adsppm-check: exit status 0", ""))
+        self.run_script("cd script; ./run ../refuse.json >&- 2>&-", 1)
+        self.run_script("script/run refuse.json >/dev/full", 1)
+        self.run_script("set -o pipefail; script/run | true")
+        self.assertIn("1 of 1 exit 0", self.run_script("script/soak 1")[0])
+        self.run_script("cd build/release; python3 ../../tests/e2e/e2e.py app/adsppm-check sim/libdiagsim.so "
+                        "Checker.test_exact_traffic_of_a_good_run")
+
+    def test_nothing_runs_without_the_device(self):
+        self.environment["LIBRARY"] = str(ROOT / "README.md")
+        output, errors = self.run_script("script/run", 2)
+        self.assertEqual((output, errors.count("\n")), ("", 1), errors)
+        self.assertIn("was not started", self.run_script("script/soak 1", 1)[1])
+
+    def test_help_and_mistakes_install_nothing(self):
+        self.without_ninja()
+        scripts = [path.name for path in (ROOT / "script").iterdir() if path.is_file()]
+        for name in scripts:
+            self.assertGreater(len(self.run_script(f"script/{name} --help")[0]), 50, name)
+            self.run_script(f"script/{name} --bogus", 2)
+        for mistake in ("run absent/scenario.json", "soak 0", "test -R", "build absent", "fuzz absent",
+                        "setup --run --ci"):
+            self.run_script(f"script/{mistake}", 2)
+        self.assertFalse(self.calls.exists())
+
+    def test_an_interrupted_installation_is_repaired_by_the_next_run(self):
+        self.without_ninja()
+        os.mkfifo(self.tree / "busy")
+        process = self.start("script/run")
+        with open(self.tree / "busy") as busy:
+            busy.readline()
+            os.killpg(process.pid, signal.SIGINT)
+            self.assertEqual(busy.read(), "")  # ends with those that apt-get started
+        output, errors = process.communicate()
+        self.assertEqual(process.returncode, 130, output + errors)
+        (self.tree / "busy").unlink()
+        (self.bin / "ninja").symlink_to("/bin/true")  # unpacked, not configured
+        self.calls.unlink()
+        self.run_script("script/run")
+        self.assertRegex(self.calls.read_text(), "dpkg --configure -a\napt-get update\napt-get install")
+        self.run_script("rm calls; script/run; ! grep apt-get calls")
+
+    def test_a_failed_installation_says_why_in_three_lines(self):
+        self.without_ninja()
+        self.environment["OFFLINE"] = "yes"
+        errors = self.run_script("script/run", 2)[1].splitlines()
+        self.assertEqual(len(errors), 3, errors)
+        self.assertRegex(errors[0], "No route to host$")
+
+    def test_a_build_follows_a_moved_tree_and_names_a_file_of_another_user(self):
+        self.run_script("script/build; sed -i 's/=.*/=elsewhere/' build/release/CMakeCache.txt; script/build")
+        self.run_script("chmod 555 build/release")
+        user = {} if os.getuid() else {"user": 65534, "group": 65534, "extra_groups": []}
+        _, errors = self.run_script("script/run", 2, **user)
+        self.assertEqual(errors.count("\n"), 1, errors)
+
+    def test_a_long_build_shows_progress_on_a_terminal(self):
+        os.mkfifo(self.tree / "go")
+        terminal, other_end = pty.openpty()
+        process = self.start("script/build", stdout=None, stderr=other_end)
+        shown = b""
+        while b"[3/7]" not in shown:
+            shown += os.read(terminal, 4096)
+        (self.tree / "go").write_text("go\n")
+        self.assertEqual(process.wait(), 0)
+
+    def test_a_late_answer_is_told_from_the_trace(self):
+        def late(kind, fault, answer):
+            trace = self.tree / "trace"
+            trace.write_text("   100.000 ms  host    stop request, 1 bytes: 00 => 0\n" + answer +
+                             "   360.000 ms  host    log mask clear request (equipment 1), 1 bytes: 00 => 0\n"
+                             "   360.100 ms  adsp    log mask clear response (accepted), 1 bytes: 00\n")
+            return overdue(fault_case("stop", kind, fault), list(exchanges(trace)))
+        in_time, too_late = (f"   {ms}.000 ms  adsp    stop response (accepted), 1 bytes: 00\n"
+                             for ms in (240, 351))
+        for case in (("fine", {}, ""), ("fine", {"delay_ms": 100}, too_late),
+                     ("refused", {"refuse": True}, too_late)):
+            self.assertTrue(late(*case), case)
+        for case in (("fine", {}, in_time), ("late", {"delay_ms": 400}, too_late),
+                     ("silent", {"drop": True}, "")):
+            self.assertFalse(late(*case), case)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=[sys.argv[0], *sys.argv[3:]])
