@@ -73,7 +73,10 @@ TEST_F(Adsppm, RegistrationsMakeTheRequest) {
     EXPECT_FALSE(adsppm().startMetricCollection()) << "no period";
     EXPECT_TRUE(add(a, 5, 100));
     EXPECT_EQ(startRequest(), "05 00 00 00 64 00 00 00");
-    EXPECT_TRUE(add(a, 7, 300) && add(b, 1, 200) && add(b, 5, 50) && add(a, -7, 60));
+    EXPECT_TRUE(add(a, 7, 300));
+    EXPECT_TRUE(add(b, 1, 200));
+    EXPECT_TRUE(add(b, 5, 50));
+    EXPECT_TRUE(add(a, -7, 60));
     EXPECT_EQ(startRequest(), "05 07 01 00 32 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
     EXPECT_EQ(startRequest(), "05 01 00 00 32 00 00 00");
@@ -277,7 +280,8 @@ TEST_F(Adsppm, ARegistrationWaitsForAStart) {
     plug(R"({"requests": {"start": [{"on": [1], "delay_ms": 50},
                                     {"on": [2], "delay_ms": 50, "refuse": true}]}})");
     Inbox inbox;
-    ASSERT_TRUE(add(inbox, -2) && add(inbox, -3));
+    ASSERT_TRUE(add(inbox, -2));
+    ASSERT_TRUE(add(inbox, -3));
     std::thread first([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
     ASSERT_TRUE(seen("host    start request"));
     EXPECT_TRUE(adsppm().unregisterListener(&inbox, -3));
@@ -333,8 +337,7 @@ TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
     change(1);
     EXPECT_EQ(lines("host    stop request").size(), 1u);
     EXPECT_EQ(lines("host    start request").size(), 2u);
-    EXPECT_NE(lines("host    start request").back().find("07 00 00 00 A0 86 01 00"),
-              std::string::npos);
+    EXPECT_THAT(line("host    start request", 1), testing::HasSubstr("07 00 00 00 A0 86 01 00"));
     change(3);
     EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
     EXPECT_TRUE(adsppm().stopMetricCollection());

@@ -5,6 +5,7 @@
 #include "tests/SimSupport.h"
 
 using tavrik::DIAG;
+using testing::HasSubstr;
 
 namespace {
 
@@ -100,7 +101,8 @@ TEST_F(Session, TakesTheFormOfTheModeThatTheDriverTakes) {
 TEST_F(Session, OneRequestIsOutstandingAtATime) {
     plug(R"({"requests": {"loopback": {"delay_ms": 30}}})");
     Answer first, second, third(false);
-    EXPECT_TRUE(send(first) && send(second) && send(third));
+    for (Answer* each : {&first, &second, &third})
+        EXPECT_TRUE(send(*each));
     EXPECT_FALSE(DIAG::instance()->sendRequest(loopback().data(), 0, &third)) << "nothing to queue";
     EXPECT_TRUE(DIAG::instance()->awaitResponse(second));
     EXPECT_TRUE(first.accepted) << "answered before";
@@ -119,7 +121,8 @@ TEST_F(Session, ARequestThatCannotBeSentIsInNobodysWay) {
     plug(R"({"requests": {"loopback": [{"on": [1], "delay_ms": 20},
                                        {"on": [2, 4], "write_result": 5}]}})");
     Answer first, refused, last;
-    EXPECT_TRUE(send(first) && send(refused) && send(last));
+    for (Answer* each : {&first, &refused, &last})
+        EXPECT_TRUE(send(*each));
     EXPECT_TRUE(DIAG::instance()->awaitResponse(last));
     EXPECT_TRUE(DIAG::instance()->awaitResponse(first));
     EXPECT_FALSE(refused.accepted);
@@ -180,7 +183,8 @@ TEST_F(Session, ACancelledCallerIsForgotten) {
 TEST_F(Session, FramesAreCutUnescapedAndAnswerInOrder) {
     plug(R"({"requests": {"loopback": {"drop": true}}})");
     Answer escaped, lone, third;
-    EXPECT_TRUE(send(escaped) && send(lone) && send(third));
+    for (Answer* each : {&escaped, &lone, &third})
+        EXPECT_TRUE(send(*each));
     receive({75, 0x7D, 0x5E, 0x7D, 0x5D, 0x7D, 0x7E, 1, 0x7E, 0x7E});
     EXPECT_EQ(escaped.frame, (Bytes{75, 0x7E, 0x7D, 0x5E, 1, 0x7E}));
     EXPECT_EQ(lone.frame, (Bytes{0x7E})) << "even a lone flag answers";
@@ -265,13 +269,13 @@ TEST_F(Session, TheMaskHoldsTheCodesOfItsEquipmentId) {
     EXPECT_TRUE(diag->registerLogListener(0x1645, &a));
     EXPECT_TRUE(diag->registerLogListener(0x1646, &b));
     // Item 0x645 is bit 5 of byte 0xC8.
-    EXPECT_NE(lines("host    log mask request")[1].find("A4 06 [00 x 202] 20 [00 x 12] => 0"),
-              std::string::npos);
-    EXPECT_NE(lines("host    log mask request")[2].find("A4 06 [00 x 202] 60 [00 x 12] => 0"),
-              std::string::npos);
+    EXPECT_THAT(line("host    log mask request", 1),
+                HasSubstr("A4 06 [00 x 202] 20 [00 x 12] => 0"));
+    EXPECT_THAT(line("host    log mask request", 2),
+                HasSubstr("A4 06 [00 x 202] 60 [00 x 12] => 0"));
     EXPECT_TRUE(diag->unregisterLogListener(0x1645, &a));
-    EXPECT_NE(lines("host    log mask request")[3].find("A4 06 [00 x 202] 40 [00 x 12] => 0"),
-              std::string::npos);
+    EXPECT_THAT(line("host    log mask request", 3),
+                HasSubstr("A4 06 [00 x 202] 40 [00 x 12] => 0"));
     EXPECT_TRUE(diag->unregisterLogListener(0x1646, &b));
     EXPECT_TRUE(diag->unregisterLogListener(0x4001, &c));
     EXPECT_EQ(lines("log mask clear request").size(), 2u);

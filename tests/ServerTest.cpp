@@ -144,7 +144,8 @@ TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
         const MarkerEntry entry = buffer.getEntry(0);
         const int code = std::stoi(entry.text);
         EXPECT_EQ(++depth, code == THREADS * EACH ? 2 : 1);
-        if (++published.at(static_cast<size_t>(code)) == 1 && code == 5) SystemErrorMessages::recordOnly(&nested);
+        if (++published.at(static_cast<size_t>(code)) == 1 && code == 5)
+            SystemErrorMessages::recordOnly(&nested);
         SystemErrorMessages::lockMessages(), SystemErrorMessages::unlockMessages();
         if (code == 5) std::thread(SystemErrorMessages::hasMessages).join();
         EXPECT_EQ(textsOf(buffer), textOf(code));

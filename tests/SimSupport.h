@@ -1,6 +1,7 @@
 // What the tests share that drive the framework against the linked simulated device.
 #pragma once
 
+#include <gmock/gmock-matchers.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -60,6 +61,12 @@ class SimTest : public ::testing::Test {
             if (line.find(text) != std::string::npos) found.push_back(line);
         }
         return found;
+    }
+    // The line of that index among them; a failure, and no text, if there are fewer.
+    static std::string line(const std::string& text, size_t index) {
+        const std::vector<std::string> found = lines(text);
+        EXPECT_LT(index, found.size()) << "lines with " << text;
+        return index < found.size() ? found[index] : "";
     }
 };
 
