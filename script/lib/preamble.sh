@@ -87,10 +87,10 @@ show_progress() {
     done
 }
 
-# logged COMMAND...: runs it with its output in $scratch/log, and shows progress on a terminal.
+# logged COMMAND...: runs it with its output in $scratch/log, and shows progress on a terminal. Needs
+# make_scratch.
 logged() {
     local status=0
-    make_scratch
     : >"$scratch/log"
     if [ -t 2 ] && [ -z "${CI:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
         show_progress &

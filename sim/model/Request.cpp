@@ -94,14 +94,15 @@ std::string listCodes(const std::vector<uint16_t>& codes) {
 }
 
 std::string checkMask(const Bytes& bytes, const Scenario::Ranges& ranges) {
-    const uint64_t equipment = wordAt(bytes, 8, 4);
+    const auto equipment = static_cast<size_t>(wordAt(bytes, 8, 4));
     if (equipment >= ranges.size()) return "equipment id " + std::to_string(equipment);
     const uint64_t items = wordAt(bytes, 12, 4);
     const uint64_t range = ranges[equipment];
     if (items != range) {
         return std::to_string(items) + " items, expected " + std::to_string(range);
     }
-    return firstOf({expectLength(bytes, kMaskHeader + (items + 7) / 8), expectZero(bytes, 1, 4)});
+    const auto length = static_cast<size_t>(kMaskHeader + (items + 7) / 8);
+    return firstOf({expectLength(bytes, length), expectZero(bytes, 1, 4)});
 }
 
 void decodeLogMask(Request& request, const Scenario::Ranges& ranges) {

@@ -71,9 +71,11 @@ class Scripts(unittest.TestCase):
         for name, text in FAKES.items():
             (self.bin / name).write_text(f'#!/bin/bash\necho "{name} $*" >>"$TREE/calls"\n{text}\n')
             (self.bin / name).chmod(0o755)
+        decoy = pathlib.Path(outside.name, "decoy", "tests")
+        decoy.mkdir(parents=True)
         signal.signal(signal.SIGALRM, lambda *_: self.fail("it hangs"))
         signal.alarm(SECONDS)
-        self.environment = {"PATH": f"{self.bin}:{self.tools.name}", "CDPATH": "/:/usr", "TERM": "xterm",
+        self.environment = {"PATH": f"{self.bin}:{self.tools.name}", "CDPATH": str(decoy.parent), "TERM": "xterm",
                             "TMPDIR": str(self.tree), "TREE": str(self.tree),
                             "CHECKER": CHECKER, "LIBRARY": LIBRARY}
 
