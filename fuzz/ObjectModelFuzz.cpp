@@ -84,7 +84,9 @@ void (*const steps[])(Program&, JSOM&) = {
     },
     [](Program&, JSOM& h) { h.expandValues(); },
     [](Program&, JSOM& h) { mustHold(h.booleanValue(true) || h.hasNode(), "the default"); },
-    [](Program& p, JSOM& h) { h.setBoolean(h.longValue(1) < h.doubleValue(p.byte())); }};
+    [](Program& p, JSOM& h) {
+        h.setBoolean(static_cast<long double>(h.longValue(1)) < h.doubleValue(p.byte()));
+    }};
 
 }  // namespace
 
