@@ -1,5 +1,6 @@
 // What only a true character device can show: run as root on a machine where diagsimd serves
-// /dev/diag, knows processors 1 and 3, and sends `longest` bytes behind its masks.
+// /dev/diag, knows processors 1 and 3, sends `longest` bytes behind its masks, and lets writes wait
+// for reads.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -39,28 +40,46 @@ TEST_F(Node, GivesEachMessageWithOneRead) {
     EXPECT_EQ(errno, EBUSY);
 }
 
-TEST_F(Node, ASignalInterruptsAReadAndLosesNothing) {
-    for (int i = 0; i < 4; ++i)
-        ASSERT_GT(readMessage(), 0);
+// The errno of a call that blocks on a thread of its own until signals end it.
+template <typename Call>
+int interrupted(Call call) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR2, &action, nullptr);
     std::atomic<bool> ended{false};
     int error = 0;
-    std::thread reader([&] {
-        error = readMessage() < 0 ? errno : 0;
+    std::thread caller([&] {
+        error = call() < 0 ? errno : 0;
         ended = true;
     });
-    // A signal in front of the read is lost, so one is not enough.
+    // A signal in front of the call is lost, so one is not enough.
     while (!ended) {
-        pthread_kill(reader.native_handle(), SIGUSR2);
+        pthread_kill(caller.native_handle(), SIGUSR2);
         poll(nullptr, 0, 1);
     }
-    reader.join();
-    EXPECT_EQ(error, EINTR);
+    caller.join();
+    return error;
+}
+
+TEST_F(Node, ASignalInterruptsAReadAndLosesNothing) {
+    for (int i = 0; i < 4; ++i)
+        ASSERT_GT(readMessage(), 0);
+    EXPECT_EQ(interrupted([this] { return readMessage(); }), EINTR);
     EXPECT_EQ(ioctl(node, DIAG_IOCTL_DEINIT), 1);
     EXPECT_EQ(readMessage(), 4);
     EXPECT_EQ(buffer[0], DIAG_TYPE_DEINIT);
+}
+
+TEST_F(Node, AWriteWaitsUntilEverythingIsReadOrASignalInterruptsIt) {
+    const unsigned char response[] = {DIAG_TYPE_PKT_RESPONSE, 0, 0, 0, 0x4B};
+    const auto send = [&] { return write(node, response, sizeof response); };
+    EXPECT_EQ(interrupted(send), EINTR);
+    ssize_t result = -1;
+    std::thread writer([&] { result = send(); });
+    for (int i = 0; i < 4; ++i)
+        EXPECT_GT(readMessage(), 0);
+    writer.join();
+    EXPECT_EQ(result, 0);
 }
 
 TEST_F(Node, TakesIoctlsByValueAndByPointer) {
