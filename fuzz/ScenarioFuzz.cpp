@@ -16,7 +16,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         mustHold(read.adsp.periodUs >= 0 && read.adsp.periodUs <= kMinute, "periods have a limit");
         mustHold(read.adsp.claimedLength <= 0xFFFF && read.adsp.recordLength <= 0xFFFF,
                  "lengths fit their fields");
-        mustHold(read.queueLimit >= 0 && read.write.eintr >= 0, "these counts neither");
+        mustHold(read.queueLimit >= 0 && read.write.eintr >= 0,
+                 "counts of calls are no less than 0");
         for (const auto& [name, faults] : read.requests) {
             for (const Fault& fault : faults) {
                 mustHold(fault.delayMs >= 0 && fault.delayMs <= kHour, "delays have a limit");
