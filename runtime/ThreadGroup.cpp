@@ -127,14 +127,15 @@ ThreadGroup::~ThreadGroup() {
     logger.load()->tracef("destructor: name:%s", name.c_str());
 }
 
-void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) { handOut(runnable, autoDelete); }
+void ThreadGroup::spawn(Runnable* runnable, bool autoDelete) {
+    if (runnable) handOut(takeWorker(true, false), runnable, autoDelete);
+}
 
-bool ThreadGroup::trySpawn(Runnable* runnable) { return handOut(runnable, false); }
+bool ThreadGroup::trySpawn(Runnable* runnable) {
+    return runnable && handOut(takeWorker(true, true), runnable, false);
+}
 
-bool ThreadGroup::handOut(Runnable* runnable, bool autoDelete) {
-    if (!runnable) return false;
-    // With a reference: once out of the idle ones, a worker may be stopped and let go by close().
-    WorkerThread* const worker = takeWorker(true);
+bool ThreadGroup::handOut(WorkerThread* worker, Runnable* runnable, bool autoDelete) {
     if (!worker) return false;
     logger.load()->debugf("spawn: group:%s worker:%p runner:%p", name.c_str(),
                           static_cast<void*>(worker), static_cast<void*>(runnable));
@@ -143,28 +144,34 @@ bool ThreadGroup::handOut(Runnable* runnable, bool autoDelete) {
     return accepted;
 }
 
-ThreadGroup::WorkerThread* ThreadGroup::getWorker() { return takeWorker(false); }
+ThreadGroup::WorkerThread* ThreadGroup::getWorker() { return takeWorker(false, false); }
 
-ThreadGroup::WorkerThread* ThreadGroup::takeWorker(bool reserved) {
+ThreadGroup::WorkerThread* ThreadGroup::takeWorker(bool reserved, bool mustRun) {
     if (closed) return nullptr;
     LockGuard guard(lock);
     if (closed) return nullptr;
     WorkerThread* worker = nullptr;
     if (idleWorkers.empty()) {
-        worker = addWorker();
+        worker = addWorker(mustRun);
     } else {
         worker = idleWorkers.back();
         idleWorkers.pop_back();
     }
     mirrorSizes();
-    if (reserved) worker->reserve();
+    if (reserved && worker) worker->reserve();
     return worker;
 }
 
-ThreadGroup::WorkerThread* ThreadGroup::addWorker() {
+ThreadGroup::WorkerThread* ThreadGroup::addWorker(bool mustRun) {
     WorkerThread* const worker = new WorkerThread(this);
     worker->reserve();
     worker->start();
+    if (mustRun && worker->hasFailedToStart()) {
+        // Both references, also that of the missing thread: nobody else knows the worker.
+        worker->release();
+        worker->release();
+        return nullptr;
+    }
     workers.push_back(worker);
     logger.load()->debugf(
         "getWorker: group:%s worker:%p new worker created.  There are %d workers.", name.c_str(),

@@ -88,10 +88,15 @@ class ThreadGroup {
     class CountMetric;
 
   private:
-    bool handOut(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
-    // With `reserved`, the caller gets a reference of its own.
-    WorkerThread* takeWorker(bool reserved) TAVRIK_EXCLUDES(lock);
-    WorkerThread* addWorker() TAVRIK_REQUIRES(lock);
+    // Assigns a task to a worker, unless null, and drops the caller's reference on it. False if the
+    // task will never run.
+    bool handOut(WorkerThread* worker, Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
+    // Returns an idle or a new worker; null if the group is closed. With `reserved`, the caller
+    // gets a reference: once it is not idle, close() may release the worker at any time. With
+    // `mustRun`, returns null instead of a worker whose thread cannot be created, and does not keep
+    // it.
+    WorkerThread* takeWorker(bool reserved, bool mustRun) TAVRIK_EXCLUDES(lock);
+    WorkerThread* addWorker(bool mustRun) TAVRIK_REQUIRES(lock);
     void mirrorSizes() TAVRIK_REQUIRES(lock);
     static std::atomic<Logger*> logger;
 
