@@ -91,7 +91,7 @@ show_progress() {
 # make_scratch.
 logged() {
     local status=0
-    : >"$scratch/log"
+    : >"${scratch:?}/log"
     if [ -t 2 ] && [ -z "${CI:-}" ] && [ "${TERM:-dumb}" != dumb ]; then
         show_progress &
         progress=$!
