@@ -42,7 +42,7 @@ case $1${OFFLINE:+ offline} in
     install*offline) exit 100 ;;
     install)
         if [ -e "$TREE/busy" ]; then (trap '' INT; echo unpacking; exec sleep 30) >"$TREE/busy"; fi
-        ln -s /bin/true "$TREE/../bin/ninja" ;;
+        ln -sf /bin/true "$TREE/../bin/ninja" ;;
 esac""",
     "dpkg": "", "apt-cache": "", "id": "echo 0", "ninja": ""}
 
