@@ -213,6 +213,7 @@ void DIAG::resetForTesting() {
     LockGuard requestsGuard(requestLock);
     logListeners.clear();
     requests.clear();
+    delegated = false;
     connected = false;
     inError = false;
     switchModeByPointer = true;
