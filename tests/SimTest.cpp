@@ -317,7 +317,7 @@ TEST(ScenarioKeys, StandInTheTablesOfTheReadme) {
 class BlockedCall {
   public:
     explicit BlockedCall(std::function<long()> call) : thread_([=] { make(call); }) {
-        eventually([this] { return ended() || stateOf(id_) == 'S'; });
+        eventually([this] { return ended() || (id_ != 0 && isAtRest(id_)); });
     }
     ~BlockedCall() { interrupt(); }
     bool ended() const { return error_ >= 0; }
@@ -342,12 +342,6 @@ class BlockedCall {
     void make(const std::function<long()>& call) {
         id_ = static_cast<int>(syscall(SYS_gettid));
         error_ = call() < 0 ? errno : 0;
-    }
-    static char stateOf(int id) {
-        std::ifstream status("/proc/self/task/" + std::to_string(id) + "/stat");
-        const std::string text{std::istreambuf_iterator<char>(status), {}};
-        const size_t name = text.rfind(')');
-        return name == std::string::npos ? ' ' : text[name + 2];
     }
 
     std::atomic<int> id_{0}, error_{-1};
