@@ -1,6 +1,6 @@
-// Fed: log records of 92 bytes, one after the other, while ADSPPM collects. Must hold: values are
-// delivered for each record of version 1 that has one with a log code before it, and for no other;
-// times, values and rates are those that the two records say.
+// Input: log records of 92 bytes while ADSPPM collects. Checks: a record of version 1 that follows
+// one with a log code gives values, and no other record does; times, values and rates are those of
+// the two records.
 #include <cmath>
 #include <map>
 
@@ -39,16 +39,17 @@ void check(Values& values, const Bytes& record, const Bytes& before) {
     const auto field = [&](size_t at) { return static_cast<double>(wordAt(record, at, 4)); };
     const double factor = 1000.0 / (timeOf(record) - timeOf(before));
     for (const int id : {1, 2, 255})
-        mustHold(values.calls[id] == std::count(&record[16], &record[20], id), "a value a slot");
-    mustHold(values.time == timeOf(record), "the time");
-    mustHold(values.last[-1] == field(36) / 1e6, "value -1");
-    mustHold(values.last[-2] == field(40) / 1e3, "the core clock");
+        mustHold(values.calls[id] == std::count(&record[16], &record[20], id), "one value a slot");
+    mustHold(values.time == timeOf(record), "the time is the record's");
+    mustHold(values.last[-1] == field(36) / 1e6, "value -1 is the record's");
+    mustHold(values.last[-2] == field(40) / 1e3, "the core clock is the record's");
     for (const int id : {-3, -7}) {
         const size_t at = 44 + 8 * static_cast<size_t>(-3 - id);
         const uint64_t gain = wordAt(record, at, 8) - wordAt(before, at, 8);
         const long double rate = values.last[id], expected = static_cast<double>(gain) * factor;
-        // Not a number where neither time passed nor anything was gained.
-        mustHold(rate == expected || (std::isnan(rate) && std::isnan(expected)), "the rate");
+        // 0 / 0 is no number: neither the time nor the counter changed.
+        mustHold(rate == expected || (std::isnan(rate) && std::isnan(expected)),
+                 "the rate is the counter's");
     }
 }
 
@@ -59,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool ready = fuzz::startCollection(values, {1, 2, 255, -1, -2, -3, -7});
     mustHold(ready, "the session starts");
     fuzz::Feed feed(data, size);
-    // What the decoder remembers of the input before: a known record.
+    // Replaces the record that the decoder keeps from the previous input.
     Bytes before(kRecordLength, 0);
     before[2] = before[12] = 1;
     receive(before);
@@ -69,7 +70,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         values.calls.clear();
         receive(record);
         const bool expected = record[12] == 1 && wordAt(before, 2, 2) != 0;
-        mustHold(values.calls.empty() == !expected, "values come when they can be told");
+        mustHold(values.calls.empty() == !expected, "values come when there are two records");
         if (expected) check(values, record, before);
         if (record[12] == 1) before = record;
     }

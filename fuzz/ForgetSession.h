@@ -1,4 +1,4 @@
-// For targets that start every input with a session that has not failed yet.
+// For targets that start every input with a fresh session.
 #pragma once
 
 #include "diag_lsm/diag_lsm.h"
@@ -6,11 +6,11 @@
 
 namespace fuzz {
 
-// Closes the session if it is open, and forgets what would stay for the process: that it failed,
-// and what is never answered. Nobody uses it meanwhile.
+// Closes the session if it is open and resets what outlives it: the failed state and unanswered
+// requests. No other thread may use the session meanwhile.
 inline void forgetSession() {
     if (fd != -1) Diag_LSM_DeInit();
-    mustHold(!device().isOpen(), "the device is closed");
+    mustHold(!device().isOpen(), "de-initialisation closes the device");
     tavrik::DIAG::instance()->resetForTesting();
     tavrik::ADSPPM::instance()->resetForTesting();
 }

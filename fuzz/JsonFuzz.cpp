@@ -1,7 +1,7 @@
-// Fed: a JSON text. Must hold:
-// - the parsers from text and from stream agree: result, tree, and what they leave unread;
-// - clones and copies have the text of the original; expanding values twice is expanding them once;
-// - what is written, compact or pretty, and parsed again has the same text (but see survives()).
+// Input: a JSON text. Checks:
+// - the parsers of text and stream agree on result, tree and unread rest;
+// - clones and copies print the same text; expanding values twice equals expanding them once;
+// - printed text, compact or pretty, parses to a tree that prints the same (but see survives()).
 #include <cmath>
 #include <sstream>
 
@@ -13,8 +13,8 @@ using fuzz::mustHold;
 
 namespace {
 
-// The text; with `places`, which are more than the parser reads, doubles are equal if it is.
-constexpr int kPlaces = 60, few = JSOM::defaultPrecision;
+// The printed text. kPlaces is more than the parser reads: equal texts mean equal doubles.
+constexpr int kPlaces = 60, kFewPlaces = JSOM::defaultPrecision;
 std::string written(const JSONData& node, int precision = kPlaces, bool pretty = false) {
     std::string text;
     node.appendJsonString(text, pretty, precision, 0);
@@ -23,8 +23,8 @@ std::string written(const JSONData& node, int precision = kPlaces, bool pretty =
 
 bool hasZero(const std::string* text) { return text && text->find('\0') != std::string::npos; }
 
-// Whether the text of the tree can say what stands in it. It cannot say a zero byte, which ends a
-// text, nor "-0"; and of large doubles the parser, which adds digit after digit, rounds the places.
+// Whether the printed text has all of the tree. A zero byte ends a text, -0 has none, and the
+// parser rounds large doubles.
 bool survives(const JSONData& top) {
     std::vector<const JSONData*> pending{&top};
     while (!pending.empty()) {
@@ -65,16 +65,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::istringstream in(text);
     JSONData node, streamed;
     const bool good = node.setFromJsonString(rest);
-    mustHold(streamed.setFromStream(in) == good && !in.fail(), "the parsers agree on the verdict");
+    mustHold(streamed.setFromStream(in) == good && !in.fail(), "the parsers agree on the result");
     const std::string tree = written(node);
     mustHold(written(streamed) == tree, "the parsers agree on the tree");
-    mustHold(!good || in.rdbuf()->in_avail() == text.c_str() + text.size() - rest, "and the rest");
+    mustHold(!good || in.rdbuf()->in_avail() == text.c_str() + text.size() - rest,
+             "the parsers agree on the rest");
     checkCopies(node, tree);
     for (const bool pretty : {false, true}) {
         JSONData again;
         if (!good || !survives(node)) break;
-        mustHold(again.setFromJsonStlString(written(node, few, pretty)), "it can be read again");
-        mustHold(written(again, few) == written(node, few), "and says the same");
+        mustHold(again.setFromJsonStlString(written(node, kFewPlaces, pretty)),
+                 "printed text can be parsed");
+        mustHold(written(again, kFewPlaces) == written(node, kFewPlaces),
+                 "parsed text prints the same");
     }
     return 0;
 }

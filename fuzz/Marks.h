@@ -1,4 +1,4 @@
-// Tells when the reader has got through everything that the simulated device delivered.
+// Waits until the reader has processed everything that the simulated device delivered.
 #pragma once
 
 #include <condition_variable>
@@ -8,10 +8,10 @@
 
 namespace fuzz {
 
-// Log packets that nothing but await() sends. Register it for `logCode`.
+// Listens for the log packets that await() sends. Register it for `kLogCode`.
 class Marks : public tavrik::DIAG::LogListener {
   public:
-    static constexpr uint16_t logCode = 0xB001;
+    static constexpr uint16_t kLogCode = 0xB001;
 
     void onLog(const unsigned char* record) override {
         std::lock_guard<std::mutex> guard(mutex);
@@ -20,13 +20,13 @@ class Marks : public tavrik::DIAG::LogListener {
         changed.notify_all();
     }
 
-    // Waits until all that was delivered before has been read.
+    // Waits until the reader has processed everything delivered before this call.
     void await() {
         std::unique_lock<std::mutex> guard(mutex);
-        // Not a small step: no input is to guess the next number.
+        // A large step: an input must not guess the next number.
         number = (number + 1) * 0x9E3779B97F4A7C15;
         seen = false;
-        Bytes packet{16, 0, 20, 0, 20, 0, logCode & 0xFF, logCode >> 8, 0, 0, 0, 0, 0, 0, 0, 0};
+        Bytes packet{16, 0, 20, 0, 20, 0, kLogCode & 0xFF, kLogCode >> 8, 0, 0, 0, 0, 0, 0, 0, 0};
         diagsim::appendWord(packet, number, 8);
         device().deliverFrame(packet);
         changed.wait(guard, [this] { return seen; });

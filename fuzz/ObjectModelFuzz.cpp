@@ -1,8 +1,7 @@
-// Fed: a program of bytes that drives six handles, all of which begin on one tree: they are led
-// elsewhere, written, erased from, copied and assigned, into their own tree too, and read.
-// Must hold: no step touches what another one freed; what was written, copied or assigned is read,
-// wherever in the tree it came from; a handle has one type; in the end a copy of each handle's node
-// has the node's text.
+// Input: a program of bytes. It drives six handles that start on one tree: moves, writes, erasures,
+// copies and assignments, also within the tree, and reads. Checks: no use after free; a value that
+// was written, copied or assigned is read back, even from the same tree; a handle has one type; a
+// copy of a node prints the node's text.
 #include <memory>
 #include <utility>
 
@@ -23,28 +22,28 @@ std::string compact(const JSOM& handle) {
 void writeText(JSOM& to, const JSOM& from) {
     const std::string text = from.stringValuePtr("");
     to.setString(from.stringValuePtr(""));
-    mustHold(to == JSOM::JERROR || to.stringValue("none") == text, "a text, its own too");
+    mustHold(to == JSOM::JERROR || to.stringValue("none") == text, "a written text is read back");
 }
 
-// An array or an object that is there already gets the elements of the text in addition.
+// Parsing adds elements to an existing array or object.
 void parse(JSOM& to, const std::string& own, const char* text) {
     JSOM other;
     if (to.hasNode()) other.copy(to);
     other.fromString(own);
     const bool good = to.fromString(text) != JSOM::JERROR;
-    mustHold(!good || compact(to) == compact(other), "a parsed text, its own too");
+    mustHold(!good || compact(to) == compact(other), "a node may parse its own text");
 }
 
 void assign(JSOM& to, const JSOM& from) {
     const std::string text = compact(from.hasNode() ? from : to);
     to = from;
-    mustHold(to == JSOM::JERROR || compact(to) == text, "an assigned value");
+    mustHold(to == JSOM::JERROR || compact(to) == text, "an assigned value is read back");
 }
 
 void copy(JSOM& to, const JSOM& from) {
     const std::string text = from.hasNode() ? compact(from) : "false";
     to.copy(from);
-    mustHold(to == JSOM::JERROR || compact(to) == text, "a copied value");
+    mustHold(to == JSOM::JERROR || compact(to) == text, "a copied value is read back");
 }
 
 struct Program : fuzz::Feed {
@@ -54,14 +53,14 @@ struct Program : fuzz::Feed {
     JSOM& one() { return *handles[byte() % 6]; }
     void put(const JSOM& led) { handles[byte() % 6] = std::make_unique<JSOM>(led); }
     int index() { return byte() % 8 - 2; }
-    // Few keys, so that steps meet; some too long to stand in a string object.
+    // Few keys, so that steps collide; some too long for a string object.
     std::string key() {
         const size_t length = byte() % 4 == 0 ? 40 : 1;
         return std::string(length, "abc"[byte() % 3]);
     }
 };
 
-void (*const steps[])(Program&, JSOM&) = {
+void (*const kSteps[])(Program&, JSOM&) = {
     [](Program& p, JSOM& h) { p.put(h[p.key()]); },
     [](Program& p, JSOM& h) { p.put(h[p.index()]); },
     [](Program& p, JSOM& h) { p.put(std::as_const(h)[p.key()]); },
@@ -83,7 +82,7 @@ void (*const steps[])(Program&, JSOM&) = {
         parse(h, from.stringValuePtr(def.c_str()), from.stringValuePtr(def.c_str()));
     },
     [](Program&, JSOM& h) { h.expandValues(); },
-    [](Program&, JSOM& h) { mustHold(h.booleanValue(true) || h.hasNode(), "the default"); },
+    [](Program&, JSOM& h) { mustHold(h.booleanValue(true) || h.hasNode(), "the default returns"); },
     [](Program& p, JSOM& h) {
         h.setBoolean(static_cast<long double>(h.longValue(1)) < h.doubleValue(p.byte()));
     }};
@@ -97,16 +96,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     top.fromString(R"({"a":[1,{"b":"${FUZZ}"},"yes"],"b":-1.5,"c":"[{}]","a":null})");
     for (auto& handle : program.handles)
         handle = std::make_unique<JSOM>(top);
-    // Copies into their own tree may double it at each step.
+    // A copy into its own tree may double the tree at each step.
     while (!program.empty() && compact(top).size() < 2000)
-        steps[program.byte() % std::size(steps)](program, program.one());
+        kSteps[program.byte() % std::size(kSteps)](program, program.one());
     for (const auto& handle : program.handles) {
         JSOM copy;
         copy.copy(*handle);
         mustHold(!handle->hasNode() || compact(copy) == compact(*handle), "a copy is equal");
         const int types = handle->isNull() + handle->isArray() + handle->isObject() +
                           handle->isString() + handle->isNumber() + handle->isBoolean();
-        mustHold(types <= (handle->hasNode() ? 1 : 0), "one type at most");
+        mustHold(types <= (handle->hasNode() ? 1 : 0), "a handle has one type at most");
     }
     return 0;
 }

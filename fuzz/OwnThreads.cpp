@@ -26,10 +26,11 @@ std::string firstBytes(const std::string& file) {
     return std::string(text, count > 0 ? static_cast<size_t>(count) : 0);
 }
 
-// The folder of a thread, and how often it left a processor, in the kernel's words.
+// A thread's folder in /proc and its context switches, as the kernel prints them.
 using Sleeper = std::pair<std::string, std::string>;
 
-// All threads but the caller's; nobody when one of them is awake, which the newest often are.
+// All threads but the caller's, or none if one of them is awake. Looks at the newest first, since
+// they are awake most often.
 std::vector<Sleeper> sleepers() {
     static const std::string self = "/proc/self/task/" + std::to_string(syscall(SYS_gettid));
     std::vector<Sleeper> found;
@@ -46,8 +47,9 @@ std::vector<Sleeper> sleepers() {
 
 }  // namespace
 
-// A thread that is about to sleep may look asleep already and still turn round; the file `syscall`
-// looks whether it has left the processor. Who has not been switched since slept ever since.
+// A thread that is about to sleep may look asleep and still wake up before it leaves the processor;
+// the file `syscall` tells whether it has left. A thread whose context switches have not changed
+// has slept all the time.
 bool allOthersSleep() {
     const std::vector<Sleeper> before = sleepers();
     for (const Sleeper& sleeper : before)

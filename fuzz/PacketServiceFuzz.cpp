@@ -1,7 +1,6 @@
-// Fed: tables of command handlers, what the handlers do, and command packets. Handlers make
-// responses of every kind and length, shorten, commit or drop them, and give one back.
-// Must hold: no packet is read or written beyond its length; a handler is called with the packet
-// that came; the driver takes every response.
+// Input: tables of command handlers, the handlers' actions, and command packets. Handlers allocate
+// responses of every kind and length, shorten, commit, free or return them. Checks: no access
+// beyond a packet; a handler gets the packet that came; the driver takes every response.
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/diag_lsm_pkt.h"
 #include "fuzz/Session.h"
@@ -10,11 +9,11 @@ using fuzz::mustHold;
 
 namespace {
 
-fuzz::Feed* feed = nullptr;              // what is left of the input
-const unsigned char* request = nullptr;  // the packet that is being served
+fuzz::Feed* feed = nullptr;              // the rest of the input
+const unsigned char* request = nullptr;  // the packet being served
 unsigned requestLength = 0;
 
-// Writes to the end of a packet.
+// Writes to the packet's last byte.
 void* filled(void* packet, unsigned length) {
     if (packet) static_cast<unsigned char*>(packet)[length - 1] ^= 1;
     return packet;

@@ -1,7 +1,6 @@
-// Fed: buffers of the driver, through a session with the simulated device: raw ones, or made of
-// fuzzed chunks, or of one fuzzed frame or log record, while requests are outstanding and ADSPPM
-// collects. Must hold: callbacks get bytes that were read; each request hears of one answer, in the
-// order of sending; the reader goes on.
+// Input: buffers of the driver: raw ones, or made of fuzzed chunks, or of one fuzzed frame or log
+// record, while requests are outstanding and ADSPPM collects. Checks: callbacks get bytes that were
+// read; each request gets one response, in the order of sending; the reader goes on.
 #include <deque>
 
 #include "diag_lsm/diag_lsm.h"
@@ -13,26 +12,28 @@ using tavrik::DIAG;
 namespace {
 
 struct Answer : DIAG::ResponseListener {
-    static inline size_t heard = 0;  // in this input; counted on the reader, read behind a mark
+    static inline size_t heard = 0;  // in this input; the reader counts, await() publishes
     explicit Answer(size_t position_) : position(position_) {}
     bool onResponse(const unsigned char* rsp, int len) override {
-        mustHold(position == heard++, "answers come in order, one to each request");
+        mustHold(position == heard++, "responses come in order, one for each request");
         return rsp[0] != 0 && rsp[len - 1] == 0x7E;
     }
     const size_t position;
 };
 
-// Hands a copy on that ends where the data ends, for the address sanitizer.
+// Passes on a copy without spare capacity, for the address sanitizer.
 int onData(unsigned char* data, int len, void* context) {
-    static const unsigned char* const buffer = data - 12;  // the first one is a log mask's answer
-    mustHold(data >= buffer + 12 && data + len <= buffer + num_bytes_read, "a part of the buffer");
+    static const unsigned char* const buffer =
+        data - 12;  // the first call is a log mask's response
+    mustHold(data >= buffer + 12 && data + len <= buffer + num_bytes_read,
+             "a callback gets a part of the buffer");
     return DIAG::onDIAGData(fuzz::exactCopy(data, static_cast<size_t>(len)).get(), len, context);
 }
 
 void deliver(fuzz::Feed& feed) {
     const uint8_t kind = feed.byte() % 4;
     if (kind == 0) {
-        const fuzz::Bytes raw = feed.block();  // 16 ends the reader, no bytes make it pause
+        const fuzz::Bytes raw = feed.block();  // type 16 ends the reader; an empty buffer pauses it
         if (!raw.empty() && diagsim::wordAt(raw, 0, 4) != 16) fuzz::device().deliver(raw);
     } else if (kind == 1) {
         std::vector<diagsim::Chunk> chunks(feed.byte() % 4);
@@ -59,7 +60,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         diag_register_callback(onData, DIAG::instance());
         for (int processor = 1; processor < 9; ++processor)
             diag_register_remote_callback(onData, processor, DIAG::instance());
-        return DIAG::instance()->registerLogListener(fuzz::Marks::logCode, &marks) && started;
+        return DIAG::instance()->registerLogListener(fuzz::Marks::kLogCode, &marks) && started;
     }();
     mustHold(ready, "the session starts");
     fuzz::Feed feed(data, size);
@@ -76,6 +77,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t left = missing; left > 0; --left)
         fuzz::device().deliverFrame({75});
     if (missing > 0) marks.await();
-    mustHold(Answer::heard == count, "every request hears of its answer");
+    mustHold(Answer::heard == count, "every request gets its response");
     return 0;
 }

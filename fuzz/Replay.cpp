@@ -1,6 +1,6 @@
-// Feeds a fuzz target the files that are named on the command line and those in the folders that
-// are. A file *.hex holds hexadecimal digits, blanks, and comments from # to the end of the line;
-// every other one is an input as it is. Hidden files are left out.
+// Runs a fuzz target on the files named on the command line and on the files in the folders named
+// there, but not on hidden ones. A file *.hex holds hexadecimal digits, blanks, and comments from #
+// to the end of the line; any other file is an input as it is.
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -37,7 +37,7 @@ void run(const path& file) {
     LLVMFuzzerTestOneInput(fuzz::exactCopy(begin, text.size()).get(), text.size());
 }
 
-// The number of inputs below `place`.
+// Runs the inputs below `place`; returns their number.
 int runAll(const path& place) {
     if (!std::filesystem::is_directory(place)) {
         run(place);

@@ -1,4 +1,4 @@
-// What the targets share that run against the linked simulated device.
+// Helpers of targets that run against the linked simulated device.
 #pragma once
 
 #include <initializer_list>
@@ -12,7 +12,7 @@ namespace fuzz {
 
 inline diagsim::Device& device() { return diagsim::Device::instance(); }
 
-// A good device, but for `scenario`. Its trace would fill the memory.
+// Plugs a device in. Keeps no trace, which would fill the memory.
 inline void plug(const diagsim::Scenario& scenario) {
     device().keepTrace(false);
     device().plug(scenario);
@@ -22,7 +22,7 @@ struct SilentListener : tavrik::ADSPPM::Listener {
     void onADSPPMInput(int, double, long double) override {}
 };
 
-// Eleven days: no log packet comes but those of the target.
+// A period of eleven days: only the target's log packets arrive.
 constexpr unsigned kNever = 1000000000;
 
 inline void listen(tavrik::ADSPPM::Listener& listener, int eventId) {
@@ -32,8 +32,8 @@ inline void listen(tavrik::ADSPPM::Listener& listener, int eventId) {
         "a listener is registered");
 }
 
-// Collects from a device that has all remote processors, and that loses requests to stop: they can
-// be left without an answer. Whether it could be started.
+// Starts collection on a device that has all remote processors and never answers a stop, so that
+// stop requests stay outstanding. Returns whether the start succeeded.
 inline bool startCollection(tavrik::ADSPPM::Listener& listener, std::initializer_list<int> ids) {
     SilentLogs::install();
     for (const int id : ids)

@@ -1,8 +1,7 @@
-// Fed: what a simulated device does wrong, and a program that says what two clients of the session
-// do, in which order and when, in virtual time. Must hold: no act takes longer than the sum of its
-// time-outs; none succeeds that the target did not acknowledge; all succeed when every answer comes
-// in time; requests are answered in the order of sending, once, and nobody hears after the wait; in
-// the end neither thread nor descriptor is left.
+// Input: the faults of a simulated device and a program of two clients' actions in virtual time.
+// Checks: no act takes longer than the sum of its time-outs; no act succeeds unless the target
+// acknowledged it; every act succeeds if every response comes in time; requests are answered once
+// and in the order of sending; no listener is called after its wait; no thread or descriptor leaks.
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -21,19 +20,19 @@ using virtual_time::Milliseconds;
 using virtual_time::Nanoseconds;
 using virtual_time::now;
 
-// A request that the target does not know: its answer repeats it.
+// A request that the target does not know. The error response repeats it.
 struct Request : DIAG::ResponseListener {
     explicit Request(uint8_t number) : bytes{75, 99, 1, 0, number, 0} {}
 
     bool onResponse(const unsigned char* rsp, int len) override;
 
     std::array<unsigned char, 6> bytes;
-    std::atomic<int> begun{0}, sent{0};  // ticks around the sending; 0: not yet, or refused
+    std::atomic<int> begun{0}, sent{0};  // ticks before and after the sending; 0: not sent
     std::atomic<bool> heard{false}, closed{false};
-    Nanoseconds heardAt{};  // read once `heard` is set
+    Nanoseconds heardAt{};  // valid once `heard` is set
 };
 
-// One input: its program, and what came of it.
+// The state of one input's run.
 struct Run {
     explicit Run(const Program& program_) : program(program_), finished(program.steps.size()) {}
 
@@ -44,7 +43,7 @@ struct Run {
     std::vector<bool> finished;
     std::vector<Span> spans{};
     std::deque<Request> requests{};
-    // Starts less stops that succeeded, registrations, and acts that concern these.
+    // Successful starts minus stops, registrations, and acts on ADSPPM under way and begun.
     int collecting = 0, listeners = 0, underWay = 0, entered = 0;
 };
 Run* run = nullptr;  // set while clients act
@@ -52,21 +51,21 @@ Run* run = nullptr;  // set while clients act
 SilentListener values;
 
 bool Request::onResponse(const unsigned char* rsp, int len) {
-    mustHold(!closed, "nobody hears after the wait");
-    mustHold(!heard, "nobody hears twice");
+    mustHold(!closed, "no listener is called after its wait");
+    mustHold(!heard, "no listener is called twice");
     mustHold(len > 6 && rsp[0] == 19 && std::equal(bytes.begin(), bytes.end(), rsp + 1),
-             "a request hears of its own answer");
+             "a request gets its own response");
     heardAt = now();
     heard = true;
     std::lock_guard<std::mutex> guard(run->mutex);
     const bool passed = std::any_of(run->requests.begin(), run->requests.end(), [&](auto& one) {
         return one.sent != 0 && one.sent < begun && !one.heard && !one.closed;
     });
-    mustHold(!passed || run->program.writesFail, "answers come in the order of sending");
+    mustHold(!passed || run->program.writesFail, "responses come in the order of sending");
     return true;
 }
 
-// How many lines the device has traced, and whether those from the `from`th on tell of a delivery.
+// The number of trace lines, and whether one of them from `from` on shows a delivery of `text`.
 size_t traced() { return device().traceLength(); }
 
 bool delivered(const std::string& text, size_t from) {
@@ -98,15 +97,15 @@ class Client : public DIAG::LogListener {
             run->changed.notify_all();
         }
         while (!outstanding.empty())
-            perform(await);
+            perform(kAwait);
     }
 
     void tidy() {
-        perform(stop);
+        perform(kStop);
         while (listening > 0)
-            perform(unregisterEvent);
-        if (registered) perform(unregisterLog);
-        perform(disconnect);
+            perform(kUnregisterEvent);
+        if (registered) perform(kUnregisterLog);
+        perform(kDisconnect);
     }
 
   private:
@@ -114,16 +113,16 @@ class Client : public DIAG::LogListener {
         bool result, expected;
     };
 
-    // What an act says that it achieved, the target has acknowledged since it began.
+    // Checks that the target has acknowledged a successful act since the act began.
     void perform(Act act) {
         const Nanoseconds begin = now();
         const size_t from = traced();
-        const Outcome outcome = act <= unregisterEvent ? collect(act) : attempt(act);
-        mustHold(!outcome.result || delivered(rules[act].evidence, from),
-                 "success is acknowledged");
+        const Outcome outcome = act <= kUnregisterEvent ? collect(act) : attempt(act);
+        mustHold(!outcome.result || delivered(kRules[act].evidence, from),
+                 "the target acknowledged the success");
         const bool harmless = run->program.harmless;
         mustHold(!harmless || outcome.result == outcome.expected,
-                 "what is answered in time succeeds");
+                 "an act whose responses come in time succeeds");
         std::lock_guard<std::mutex> guard(run->mutex);
         run->spans.push_back({number, act, begin, now()});
     }
@@ -133,19 +132,19 @@ class Client : public DIAG::LogListener {
         unsigned char unknown[] = {75, 99, 2, 0};
         const bool wasRegistered = registered;
         switch (act) {
-            case request:
+            case kRequest:
                 return send();
-            case await:
+            case kAwait:
                 return awaitOldest();
-            case registerLog:
+            case kRegisterLog:
                 registered = true;
                 return {diag.registerLogListener(logCode, this), !wasRegistered};
-            case unregisterLog:
+            case kUnregisterLog:
                 registered = false;
                 return {diag.unregisterLogListener(logCode, this), wasRegistered};
-            case connect:
+            case kConnect:
                 return {diag.connect(), true};
-            case post:
+            case kPost:
                 return {diag.sendRequest(unknown, sizeof unknown, nullptr), true};
             default:
                 diag.disconnectIfIdle();
@@ -153,21 +152,21 @@ class Client : public DIAG::LogListener {
         }
     }
 
-    // What comes of it is certain only where the other client does nothing of the kind meanwhile.
+    // The outcome is certain only if the other client does nothing with ADSPPM meanwhile.
     Outcome collect(Act act) {
         std::unique_lock<std::mutex> guard(run->mutex);
         bool alone = run->underWay++ == 0;
         const int entry = ++run->entered;
-        const bool expected = act == start ? run->collecting == 0 && run->listeners > 0
-                                           : act != stop || run->collecting == 1;
+        const bool expected = act == kStart ? run->collecting == 0 && run->listeners > 0
+                                            : act != kStop || run->collecting == 1;
         guard.unlock();
         const bool result = callAdsppm(act);
         guard.lock();
         if (result) count(act);
         alone &= run->entered == entry;
         if (--run->underWay == 0)
-            mustHold((run->collecting & ~1) == 0, "starts and stops take turns");
-        mustHold(!alone || expected || !result, "who cannot start or stop is told");
+            mustHold((run->collecting & ~1) == 0, "successful starts and stops alternate");
+        mustHold(!alone || expected || !result, "an impossible start or stop returns false");
         return {result, alone ? expected : result};
     }
 
@@ -175,18 +174,18 @@ class Client : public DIAG::LogListener {
         ADSPPM& adsppm = *ADSPPM::instance();
         const int id = number == 0 ? -2 : 5;
         std::string refusal;
-        if (act == start) return adsppm.startMetricCollection();
-        if (act == stop) return adsppm.stopMetricCollection();
-        if (act == unregisterEvent) return adsppm.unregisterListener(&values, id);
+        if (act == kStart) return adsppm.startMetricCollection();
+        if (act == kStop) return adsppm.stopMetricCollection();
+        if (act == kUnregisterEvent) return adsppm.unregisterListener(&values, id);
         return adsppm.registerListener(&values, id, "", 1000 * 1000, refusal);
     }
 
-    // With the run's mutex held.
+    // Requires run->mutex.
     void count(Act act) {
-        if (act <= stop) {
-            run->collecting += act == start ? 1 : -1;
-        } else if (act == registerEvent || listening > 0) {
-            const int change = act == registerEvent ? 1 : -1;
+        if (act <= kStop) {
+            run->collecting += act == kStart ? 1 : -1;
+        } else if (act == kRegisterEvent || listening > 0) {
+            const int change = act == kRegisterEvent ? 1 : -1;
             run->listeners += change;
             listening += change;
         }
@@ -205,7 +204,7 @@ class Client : public DIAG::LogListener {
         return {sent, true};
     }
 
-    // It ends when the answer comes, or at its time-out, not a moment earlier or later.
+    // A wait ends exactly when the response comes or at the time-out.
     Outcome awaitOldest() {
         if (outstanding.empty()) return {true, true};
         Request& oldest = *outstanding.front();
@@ -213,10 +212,10 @@ class Client : public DIAG::LogListener {
         const Nanoseconds begin = now();
         const bool accepted = DIAG::instance()->awaitResponse(oldest);
         oldest.closed = true;
-        mustHold(accepted == oldest.heard, "a wait tells whether the answer came");
+        mustHold(accepted == oldest.heard, "a wait returns whether the response came");
         const Nanoseconds end =
-            accepted ? std::max(begin, oldest.heardAt) : begin + Milliseconds(answer);
-        mustHold(now() == end, "a wait ends when the answer comes, or is given up");
+            accepted ? std::max(begin, oldest.heardAt) : begin + Milliseconds(kAnswerMs);
+        mustHold(now() == end, "a wait ends with the response or the time-out");
         return {accepted, true};
     }
 
@@ -240,9 +239,9 @@ void check(const Program& program) {
     const auto body = [&](Client& client) {
         client.play();
         if (--playing > 0) return;
-        virtual_time::sleep(Milliseconds(answer));
+        virtual_time::sleep(Milliseconds(kAnswerMs));
         mustHold(!program.harmless || getsLogs() == (current.collecting == 1),
-                 "who collects gets the logs");
+                 "the log listener is registered while collecting");
         for (Client& other : clients)
             other.tidy();
         mustHold(!program.harmless || fd == -1, "an idle session is disconnected");
@@ -251,7 +250,7 @@ void check(const Program& program) {
     virtual_time::run({[&] { body(clients[0]); }, [&] { body(clients[1]); }},
                       std::chrono::seconds(5) * (program.steps.size() + 8));
     checkDurations(current.spans);
-    mustHold(descriptorCount() == descriptors, "no descriptor is left");
+    mustHold(descriptorCount() == descriptors, "no descriptor leaks");
     awaitThreads(threads);
 }
 
@@ -262,7 +261,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     [[maybe_unused]] static const bool ready = [] {
         fuzz::SilentLogs::install();
         ADSPPM::instance();
-        fuzz::virtual_time::run({[] {}}, fuzz::Milliseconds(1));  // a sanitizer's own thread
+        fuzz::virtual_time::run({[] {}}, fuzz::Milliseconds(1));  // starts a sanitizer's own thread
         return true;
     }();
     fuzz::check(fuzz::readProgram(fuzz::Feed(data, size)));

@@ -1,4 +1,4 @@
-// The input of SessionFuzz: what a simulated device does wrong, and what two clients do.
+// The input of SessionFuzz: the faults of a simulated device and the actions of two clients.
 #pragma once
 
 #include <array>
@@ -11,68 +11,68 @@
 
 namespace fuzz {
 
-// What a client does. Events are ADSPPM's, logs DIAG's; a `request` is awaited by a later `await`,
-// a `post` by nobody.
+// An action of a client. Events belong to ADSPPM, logs to DIAG. A later `kAwait` awaits the
+// response to a `kRequest`; nobody awaits the response to a `kPost`.
 enum Act {
-    start,
-    stop,
-    registerEvent,
-    unregisterEvent,
-    request,
-    await,
-    registerLog,
-    unregisterLog,
-    connect,
-    disconnect,
-    post,
-    acts
+    kStart,
+    kStop,
+    kRegisterEvent,
+    kUnregisterEvent,
+    kRequest,
+    kAwait,
+    kRegisterLog,
+    kUnregisterLog,
+    kConnect,
+    kDisconnect,
+    kPost,
+    kActs
 };
 
-constexpr int answer = 250, connecting = 21 + 4 * answer, disconnecting = 1020;  // milliseconds
+constexpr int kAnswerMs = 250, kConnectMs = 21 + 4 * kAnswerMs, kDisconnectMs = 1020;
 
-// What an act may take while nobody else acts, and the trace of the answer that it needs to
-// succeed.
+// The time that an act may take while nobody else acts, and the trace text of the response that its
+// success requires.
 struct Rule {
     int milliseconds;
     const char* evidence;
 };
-constexpr Rule rules[acts] = {
-    {connecting + 4 * answer + disconnecting, "start response (accepted)"},
-    {connecting + 2 * answer + disconnecting, "stop response (accepted)"},
+constexpr Rule kRules[kActs] = {
+    {kConnectMs + 4 * kAnswerMs + kDisconnectMs, "start response (accepted)"},
+    {kConnectMs + 2 * kAnswerMs + kDisconnectMs, "stop response (accepted)"},
     {0, ""},
     {0, ""},
-    {connecting, ""},
-    {answer, ""},
-    {connecting + answer, "log mask response (accepted)"},
-    {connecting + answer + disconnecting, "log mask clear response (accepted)"},
-    {connecting, ""},
-    {disconnecting, ""},
-    {connecting, ""}};
+    {kConnectMs, ""},
+    {kAnswerMs, ""},
+    {kConnectMs + kAnswerMs, "log mask response (accepted)"},
+    {kConnectMs + kAnswerMs + kDisconnectMs, "log mask clear response (accepted)"},
+    {kConnectMs, ""},
+    {kDisconnectMs, ""},
+    {kConnectMs, ""}};
 
-// An act that was done.
+// A completed act.
 struct Span {
     int client;
     Act act;
     virtual_time::Nanoseconds begin, end;
 };
 
-// A finding when one took too long. An act may have to wait for all that the other client does
-// meanwhile, and then connect again.
+// A finding if an act took too long. An act may have to wait for all concurrent acts of the other
+// client and then connect again.
 inline void checkDurations(const std::vector<Span>& spans) {
     for (const Span& span : spans) {
-        int allowed = rules[span.act].milliseconds;
+        int allowed = kRules[span.act].milliseconds;
         for (const Span& other : spans) {
             if (other.client == span.client || other.end < span.begin || span.end < other.begin)
                 continue;
-            allowed += rules[other.act].milliseconds + connecting;
+            allowed += kRules[other.act].milliseconds + kConnectMs;
         }
         mustHold(span.end - span.begin <= virtual_time::Milliseconds(allowed),
                  "an act ends in time");
     }
 }
 
-// An act of a client: at once, or when the step in front of it, whoever does that, has ended; then
-// behind a pause.
+// An act of a client. It starts after a pause: at once, or when the previous step of either client
+// has ended.
 struct Step {
     int client;
     Act act;
@@ -82,9 +82,9 @@ struct Step {
 
 struct Program {
     diagsim::Scenario scenario{};
-    int delays = 0;           // all together, milliseconds
-    bool harmless = true;     // every answer comes, and comes in time
-    bool writesFail = false;  // some queued request may never be sent
+    int delays = 0;           // the sum, in milliseconds
+    bool harmless = true;     // every response comes in time
+    bool writesFail = false;  // a queued request may never be sent
     std::vector<Step> steps{};
 };
 
@@ -123,16 +123,16 @@ inline void readFault(Feed& feed, Program& program) {
 }
 
 inline Program readProgram(Feed feed) {
-    constexpr size_t most = 24;
+    constexpr size_t kMaxSteps = 24;
     Program program;
     readDriver(feed, program);
     for (int faults = feed.byte() % 8; faults > 0; --faults)
         readFault(feed, program);
-    program.harmless &= program.delays < answer;
-    while (!feed.empty() && program.steps.size() < most) {
+    program.harmless &= program.delays < kAnswerMs;
+    while (!feed.empty() && program.steps.size() < kMaxSteps) {
         const uint8_t bits = feed.byte();
         const int pause = (bits & 64) != 0 ? feed.byte() : 0;
-        program.steps.push_back({bits >> 4 & 1, static_cast<Act>((bits & 15) % acts),
+        program.steps.push_back({bits >> 4 & 1, static_cast<Act>((bits & 15) % kActs),
                                  (bits & 32) != 0, virtual_time::Milliseconds(pause)});
     }
     return program;

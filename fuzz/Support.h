@@ -1,5 +1,5 @@
-// What the fuzz targets share. Each target is one function that is called with one input after the
-// other in one process: it leaves nothing behind that the next input could see.
+// Helpers of all fuzz targets. A target is a function that one process calls with one input after
+// the other, so it must leave no state behind that affects the next input.
 #pragma once
 
 #include <unistd.h>
@@ -24,10 +24,11 @@ namespace fuzz {
 
 using Bytes = std::vector<uint8_t>;
 
-// A finding that no sanitizer sees. In every build type.
+// Aborts with a finding if the condition is false, in every build type. `what` states the
+// condition.
 inline void mustHold(bool condition, const char* what) {
     if (condition) return;
-    // Of several threads the first one: a second abort would cut the fuzzer's report short.
+    // Only the first thread aborts: a second abort would cut the fuzzer's report short.
     static std::atomic_flag found = ATOMIC_FLAG_INIT;
     while (found.test_and_set())
         pause();
@@ -35,15 +36,14 @@ inline void mustHold(bool condition, const char* what) {
     abort();
 }
 
-// A copy that ends where the data ends, so that the address sanitizer sees a step beyond.
+// A copy without spare capacity: the address sanitizer sees an access beyond its end.
 inline std::unique_ptr<unsigned char[]> exactCopy(const unsigned char* data, size_t size) {
     std::unique_ptr<unsigned char[]> copy(new unsigned char[size]);
     std::copy(data, data + size, copy.get());
     return copy;
 }
 
-// Takes an input apart. Behind its end everything reads as 0 or empty, so that each input is a
-// program of some kind.
+// Parses an input. Beyond its end, values are 0 and blocks are empty, so every input is valid.
 class Feed {
   public:
     Feed(const uint8_t* data, size_t size) : at(data), end(data + size) {}
@@ -54,13 +54,13 @@ class Feed {
         const unsigned low = byte();
         return static_cast<uint16_t>(low | static_cast<unsigned>(byte()) << 8);
     }
-    // `count` bytes, or what is left.
+    // The next `count` bytes, or all that are left.
     Bytes bytes(size_t count) {
         const uint8_t* const begin = at;
         at += std::min(count, static_cast<size_t>(end - at));
         return Bytes(begin, at);
     }
-    // A length of one byte, and so many bytes.
+    // A length byte and that many bytes.
     Bytes block() {
         const size_t count = byte();
         return bytes(count);
@@ -75,10 +75,10 @@ class Feed {
     const uint8_t* const end;
 };
 
-// Takes the log lines of the product, which would flood the output.
+// Discards the product's log lines, which would flood the output.
 class SilentLogs : public tavrik::LogAdapter {
   public:
-    // Installs the one adapter of the process.
+    // Installs the process's one adapter.
     static SilentLogs& install() {
         static SilentLogs* const adapter = new SilentLogs;
         tavrik::Logger::setLogAdapter(adapter);

@@ -18,8 +18,8 @@ using fuzz::virtual_time::Nanoseconds;
 using fuzz::virtual_time::now;
 using std::chrono::steady_clock;
 
-// The linker leads what the product and the simulated device call to the functions __wrap_*, and
-// __real_* to what they meant.
+// The linker redirects calls in the product and the simulated device to __wrap_*; __real_* are the
+// original functions.
 extern "C" {
 int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
 int __real_pthread_cond_clockwait(pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*);
@@ -37,7 +37,7 @@ struct Waiter {
 
 // Never destroyed: threads may outlive main().
 struct World {
-    std::mutex mutex{};  // guards waiters and running; innermost, but for what `wake` takes
+    std::mutex mutex{};  // guards waiters and running; held while `wake` is called
     std::list<Waiter> waiters{};
     int running = 0;
     std::condition_variable ended{};  // `running` has become 0
@@ -46,7 +46,7 @@ struct World {
 };
 World& world = *new World;
 
-// The thread that moves the clocks, which is the fuzzer's own, goes by the true ones.
+// The fuzzer's own thread moves the clocks and uses the true ones.
 thread_local bool movesClocks = false;
 
 bool isVirtual() { return world.active && !movesClocks; }
@@ -55,7 +55,7 @@ Nanoseconds duration(const timespec& time) {
     return std::chrono::seconds(time.tv_sec) + Nanoseconds(time.tv_nsec);
 }
 
-// The result of `wait`, which `wake` ends, or ETIMEDOUT.
+// Calls `wait`, which `wake` ends. Returns its result, or ETIMEDOUT at the deadline.
 template <typename Wait>
 int waitUntil(Nanoseconds deadline, std::function<void()> wake, Wait wait) {
     if (deadline <= now()) return ETIMEDOUT;
@@ -75,8 +75,8 @@ int waitUntil(const timespec& deadline, pthread_cond_t* condition, pthread_mutex
         [=] { return pthread_cond_wait(condition, mutex); });
 }
 
-// Leaps to the earliest deadline; false when there is none up to `end`. A wake-up that nobody heard
-// is repeated; who does not come back then waits for something else by now, such as the mutex.
+// Leaps to the earliest deadline; false if there is none up to `end`. Repeats a lost wake-up. A
+// waiter that still does not return waits for something else by now, such as the mutex.
 bool advance(Nanoseconds end) {
     constexpr int kMaxWakes = 3;
     Waiter* next = nullptr;
@@ -92,19 +92,19 @@ bool advance(Nanoseconds end) {
 }
 
 void moveClocks(Nanoseconds end) {
-    constexpr std::chrono::microseconds pause(50);
-    // For another finding: its thread waits for what writes the report.
-    constexpr std::chrono::seconds patience(10);
+    constexpr std::chrono::microseconds kPause(50);
+    // The thread of another finding waits while its report is written.
+    constexpr std::chrono::seconds kPatience(10);
     const auto over = [] { return world.running == 0; };
     auto moved = steady_clock::now();
     std::unique_lock<std::mutex> guard(world.mutex);
-    while (!world.ended.wait_for(guard, pause, over)) {
+    while (!world.ended.wait_for(guard, kPause, over)) {
         guard.unlock();
         const bool still = fuzz::allOthersSleep();
         guard.lock();
         if (!still || over()) continue;
         if (advance(end)) moved = steady_clock::now();
-        fuzz::mustHold(steady_clock::now() < moved + patience, "it comes to an end");
+        fuzz::mustHold(steady_clock::now() < moved + kPatience, "the clients do not hang");
     }
 }
 
@@ -116,9 +116,9 @@ Nanoseconds now() { return Nanoseconds(world.now.load()); }
 
 void sleep(Milliseconds duration) {
     std::mutex mutex;
-    std::condition_variable kNever;
+    std::condition_variable never;
     std::unique_lock<std::mutex> guard(mutex);
-    kNever.wait_until(guard, steady_clock::time_point(now() + duration), [] { return false; });
+    never.wait_until(guard, steady_clock::time_point(now() + duration), [] { return false; });
 }
 
 void run(const std::vector<std::function<void()>>& bodies, Milliseconds limit) {
@@ -155,7 +155,7 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
                        : __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
 }
 
-// Its only caller empties its first descriptor, an event counter, whatever comes back.
+// Its only caller drains its first descriptor, an event counter, whatever ppoll() returns.
 int __wrap_ppoll(pollfd* fds, nfds_t count, const timespec* timeout, const sigset_t* signals) {
     if (!isVirtual() || !timeout) return __real_ppoll(fds, count, timeout, signals);
     const auto wake = [counter = fds[0].fd] { eventfd_write(counter, 1); };

@@ -36,7 +36,7 @@ bool add(ADSPPM::Listener& listener, int id, unsigned period = 100000) {
 
 class Adsppm : public SimTest {
   protected:
-    // The bytes of the slots and the period in the request that a start sends now.
+    // Starts and stops; returns the slots and the period of the start request in hexadecimal.
     std::string startRequest() {
         const size_t before = lines("host    start request").size();
         EXPECT_TRUE(adsppm().startMetricCollection());
@@ -48,7 +48,7 @@ class Adsppm : public SimTest {
     }
 };
 
-// A log record with what the decoder reads; everything else is 0xEE.
+// Hands ADSPPM a log record. Bytes that the decoder ignores are 0xEE.
 void receive(uint64_t stamp, uint32_t gained) {
     Bytes record = {0xEE, 0xEE, 0x45, 0x16};
     diagsim::appendWord(record, stamp, 8);
@@ -61,11 +61,11 @@ void receive(uint64_t stamp, uint32_t gained) {
     adsppm().onLog(record.data());
 }
 
-constexpr uint64_t millisecond = 65536 * 8 / 10;  // of the ADSP's clock: 1.25 ms are 65536
+constexpr uint64_t kMillisecond = 65536 * 8 / 10;  // the ADSP's clock counts 65536 in 1.25 ms
 
 }  // namespace
 
-TEST_F(Adsppm, RegistrationsMakeTheRequest) {
+TEST_F(Adsppm, StartRequestsTheRegisteredEvents) {
     Inbox a, b;
     EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody registered";
     EXPECT_TRUE(device().trace().empty());
@@ -80,13 +80,13 @@ TEST_F(Adsppm, RegistrationsMakeTheRequest) {
     EXPECT_EQ(startRequest(), "05 07 01 00 32 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
     EXPECT_EQ(startRequest(), "05 01 00 00 32 00 00 00");
-    EXPECT_TRUE(adsppm().unregisterListener(&b, 5)) << "5 keeps a's registration";
+    EXPECT_TRUE(adsppm().unregisterListener(&b, 5)) << "a is still registered for 5";
     EXPECT_EQ(startRequest(), "05 01 00 00 3C 00 00 00");
-    EXPECT_TRUE(adsppm().unregisterListener(&b, -7)) << "unknown there";
+    EXPECT_TRUE(adsppm().unregisterListener(&b, -7)) << "not registered";
     EXPECT_TRUE(adsppm().unregisterListener(&a, -7));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 5));
     EXPECT_EQ(startRequest(), "01 00 00 00 C8 00 00 00");
-    EXPECT_TRUE(add(a, 0x103, 500));  // only the low byte, and never freed again
+    EXPECT_TRUE(add(a, 0x103, 500)) << "takes slot 3 and never frees it";
     EXPECT_TRUE(adsppm().unregisterListener(&a, 0x103));
     EXPECT_TRUE(add(a, 11, 0xFFFFFFFF));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 11)) << "keeps its slot";
@@ -95,11 +95,11 @@ TEST_F(Adsppm, RegistrationsMakeTheRequest) {
     EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody left";
 }
 
-TEST_F(Adsppm, TheFifthEventIsRefused) {
+TEST_F(Adsppm, AFifthEventIsRefused) {
     struct : tavrik::LogAdapter {
         int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
                 bool) override {
-            adsppm().unregisterListener(nullptr, 1);  // it may call back
+            adsppm().unregisterListener(nullptr, 1);  // an adapter may call ADSPPM
             lines += logger + " " + level.getName() + " " + message;
             return 0;
         }
@@ -125,7 +125,7 @@ TEST_F(Adsppm, TheFifthEventIsRefused) {
     EXPECT_EQ(message->text, text);
     EXPECT_TRUE(add(inbox, 4)) << "a second listener needs no slot";
     EXPECT_TRUE(add(inbox, -1));
-    EXPECT_TRUE(add(inbox, 0)) << "no slot";
+    EXPECT_TRUE(add(inbox, 0)) << "needs no slot";
     EXPECT_TRUE(adsppm().unregisterListener(&inbox, 1));
     EXPECT_EQ(startRequest(), "02 03 04 00 A0 86 01 00");
 }
@@ -146,13 +146,13 @@ TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
     EXPECT_EQ(device().trace().size(), before);
 }
 
-TEST_F(Adsppm, AFailedStopKeepsTheOldText) {
+TEST_F(Adsppm, AFailedStopLeavesTheRefusalTextEmpty) {
     plug(R"({"requests": {"stop": {"refuse": true}, "start": {"short": 8}}})");
     Inbox inbox;
     EXPECT_TRUE(add(inbox, -2));
     EXPECT_TRUE(adsppm().startMetricCollection());
-    EXPECT_TRUE(lines(", cut").empty()) << "it is no longer than that";
-    EXPECT_FALSE(adsppm().startMetricCollection()) << "collecting already";
+    EXPECT_TRUE(lines(", cut").empty()) << "8 bytes are the whole response";
+    EXPECT_FALSE(adsppm().startMetricCollection()) << "already collecting";
     tavrik::LogLevel::_init();
     tavrik::Logger::getLogger("ADSPPM")->setLevel(*tavrik::LogLevel::LVL_TRACE);
     expectOnce("TRACE ADSPPM::stopMetricCollection() ADSPPMConfigReq timeout\n",
@@ -164,7 +164,7 @@ TEST_F(Adsppm, AFailedStopKeepsTheOldText) {
     EXPECT_FALSE(adsppm().startMetricCollection());
 }
 
-TEST_F(Adsppm, OneRunTracesItsSteps) {
+TEST_F(Adsppm, ACycleTracesItsSteps) {
     tavrik::LogLevel::_init();
     for (const char* name : {"ADSPPM", "DIAG"}) {
         tavrik::Logger::getLogger(name)->setLevel(*tavrik::LogLevel::LVL_TRACE);
@@ -202,9 +202,9 @@ TEST_F(Adsppm, PacketsBecomeValues) {
     ASSERT_TRUE(add(second, 3, 50000));
     receive(0, 0);
     ASSERT_TRUE(adsppm().startMetricCollection());
-    receive(1000 * millisecond, 0);
-    EXPECT_TRUE(inbox.take().empty()) << "the first packet only primes";
-    receive(3000 * millisecond, 32);  // 2 s later
+    receive(1000 * kMillisecond, 0);
+    EXPECT_TRUE(inbox.take().empty()) << "the first packet primes the decoder";
+    receive(3000 * kMillisecond, 32);  // 2 s later
     const std::vector<Value> values = inbox.take();
     const std::vector<std::pair<int, long double>> expected = {
         {3, 16000},   {4, 16000},   {-1, 2.5L},    {-2, 576.5L}, {-3, 256000},
@@ -219,18 +219,18 @@ TEST_F(Adsppm, PacketsBecomeValues) {
     EXPECT_EQ(second.take().size(), 1u);
 
     EXPECT_TRUE(adsppm().stopMetricCollection());
-    receive(4000 * millisecond, 0);
+    receive(4000 * kMillisecond, 0);
     ASSERT_TRUE(adsppm().startMetricCollection());
-    receive(5000 * millisecond, 0);
-    EXPECT_TRUE(inbox.take().empty()) << "a stop forgets the last packet";
+    receive(5000 * kMillisecond, 0);
+    EXPECT_TRUE(inbox.take().empty()) << "a stop discards the last packet";
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 // --- Interleavings ----------------------------------------------------------------------------
 
-// The packet right behind the start's response primes; otherwise the one after it would. The one in
-// front of the stop's response comes too late.
-TEST_F(Adsppm, ValuesBeginBehindTheStartResponseAndEndWithTheStop) {
+// The packet behind the start response primes the decoder, so the next one gives values. The packet
+// in front of the stop response is ignored.
+TEST_F(Adsppm, ValuesFlowFromTheStartResponseToTheStop) {
     plug(R"({"requests": {"start": {"log_behind": "same_chunk"},
                           "stop": {"log_in_front": "same_chunk"}}})");
     Inbox inbox;
@@ -244,31 +244,31 @@ TEST_F(Adsppm, ValuesBeginBehindTheStartResponseAndEndWithTheStop) {
     }
 }
 
-// The write of the start returns only when the reader has had the answer and the packets behind it.
-TEST_F(Adsppm, TheStartsAnswerMayComeBeforeItsWriteReturns) {
+// The write of the start request returns after the reader has read the response and the packets.
+TEST_F(Adsppm, AStartResponseCountsBeforeItsWriteReturns) {
     plug(R"({"write": {"returns_after_read": true},
              "requests": {"start": {"log_behind": "same_buffer", "log_count": 3}}})");
     Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     ASSERT_TRUE(adsppm().startMetricCollection());
-    EXPECT_TRUE(inbox.take().empty()) << "they only prime";
+    EXPECT_TRUE(inbox.take().empty()) << "packets before the end of the start prime the decoder";
     device().deliverFrame(device().logPacket());
     EXPECT_EQ(inbox.waitFor(1).size(), 1u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
-// A start that comes while a stop still clears the log mask waits for it, and then gets values.
-TEST_F(Adsppm, AStartWaitsForTheEndOfAStop) {
+// A start during a stop waits until the stop has cleared the log mask; then values arrive.
+TEST_F(Adsppm, AStartWaitsForARunningStop) {
     plug(R"({"requests": {"log_mask_clear": {"on": [1], "delay_ms": 100}}})");
     Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     ASSERT_TRUE(adsppm().startMetricCollection());
     std::thread stopper([] { EXPECT_TRUE(adsppm().stopMetricCollection()); });
     ASSERT_TRUE(seen("host    log mask clear request"));
-    ASSERT_TRUE(add(inbox, -1)) << "a registration need not wait";
+    ASSERT_TRUE(add(inbox, -1)) << "a registration does not wait for a stop";
     EXPECT_TRUE(lines("adsp    log mask clear response").empty());
     EXPECT_TRUE(adsppm().startMetricCollection());
-    EXPECT_EQ(lines("host    close").size(), 1u) << "the stop was through";
+    EXPECT_EQ(lines("host    close").size(), 1u) << "the stop has ended";
     stopper.join();
     for (int i = 0; i < 2; ++i)
         device().deliverFrame(device().logPacket());
@@ -276,7 +276,7 @@ TEST_F(Adsppm, AStartWaitsForTheEndOfAStop) {
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
-TEST_F(Adsppm, ARegistrationWaitsForAStart) {
+TEST_F(Adsppm, ARegistrationWaitsForARunningStart) {
     plug(R"({"requests": {"start": [{"on": [1], "delay_ms": 50},
                                     {"on": [2], "delay_ms": 50, "refuse": true}]}})");
     Inbox inbox;
@@ -294,7 +294,7 @@ TEST_F(Adsppm, ARegistrationWaitsForAStart) {
     second.join();
 }
 
-TEST_F(Adsppm, TheLoopbackSetsTheTime) {
+TEST_F(Adsppm, TheLoopbackResponseSetsTheTimeShift) {
     plug(R"({"requests": {"loopback": {"on": [1], "short": 9}}})");
     Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
@@ -312,15 +312,15 @@ TEST_F(Adsppm, TheLoopbackSetsTheTime) {
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
-// Hears of the run level too, so that a test can wait until a change has been dealt with: the next
-// one is not told before.
+// A second subscriber of the run level. It hears of a change after ADSPPM has handled the one
+// before.
 struct Follower : tavrik::Trigger::Listener, tavrik::SelfDestructingObject, Collector<int> {
     void reserve() override { SelfDestructingObject::reserve(); }
     bool release() override { return SelfDestructingObject::release(); }
     void onTriggerValueChange(tavrik::Trigger* trigger) override { put(trigger->getValue()); }
 };
 
-TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
+TEST_F(Adsppm, ARunLevelChangeRestartsWithNewRegistrations) {
     Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     tavrik::Trigger* const level = tavrik::TriggerRegistry::getTrigger("_RunLevel");
@@ -333,7 +333,7 @@ TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
         follower->waitFor(told += 2);
     };
     ASSERT_TRUE(adsppm().startMetricCollection());
-    ASSERT_TRUE(add(inbox, 7));  // a slot, and the same period
+    ASSERT_TRUE(add(inbox, 7));  // takes a slot, keeps the period
     change(1);
     EXPECT_EQ(lines("host    stop request").size(), 1u);
     EXPECT_EQ(lines("host    start request").size(), 2u);
@@ -345,9 +345,9 @@ TEST_F(Adsppm, ARunLevelChangeBringsNewRegistrationsToTheAdsp) {
     EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
     ASSERT_TRUE(adsppm().unregisterListener(&inbox, 7));
     change(7);
-    EXPECT_EQ(lines("host    start request").size(), 3u) << "started from idle";
+    EXPECT_EQ(lines("host    start request").size(), 3u) << "starts an idle ADSP";
     EXPECT_EQ(lines("host    stop request").size(), 2u);
-    ASSERT_TRUE(add(inbox, -1, 50));  // another period, and no slot
+    ASSERT_TRUE(add(inbox, -1, 50));  // takes no slot, changes the period
     change(9);
     EXPECT_EQ(lines("host    start request").size(), 4u);
     EXPECT_TRUE(adsppm().stopMetricCollection());

@@ -17,7 +17,7 @@ namespace {
 struct Inbox : Collector<Bytes> {
     static int callback(unsigned char* data, int len, void* context) {
         static_cast<Inbox*>(context)->put(Bytes(data, data + len));
-        return -1;  // reported inside the library, and delivery goes on
+        return -1;  // delivery goes on all the same
     }
 };
 
@@ -60,7 +60,7 @@ TEST_F(DiagLsm, OpensAndCloses) {
     Inbox inbox;
     diag_register_callback(Inbox::callback, &inbox);
     const long before = openDescriptors();
-    EXPECT_EQ(Diag_LSM_Init(nullptr), 1);  // on an open handle: no second one
+    EXPECT_EQ(Diag_LSM_Init(nullptr), 1) << "already open";
     EXPECT_EQ(openDescriptors(), before);
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     EXPECT_EQ(fd, -1);
@@ -69,7 +69,7 @@ TEST_F(DiagLsm, OpensAndCloses) {
 
     plug("{}");
     EXPECT_EQ(Diag_LSM_Init(nullptr), 1);
-    EXPECT_EQ(client_tbl[0].registered, -1) << "forgotten";
+    EXPECT_EQ(client_tbl[0].registered, -1) << "a new session has no callbacks";
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     for (const char* refused : {R"({"deinit": {"result": 0}})", R"({"withdraw": {"result": 0}})"}) {
         open(refused);
@@ -90,8 +90,8 @@ TEST_F(DiagLsm, TheDeviceIsNeverAStandardStream) {
     }
 }
 
-TEST_F(DiagLsm, EmptyReadsDoNotDelayWhatFollows) {
-    long fastest = patience;
+TEST_F(DiagLsm, EmptyReadsDoNotDelayTheNextBuffer) {
+    long fastest = kPatienceMs;
     for (int attempt = 0; attempt < 10 && fastest >= 50; ++attempt) {
         const Stopwatch watch;
         open(R"({"empty_reads": 50})");
@@ -105,9 +105,9 @@ TEST_F(DiagLsm, EmptyReadsDoNotDelayWhatFollows) {
     EXPECT_LT(fastest, 50);
 }
 
-TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
+TEST_F(DiagLsm, ChunksReachTheirProcessorsCallback) {
     open(R"({"remote_mask": 3})");
-    // The kernel may hand a signal of the process, such as an alarm, to any of its threads.
+    // The kernel may deliver a signal to the process, such as SIGALRM, on any thread.
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGALRM, &action, nullptr);
@@ -122,7 +122,7 @@ TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
     diag_register_callback(nullptr, nullptr);
     EXPECT_EQ(client_tbl[0].registered, -1);
 
-    // Nobody is there for processor 0 yet, and that ends the buffer.
+    // Processor 0 has no callback yet, which drops the rest of the buffer.
     device().deliver(words({32, 2, 1}, {9, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 8}));
     device().deliver(words({32, 1, 0xFFFFFFFE, 1}, {1}));
     remote.waitFor(1);
@@ -137,7 +137,7 @@ TEST_F(DiagLsm, ChunksReachTheCallbackOfTheirProcessor) {
     EXPECT_EQ(remote.waitFor(2), (std::vector<Bytes>{{1}, {3, 4, 5}}));
 }
 
-TEST_F(DiagLsm, SendsTheRequestBehindItsDataType) {
+TEST_F(DiagLsm, ARequestFollowsItsDataType) {
     open(R"({"remote_mask": 2})");
     Bytes request = {0x4B, 0x12, 0x2A, 0x00, 0x00};
     EXPECT_EQ(diag_callback_send_data(0, request.data(), 5), 0);
@@ -148,8 +148,8 @@ TEST_F(DiagLsm, SendsTheRequestBehindItsDataType) {
     EXPECT_EQ(diag_callback_send_data(0, request.data(), 0), -1);
     EXPECT_EQ(diag_callback_send_data(0, request.data(), 65537), -1);
     EXPECT_EQ(diag_callback_send_data(0, nullptr, 5), -1);
-    EXPECT_LE(device().trace().size(), before + 1) << "the answer at most, nothing sent";
-    EXPECT_EQ(diag_callback_send_data(3, request.data(), 5), -1) << "processor 3 needs both bits";
+    EXPECT_LE(device().trace().size(), before + 1) << "nothing but a response";
+    EXPECT_EQ(diag_callback_send_data(3, request.data(), 5), -1) << "processor 3 needs two bits";
     EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 3, nullptr), -1);
     EXPECT_EQ(diag_callback_send_data(2, request.data(), 5), 0);
     Bytes longest(65536, 0x55);
@@ -178,21 +178,21 @@ void* answer(void* request, unsigned length) {
 }
 void* silent(void*, unsigned) { return nullptr; }
 
-const diagpkt_user_entry plainEntries[] = {{10, 10, nullptr}, {10, 12, answer}};
-const diagpkt_user_entry subsystemEntries[] = {{0x100, 0x1FF, answer}};
-const diagpkt_user_entry laterEntries[] = {{0x200, 0x2FF, answer}};
-const diagpkt_user_entry silentEntries[] = {{0, 0xFFFF, silent}};
+const diagpkt_user_entry kPlainEntries[] = {{10, 10, nullptr}, {10, 12, answer}};
+const diagpkt_user_entry kSubsystemEntries[] = {{0x100, 0x1FF, answer}};
+const diagpkt_user_entry kLaterEntries[] = {{0x200, 0x2FF, answer}};
+const diagpkt_user_entry kSilentEntries[] = {{0, 0xFFFF, silent}};
 
 }  // namespace
 
-TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
+TEST_F(DiagLsm, CommandsReachTheFirstMatchingHandler) {
     const diagpkt_user_table_desc tables[] = {
-        {0, 255, 255, 2, 0, plainEntries},   {0, 255, 7, 1, 0, subsystemEntries},
-        {1, 128, 8, 1, 0, subsystemEntries}, {0, 128, 8, 1, 0, laterEntries},
-        {0, 255, 7, 1, 0, silentEntries},
+        {0, 255, 255, 2, 0, kPlainEntries},   {0, 255, 7, 1, 0, kSubsystemEntries},
+        {1, 128, 8, 1, 0, kSubsystemEntries}, {0, 128, 8, 1, 0, kLaterEntries},
+        {0, 255, 7, 1, 0, kSilentEntries},
     };
-    const diagpkt_user_table_desc early = {0, 255, 255, 1, 0, silentEntries};
-    diagpkt_tbl_reg(&early);  // closed: neither kept nor announced
+    const diagpkt_user_table_desc early = {0, 255, 255, 1, 0, kSilentEntries};
+    diagpkt_tbl_reg(&early);  // ignored: the device is closed
     EXPECT_EQ(diagpkt_alloc(1, 10), nullptr);
     open();
     for (const auto& table : tables)
@@ -201,18 +201,18 @@ TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
 
     device().deliver(words({8}, {10}));  // the first entry has no handler
     EXPECT_TRUE(seen("0A 0A =>"));
-    device().deliver(words({8}, {11, 1, 2}));  // table of plain commands, second entry
+    device().deliver(words({8}, {11, 1, 2}));  // the second entry of the first table
     EXPECT_TRUE(seen("0B 0B 01 02"));
     device().deliver(words({8}, {75, 7, 0x23, 0x01}));
     EXPECT_TRUE(seen("4B 4B 07 23 01"));
-    device().deliver(words({8}, {128, 8, 0x23, 0x01}));  // delayed: with an id of the driver's
+    device().deliver(words({8}, {128, 8, 0x23, 0x01}));  // delayed; the driver gives the id
     EXPECT_TRUE(seen("ioctl 8"));
     EXPECT_TRUE(seen("80 08 23 01 00 00 00 00"));
     const size_t before = lines("host").size();
-    device().deliver(words({8}, {75, 7, 0x23, 0x02}));  // only the silent table
+    device().deliver(words({8}, {75, 7, 0x23, 0x02}));  // the handler returns nothing
     device().deliver(words({8}, {75, 9, 0x23, 0x01}));  // no table
     device().deliver(words({8}, {75, 8, 0x23, 0x01}));  // a version-2 table only
-    device().deliver(words({8}, {128, 8}));             // cut
+    device().deliver(words({8}, {128, 8}));             // truncated
     device().deliver(words({8}, {13}));
     device().deliver(words({8}, {12}));
     EXPECT_TRUE(seen("0C 0C"));
@@ -223,14 +223,14 @@ TEST_F(DiagLsm, CommandsReachTheFirstHandlerThatFits) {
     for (int i = 0; i < DIAGPKT_TABLE_SLOTS; ++i)
         diagpkt_tbl_reg(&tables[4]);
     diagpkt_tbl_reg(&tables[0]);
-    EXPECT_TRUE(seen("ioctl 0", DIAGPKT_TABLE_SLOTS + 1)) << "announced, slot or not";
+    EXPECT_TRUE(seen("ioctl 0", DIAGPKT_TABLE_SLOTS + 1)) << "announced even without a slot";
     device().deliver(words({8}, {12}));
     Inbox inbox;
     diag_register_callback(Inbox::callback, &inbox);
     device().deliver(words({32, 1, 1}, {1}));
     inbox.waitFor(1);
     EXPECT_TRUE(lines("0C 0C").empty())
-        << "the tables went with the session, nor is one kept beyond the last slot";
+        << "a table survived its session, or was kept without a slot";
 }
 
 TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
@@ -239,7 +239,7 @@ TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
     auto* const error = static_cast<unsigned char*>(diagpkt_err_rsp(19, request.data(), 40));
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(Bytes(error, error + 19)[16], 0x33);
-    EXPECT_EQ(error[17], 0xDE) << "17 bytes, then the guard";
+    EXPECT_EQ(error[17], 0xDE) << "the guard follows 17 bytes";
     EXPECT_EQ(error[18], 0xAD);
     diagpkt_shorten(error, 3);
     diagpkt_commit(error);
@@ -248,9 +248,9 @@ TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
     const size_t before = lines("host").size();
     diagpkt_shorten(empty, 0);
     diagpkt_commit(empty);
-    EXPECT_EQ(lines("host").size(), before) << "an empty packet is not sent";
+    EXPECT_EQ(lines("host").size(), before) << "an empty packet was sent";
 
-    EXPECT_EQ(diagpkt_alloc(1, 0xFFFFFFFF - 20), nullptr) << "length + 26 must not wrap";
+    EXPECT_EQ(diagpkt_alloc(1, 0xFFFFFFFF - 20), nullptr) << "the size wraps around";
     EXPECT_EQ(diagpkt_subsys_alloc(1, 2, 3), nullptr) << "no room for the header";
     EXPECT_EQ(diagpkt_delay_alloc(1, 0xFFFFFFFC), nullptr);
     diagpkt_delay_commit(diagpkt_subsys_alloc_v2_delay(5, 0x0102, 0x0304, 12));
@@ -262,7 +262,7 @@ TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
     diagpkt_free(nullptr);
 }
 
-TEST(DiagPkt, AccessorsOfForeignPackets) {
+TEST(DiagPkt, AccessorsRejectForeignPackets) {
     unsigned char log[4] = {16, 1, 2, 3};
     EXPECT_EQ(diagpkt_subsys_get_id(log), 255);
     EXPECT_EQ(diagpkt_subsys_get_cmd_code(log), 65535);
@@ -274,17 +274,17 @@ TEST(DiagPkt, AccessorsOfForeignPackets) {
     EXPECT_DEATH(diagpkt_subsys_get_delayed_rsp_id(nullptr), "pkt_ptr != \\(\\(void \\*\\)0\\)");
 }
 
-TEST(DiagSvcMalloc, BlocksComeFromThePoolWhileItHasThem) {
+TEST(DiagSvcMalloc, BlocksComeFromThePoolUntilItIsEmpty) {
     EXPECT_EQ(DiagSvc_Malloc(10, 1), nullptr) << "not initialised";
     ASSERT_EQ(DiagSvc_Malloc_Init(), 1);
     EXPECT_EQ(DiagSvc_Malloc(10, 0), nullptr);
     EXPECT_EQ(DiagSvc_Malloc(10, 3), nullptr);
     void* first = DiagSvc_Malloc(2000, 1);
     DiagSvc_Free(first, 1);
-    EXPECT_EQ(DiagSvc_Malloc(1, 1), first) << "a block of the pool, again";
+    EXPECT_EQ(DiagSvc_Malloc(1, 1), first) << "the freed block is reused";
     std::vector<void*> blocks;
     for (int i = 0; i < 10; ++i)
-        blocks.push_back(DiagSvc_Malloc(2000, 1));  // one more than it has
+        blocks.push_back(DiagSvc_Malloc(2000, 1));  // one more than the pool has
     void* large = DiagSvc_Malloc(2001, 2);
     memset(large, 1, 2001);
     DiagSvc_Free(large, 2);
@@ -302,14 +302,14 @@ TEST(DiagSvcMalloc, BlocksComeFromThePoolWhileItHasThem) {
 
 // --- Wake lock and memory device --------------------------------------------------------------
 
-TEST(WakeLock, WritesItsNameToTheTwoFiles) {
+TEST(WakeLock, WritesItsNameToBothFiles) {
     const std::string lockFile = testing::TempDir() + "wake_lock";
     const std::string unlockFile = testing::TempDir() + "wake_unlock";
     std::ofstream(lockFile).close();
     std::ofstream(unlockFile).close();
     device().redirect("/sys/power/wake_lock", lockFile);
     device().redirect("/sys/power/wake_unlock", unlockFile);
-    diag_wakelock_acquire();  // not initialised: nothing happens
+    diag_wakelock_acquire();  // not initialised: does nothing
     diag_wakelock_init("");
     EXPECT_EQ(diag_is_wakelock_init(), 0);
     diag_wakelock_init("a name of more than twenty-four");
@@ -342,25 +342,25 @@ size_t takePool(int pool) {
 
 }  // namespace
 
-TEST_F(DiagLsm, MemoryDeviceFillsItsPoolsInTurn) {
+TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
     const size_t payload = 99996;
     const Bytes half = words({32}, Bytes(71680, 0x22)), buffer = words({32}, Bytes(payload, 0x11));
     open();
     switchTo(DIAG_MODE_MEMORY_DEVICE);
     device().deliver(half);
     device().deliver(half);
-    EXPECT_EQ(takePool(0), 2u * 71680) << "both in one buffer, which is then above the threshold";
-    // Three buffers of a pool take one payload each; the fourth goes to the other pool.
+    EXPECT_EQ(takePool(0), 2u * 71680) << "two payloads fit in one buffer";
+    // Each of a pool's three buffers takes one payload; the fourth payload goes to the other pool.
     for (int i = 0; i < 10; ++i)
         device().deliver(buffer);
     for (int pool : {1, 0, 1})
         EXPECT_EQ(takePool(pool), 3 * payload);
     memory_device_set_write_in_progress(1);
-    memory_device_set_flush(1);  // the reader stays in there until DeInit
-    device().deliver(buffer);    // wakes it: it drops this and hands over what there is
+    memory_device_set_flush(1);  // the reader hands over buffers until DeInit
+    device().deliver(buffer);    // wakes the reader, which drops this payload
     memory_device_set_write_in_progress(0);
     EXPECT_EQ(takePool(0), payload);
-    memory_device_append(half.data(), 1000);  // lost with the session
+    memory_device_append(half.data(), 1000);  // DeInit discards it
     std::thread writer([] { EXPECT_EQ(takePool(1), 0u); });
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     writer.join();
@@ -371,7 +371,7 @@ TEST_F(DiagLsm, MemoryDeviceFillsItsPoolsInTurn) {
     for (int i = 0; i < 10; ++i)
         device().deliver(buffer);
     EXPECT_EQ(takePool(0), 3 * payload) << "a new session starts with empty pools";
-    // With both pools full and no writer the reader waits, and DeInit still ends it.
+    // Both pools are full and nobody takes them: DeInit must end the waiting reader.
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     EXPECT_EQ(takePool(0) + takePool(1), 6 * payload);
     logging_mode = DIAG_MODE_USB;

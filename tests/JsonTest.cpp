@@ -17,13 +17,13 @@
 #include "json/JSOM.h"
 #include "tests/Support.h"
 
-// A sanitizer's own, where there is one: its reports must not vanish in a StderrCapture.
+// Defined by a sanitizer, if there is one. Its reports must not vanish in a StderrCapture.
 extern "C" void __sanitizer_set_report_fd(void* fd) __attribute__((weak));
 
 namespace tavrik {
 namespace {
 
-// Collects what is printed to standard error while it lives.
+// Captures standard error for a scope.
 class StderrCapture {
   public:
     StderrCapture() {
@@ -38,7 +38,7 @@ class StderrCapture {
     StderrCapture(const StderrCapture&) = delete;
     StderrCapture& operator=(const StderrCapture&) = delete;
 
-    // What was printed since the last call.
+    // The output since the last call.
     std::string take() {
         std::string text(static_cast<size_t>(lseek(file, 0, SEEK_CUR) - taken), '\0');
         taken += pread(file, &text[0], text.size(), taken);
@@ -81,7 +81,8 @@ std::string describe(JSONData& node, bool good, const char* rest, const std::str
     return value + (good ? '|' + (rest + lines) : '!' + lines);
 }
 
-// What both parsers make of a text: its value, a "d" per double, "|" and the rest or "!" and why.
+// The result of both parsers: the value, a "d" per double, then "|" and the unread rest, or "!" and
+// the reason.
 std::string read(const std::string& text) {
     const char* rest = text.c_str();
     std::istringstream in(text);
@@ -96,7 +97,7 @@ std::string read(const std::string& text) {
     return result;
 }
 
-// Tries a table: inputs, "=>" and what `code` makes of each of them. "_" stands for a blank.
+// Checks a table: inputs, "=>" and the result that `code` must return for each. "_" is a blank.
 void expectEach(std::string (*code)(const std::string&), const char* table) {
     std::istringstream words(contents(table));
     std::vector<std::string> inputs;
@@ -110,20 +111,21 @@ void expectEach(std::string (*code)(const std::string&), const char* table) {
     }
 }
 
-const std::string object = contents("object.json");
-const std::string document = "//\n[" + object + "," + object + "," + object + "," + object + "]";
+const std::string kObject = contents("object.json");
+const std::string kDocument =
+    "//\n[" + kObject + "," + kObject + "," + kObject + "," + kObject + "]";
 
-TEST(JsonTest, ParsersAgreeOnTruncationsAndRandomBytes) {
-    EXPECT_EQ(read(document + "//]x"), read(document) + "//]x");
-    for (size_t size = 0; size < document.size(); ++size)
-        EXPECT_THAT(read(document.substr(0, size)), testing::HasSubstr("!")) << size;
+TEST(JsonTest, BothParsersAgreeOnAnyText) {
+    EXPECT_EQ(read(kDocument + "//]x"), read(kDocument) + "//]x");
+    for (size_t size = 0; size < kDocument.size(); ++size)
+        EXPECT_THAT(read(kDocument.substr(0, size)), testing::HasSubstr("!")) << size;
     std::mt19937 random(4);
     for (int i = 0; i < 100000 && !testing::Test::HasFailure(); ++i) {
         std::string text(random() % 3, '[');
         for (size_t pieces = random() % 10; pieces > 0; --pieces) {
             text.append(random() % 8 == 0, static_cast<char>(random()));
             text.append(random() % 2, "{}[]:,\"\\/*\n 0123-+.eu\xFF"[random() % 23]);
-            text.append(document, random() % document.size(), random() % 2 * (random() % 16));
+            text.append(kDocument, random() % kDocument.size(), random() % 2 * (random() % 16));
         }
         read(text);
     }
@@ -135,7 +137,7 @@ size_t below(std::mt19937_64& random, size_t limit) {
     return static_cast<size_t>(random() % limit);
 }
 
-// A document that both libraries write alike.
+// A document that both libraries print alike.
 Json generate(std::mt19937_64& random, bool decimals, int depth = 0) {
     static const std::string letters = "some \"words\"\\\b\f\n\r\t/{}[]:,'~";
     const auto word = [&] {
@@ -163,33 +165,33 @@ TEST(JsonTest, AgreesWithAnotherLibrary) {
     }
 }
 
-TEST(JsonTest, NothingIsTooDeep) {
+TEST(JsonTest, DepthIsUnlimited) {
     setenv("ENV", "value", 1);
     const auto nested = [](size_t depth, const std::string& text) {
         return std::string(depth, '[') + text + std::string(depth, ']');
     };
     ASSERT_TRUE(setStackSize(256 << 10));
     std::thread([&] {
-        constexpr size_t depth = 300000;
-        EXPECT_EQ(read(std::string(depth, '[')), "[]!array not closed");
-        JSOM top = parsed(nested(depth, "\"${ENV}\""));
+        constexpr size_t kDepth = 300000;
+        EXPECT_EQ(read(std::string(kDepth, '[')), "[]!array not closed");
+        JSOM top = parsed(nested(kDepth, "\"${ENV}\""));
         JSOM other;
         std::string text, pretty;
         top.expandValues();
         (other = top).toCompactString(text);
         other.toString(pretty);
-        EXPECT_TRUE(text == nested(depth, "\"value\""));
+        EXPECT_TRUE(text == nested(kDepth, "\"value\""));
         EXPECT_TRUE(text == compact(top));
-        EXPECT_EQ(pretty.size(), text.size() + 2 * depth * 51 - 50 * 50);
+        EXPECT_EQ(pretty.size(), text.size() + 2 * kDepth * 51 - 50 * 50);
     }).join();
 }
 
-TEST(JsonTest, Grammar) {
+TEST(JsonTest, ParsesTheGrammar) {
     expectEach(read, "grammar.txt");
     EXPECT_EQ(read("\xFF") + read("\t\r\n1." + std::string(70, '0') + "5"), "!missing value1d|");
 }
 
-TEST(JsonTest, NodesMayBeChangedByWhatTheyHold) {
+TEST(JsonTest, ANodeMayBeSetFromItsOwnContents) {
     JSONData other, node;
     JSONData* const child = new JSONData;
     const std::string text = R"("a quoted text that is too long to stand in a string object")";
@@ -215,7 +217,7 @@ TEST(JsonTest, NodesMayBeChangedByWhatTheyHold) {
     EXPECT_EQ(*node.stringValue(), text);
 }
 
-TEST(JsonTest, FailuresPrintOneLineAndYieldTheError) {
+TEST(JsonTest, FailuresPrintOneLineAndReturnTheErrorHandle) {
     const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
     const char *const path = file.c_str(), *const null = nullptr;
     JSONData node;
@@ -247,14 +249,14 @@ TEST(JsonTest, FailuresPrintOneLineAndYieldTheError) {
     EXPECT_EQ(unlink(path), 0);
 }
 
-TEST(JsonTest, FilesAreWrittenAndRead) {
+TEST(JsonTest, WritesAndReadsFiles) {
     const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
     const char* const path = file.c_str();
     const int unused = dup(2);
     close(unused);
     JSOM list = parsed("[1,2]");
     EXPECT_TRUE(JSOM().toFile(path));
-    EXPECT_TRUE(list.fromFile(path) == JSOM::JERROR) << "an empty file";
+    EXPECT_TRUE(list.fromFile(path) == JSOM::JERROR) << "the file is empty";
     EXPECT_TRUE(list.toFile(path));
     EXPECT_EQ(compact(JSOM().fromFile(path)), "[1,2]");
     EXPECT_EQ(list["a"].stringValue("d") + compact(list[-1]) + compact(list), "d[1,2]");
@@ -264,9 +266,9 @@ TEST(JsonTest, FilesAreWrittenAndRead) {
     EXPECT_EQ(unlink(path), 0);
 }
 
-TEST(JsonTest, ValuesAreReadAndWritten) {
+TEST(JsonTest, ConvertsAndPrintsValues) {
     setenv("ENV", "${HOME}", 1);
-    // As number, decimal, boolean with either default, and string; what then stands in the tree.
+    // The value as integer, decimal, boolean with either default and string; then the tree.
     const auto readings = [](const std::string& text) {
         std::ostringstream out;
         JSOM node = parsed(text);
@@ -276,7 +278,7 @@ TEST(JsonTest, ValuesAreReadAndWritten) {
         return out.str();
     };
     expectEach(readings, "readings.txt");
-    // The precision and the number; its text and integer part.
+    // Takes "PRECISION NUMBER"; returns the text and the integer part.
     const auto written = [](const std::string& text) {
         JSOM number;
         number.setDouble(std::stod(text.substr(text.find(' '))));

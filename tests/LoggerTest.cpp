@@ -18,7 +18,7 @@
 namespace tavrik {
 namespace {
 
-// What `body` writes to standard output in a process that then dies without flushing.
+// Runs `body` in a process that then ends without flushing; checks its standard output.
 void expectOutput(const std::function<void()>& body, const char* pattern) {
     const auto run = [&] {
         if (freopen("/proc/self/fd/2", "w", stdout) != nullptr) body();
@@ -27,7 +27,7 @@ void expectOutput(const std::function<void()>& body, const char* pattern) {
     EXPECT_EXIT(run(), testing::ExitedWithCode(0), pattern);
 }
 
-// Records what it gets for as long as it lives.
+// Installs itself as the log adapter for its lifetime and records the calls.
 class Recorder : public LogAdapter {
   public:
     Recorder() { Logger::setLogAdapter(this); }
@@ -73,8 +73,8 @@ void logAtEveryLevel(Logger& logger) {
     logger.tracef("%d", 6);
 }
 
-// The thread sanitizer sees what is not published properly.
-TEST(LoggerTest, AnyThreadMayFindTheLevelsUnset) {
+// The thread sanitizer reports a level that is not published properly.
+TEST(LoggerTest, LevelsMayBeInitialisedByAnyThread) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([] {
@@ -101,8 +101,8 @@ TEST(LoggerTest, LevelsAreFoundByNameAndNumber) {
     EXPECT_EQ(LogLevel::valueOf(-1), LogLevel::LVL_UNKNOWN);
 }
 
-// Begins before the first logger of its process.
-TEST(LoggerTest, DefaultLevelIsForLaterLoggersAndChangesInPlace) {
+// Starts before its process has a logger.
+TEST(LoggerTest, DefaultLevelAppliesToLaterLoggers) {
     EXPECT_EQ(Logger::getMasterLogLevel(), LogLevel::valueOf("INFO"));
     EXPECT_EQ(Logger::getDefaultLogLevel(), LogLevel::LVL_INFO);
     Logger::setDefaultLogLevel(*LogLevel::LVL_WARN);
@@ -118,7 +118,7 @@ TEST(LoggerTest, DefaultLevelIsForLaterLoggersAndChangesInPlace) {
     EXPECT_EQ(level->getName(), "TRACE");
 }
 
-TEST(LoggerTest, BothTheLoggerAndTheMasterLevelFilterWhatAnAdapterGets) {
+TEST(LoggerTest, LoggerAndMasterLevelsFilterLines) {
     Recorder adapter;
     Logger logger("f", *LogLevel::valueOf("INFO"));
     logAtEveryLevel(logger);
@@ -140,9 +140,9 @@ TEST(LoggerTest, BothTheLoggerAndTheMasterLevelFilterWhatAnAdapterGets) {
               "flush\nERROR f 2\nWARN f 3\nTRACE f unfiltered\nFATAL f string s+\nflush\n");
 }
 
-TEST(LoggerTest, LineHasLocalTimeMillisecondsNameLevelAndMessage) {
+TEST(LoggerTest, ALineHasTimeNameLevelAndMessage) {
     const auto now = [] {
-        const time_t seconds = static_cast<time_t>(getNow());  // time() may lag behind
+        const time_t seconds = static_cast<time_t>(getNow());  // time() may lag behind getNow()
         char text[80];
         strftime(text, sizeof text, "%b %d %H:%M:%S", localtime(&seconds));
         return std::string(text);
@@ -179,7 +179,7 @@ struct Counter : LogAdapter {
     std::atomic<int> lines{0};
 };
 
-TEST(LoggerTest, LevelsAndAdapterChangeWhileOthersLog) {
+TEST(LoggerTest, LevelsAndAdapterMayChangeWhileThreadsLog) {
     Counter a, b;
     LogAdapterStore::addFactory("a", new Factory(&a));
     LogAdapterStore::addFactory("b", new Factory(&b));
@@ -209,7 +209,7 @@ TEST(LoggerTest, LevelsAndAdapterChangeWhileOthersLog) {
     EXPECT_EQ(a.lines + b.lines, 4000);
 }
 
-TEST(LoggerTest, ConfigurationSetsLevelsAndIgnoresWhatIsNone) {
+TEST(LoggerTest, ConfigurationIgnoresUnknownLevels) {
     configure(R"({"level": "warn", "categories": {"c": "fatal", "c": "all", "none": "unknown"}})");
     configure(R"({"default": "Trace"})");
     configure(R"({"default": "?", "level": "UNKNOWN", "categories": {"c": 7}})");
@@ -223,7 +223,7 @@ TEST(LoggerTest, ConfigurationSetsLevelsAndIgnoresWhatIsNone) {
     EXPECT_EQ(Logger::getLogger("none")->getLevel().getName(), "TRACE");  // made only now
 }
 
-TEST(LoggerTest, ConfiguredAdapterComesFromTheFactoryOfItsTypeOrGoes) {
+TEST(LoggerTest, AdaptersComeFromTheFactoryOfTheirType) {
     Recorder recorder;
     LogAdapterStore::addFactory("r", new Factory(nullptr));
     LogAdapterStore::addFactory("r", new Factory(&recorder));

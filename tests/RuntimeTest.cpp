@@ -9,7 +9,7 @@
 #include "runtime/Lock.h"
 #include "runtime/RWLock.h"
 
-// These tests lock twice on one thread and let another one unlock.
+// These tests lock twice on one thread and unlock on another.
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wthread-safety-analysis"
 #endif
@@ -25,7 +25,7 @@ class RuntimeTest : public testing::Test {
     void TearDown() override { join(); }
 
     void start(std::function<void()> body) { threads.emplace_back(std::move(body)); }
-    // As start(), but returns once the thread sleeps in `rw`.
+    // start(), but returns when the thread sleeps in `rw`.
     void startBlocked(std::function<void()> body) {
         const unsigned before = rw.waitersForTesting();
         start(std::move(body));
@@ -42,8 +42,9 @@ class RuntimeTest : public testing::Test {
     std::vector<std::thread> threads;
 };
 
-// The deadline's nanoseconds run over: a wrong one is refused, with a message, or lies in the past.
-TEST_F(RuntimeTest, TimedWaitLastsAcrossTheSecond) {
+// The deadline's nanoseconds overflow into the next second. Without the carry, the wait would fail
+// with a message or return at once.
+TEST_F(RuntimeTest, ATimedWaitMayCrossASecond) {
     Lock lock;
     {
         LockGuard guard(lock);
@@ -62,9 +63,9 @@ TEST_F(RuntimeTest, TimedWaitLastsAcrossTheSecond) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-// A writer that wakes first must not use up the wake-up of a reader, which would then sleep on
-// while it counts as a reader and keeps all writers out.
-TEST_F(RuntimeTest, BehindAWriterReadersEnterTogetherAndWritersFollow) {
+// A writer must not consume a reader's wake-up: the reader would go on sleeping while it counts as
+// a reader, which keeps all writers out.
+TEST_F(RuntimeTest, ReadersEnterTogetherAfterAWriter) {
     for (int trial = 0; trial < 200; ++trial) {
         std::atomic<int> inside{0};
         rw.writeLock();
@@ -87,7 +88,7 @@ TEST_F(RuntimeTest, BehindAWriterReadersEnterTogetherAndWritersFollow) {
     }
 }
 
-TEST_F(RuntimeTest, ReadersPassAWaitingWriterThatFollowsTheLastOfThem) {
+TEST_F(RuntimeTest, ReadersOvertakeAWaitingWriter) {
     std::atomic<int> holders{2};
     rw.readLock();
     rw.readLock();
@@ -105,7 +106,7 @@ TEST_F(RuntimeTest, ReadersPassAWaitingWriterThatFollowsTheLastOfThem) {
     }
     join();
 
-    // More unlocks than locks leave the counts at zero.
+    // A surplus unlock leaves the counts at zero.
     rw.readUnlock();
     EXPECT_TRUE(rw.tryWriteLock());
     EXPECT_FALSE(rw.tryReadLock());
@@ -114,7 +115,7 @@ TEST_F(RuntimeTest, ReadersPassAWaitingWriterThatFollowsTheLastOfThem) {
     EXPECT_TRUE(rw.tryReadLock());
 }
 
-TEST_F(RuntimeTest, DemotionWakesNobody) {
+TEST_F(RuntimeTest, DemotionWakesNoWaiter) {
     std::atomic<bool> entered{false};
     rw.writeLock();
     startBlocked([&] {
@@ -123,7 +124,7 @@ TEST_F(RuntimeTest, DemotionWakesNobody) {
         rw.readUnlock();
     });
     rw.demoteToReadLock();
-    rw.readerWait(50);  // time for a reader that was woken to enter
+    rw.readerWait(50);  // would let a woken reader enter
     EXPECT_TRUE(rw.tryReadLock());
     rw.readUnlock();
     rw.readUnlock();
@@ -134,7 +135,7 @@ TEST_F(RuntimeTest, DemotionWakesNobody) {
     EXPECT_TRUE(entered);
 }
 
-TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
+TEST_F(RuntimeTest, PublicWaitsRetakeTheLock) {
     bool changed = false;
     startBlocked([&] {
         rw.readLock();
@@ -166,7 +167,7 @@ TEST_F(RuntimeTest, PublicWaitsEndByNotificationOrTimeAndTakeTheLockAgain) {
     rw.notify();
     join();
 
-    rw.notifyAll();  // nobody waits, so nothing is kept for the wait below
+    rw.notifyAll();  // nobody waits: must not end the wait below
     rw.readLock();
     const WallClock::time_point start = WallClock::now();
     rw.readerWait(30);

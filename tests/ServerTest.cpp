@@ -19,17 +19,17 @@
 namespace tavrik {
 namespace {
 
-constexpr int THREADS = 8;
+constexpr int kThreads = 8;
 
 void inParallel(const std::function<void(int thread)>& body) {
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < THREADS; ++thread)
+    for (int thread = 0; thread < kThreads; ++thread)
         threads.emplace_back(body, thread);
     for (std::thread& thread : threads)
         thread.join();
 }
 
-std::string heard;  // what all channels were told; they are told one at a time
+std::string heard;  // all channels' notifications, which come one at a time
 std::atomic<size_t> channelsAlive{0};
 
 struct TestChannel : Channel, ChannelFactory {
@@ -67,11 +67,11 @@ TEST(ErrorsTest, TokensAndTextsAreFound) {
     EXPECT_EQ(Errors::toInt("nomem"), 0);
 }
 
-// Between lockMessages() and unlockMessages() nothing comes in and what was handed out stays as it
-// is, although the posters could fill the queue several times over meanwhile.
-TEST(SystemErrorMessagesTest, ReaderIsUndisturbedByPosters) {
-    std::atomic<int> running{THREADS - 1};
-    int last[THREADS] = {};
+// Between lockMessages() and unlockMessages() no message is added and the messages handed out keep
+// their contents, although the posters could fill the queue several times over.
+TEST(SystemErrorMessagesTest, LockedMessagesIgnoreConcurrentPosts) {
+    std::atomic<int> running{kThreads - 1};
+    int last[kThreads] = {};
     inParallel([&](int thread) {
         for (int i = 1; thread != 0 && i <= 1000; ++i)
             SystemErrorMessages::add(thread, std::to_string(i)), SystemErrorMessages::hasMessages();
@@ -95,32 +95,33 @@ TEST(SystemErrorMessagesTest, ReaderIsUndisturbedByPosters) {
             SystemErrorMessages::unlockMessages();
         }
     });
-    // The very last message of all is among the newest hundred.
+    // The last message of some thread is among the newest hundred.
     EXPECT_NE(std::find(std::begin(last), std::end(last), 1000), std::end(last));
 }
 
-constexpr int EACH = 10000;  // a code tells its thread and the number there
+constexpr int kMessagesPerThread = 10000;  // a code tells its thread and the number there
 std::atomic<int> postersStarted{0};
 std::string textOf(int code) { return std::to_string(code) + " is the number of this message"; }
 
 void postFromAllThreads() {
     inParallel([](int thread) {
         ++postersStarted;
-        for (int code = thread * EACH; code < (thread + 1) * EACH; ++code)
+        for (int code = thread * kMessagesPerThread; code < (thread + 1) * kMessagesPerThread;
+             ++code)
             SystemErrorMessages::add(code, textOf(code));
     });
-    int left = 0, last[THREADS] = {};
+    int left = 0, last[kThreads] = {};
     for (; const error_message_t* const message = SystemErrorMessages::nextMessage(); ++left) {
         EXPECT_EQ(message->text, textOf(message->code));
-        const int before = std::exchange(last[message->code / EACH], message->code);
+        const int before = std::exchange(last[message->code / kMessagesPerThread], message->code);
         EXPECT_TRUE(before == 0 || message->code == before + 1);
     }
     EXPECT_EQ(left, 100);
     for (const int code : last)
-        EXPECT_TRUE(code == 0 || code % EACH == EACH - 1);
+        EXPECT_TRUE(code == 0 || code % kMessagesPerThread == kMessagesPerThread - 1);
 }
 
-TEST(SystemErrorMessagesTest, KeepsTheNewestOfAllThreads) {
+TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
     postFromAllThreads();
     const error_message_t unqueued{1, "only shown"};
     SystemErrorMessages::recordOnly(&unqueued);
@@ -129,21 +130,22 @@ TEST(SystemErrorMessagesTest, KeepsTheNewestOfAllThreads) {
     EXPECT_EQ(SystemErrorMessages::nextMessage()->text, "Limit reached.");
 }
 
-// What the channel posts is published, too, and leaves alone what it is publishing.
+// A message that the channel posts while it publishes is published too, and does not change the
+// one being published.
 TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
-    const error_message_t nested{0, textOf(THREADS * EACH)};
-    std::vector<int> published(THREADS * EACH + 1);
+    const error_message_t nested{0, textOf(kThreads * kMessagesPerThread)};
+    std::vector<int> published(kThreads * kMessagesPerThread + 1);
     int depth = 0;
     TestChannel* const channel = new TestChannel("m");
     channel->onCreate = [] {
         SystemErrorMessages::add(0, "only queued");
-        while (postersStarted != THREADS || !SystemErrorMessages::hasMessages())
+        while (postersStarted != kThreads || !SystemErrorMessages::hasMessages())
             std::this_thread::yield();
     };
     channel->onPublish = [&, begin = getNow()](const MarkerBuffer& buffer) {
         const MarkerEntry entry = buffer.getEntry(0);
         const int code = std::stoi(entry.text);
-        EXPECT_EQ(++depth, code == THREADS * EACH ? 2 : 1);
+        EXPECT_EQ(++depth, code == kThreads * kMessagesPerThread ? 2 : 1);
         if (++published.at(static_cast<size_t>(code)) == 1 && code == 5)
             SystemErrorMessages::recordOnly(&nested);
         SystemErrorMessages::lockMessages(), SystemErrorMessages::unlockMessages();
@@ -158,7 +160,7 @@ TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
     EXPECT_EQ(channelsAlive, 1u);
     ChannelList::addChannel("o", new TestChannel("o"));
     postFromAllThreads();
-    EXPECT_EQ(published, std::vector<int>(THREADS * EACH + 1, 1));
+    EXPECT_EQ(published, std::vector<int>(kThreads * kMessagesPerThread + 1, 1));
     EXPECT_EQ(channel->references, 2);
     const std::string config =
         R"({"id":"serverMessages","name":"System Messages","description":"Messages generated by )"
@@ -173,13 +175,13 @@ struct Walker : VectorMap<Channel>::Visitor {
     mutable std::string seen;
 };
 
-TEST(ChannelListTest, OthersHearOfChangesAndReservingTradesReferences) {
+TEST(ChannelListTest, ChangesAreAnnouncedAndReservingTradesReferences) {
     struct Access : ChannelList {
         using VectorMap::names;
     };
     TestChannel* const old = new TestChannel("b");
     TestChannel* const next = new TestChannel("B");
-    old->onEnd = [] { ChannelList::removeChannel("nobody"); };  // waits until no reader is left
+    old->onEnd = [] { ChannelList::removeChannel("nobody"); };  // deadlocks under a read lock
     for (TestChannel* const channel : {new TestChannel("a"), old, new TestChannel("c")})
         ChannelList::addChannel(channel->id, channel);
     EXPECT_EQ(ChannelList::reserveChannel("b", nullptr), old);
@@ -190,7 +192,7 @@ TEST(ChannelListTest, OthersHearOfChangesAndReservingTradesReferences) {
     EXPECT_EQ(ChannelList::reserveChannel("b", old), next);
     EXPECT_EQ(ChannelList::reserveChannel("nobody", next), nullptr);
     ChannelList::removeChannel("c");
-    // Listed twice, the name stays listed, and the list keeps a reference for nothing.
+    // A name that is listed twice stays listed, and the list keeps a superfluous reference.
     (ChannelList::Instance()->*&Access::names)[1] = "a";
     ChannelList::addChannel("a", next);
     EXPECT_NE(ChannelList::reserveChannel("a", nullptr), next);
@@ -198,7 +200,7 @@ TEST(ChannelListTest, OthersHearOfChangesAndReservingTradesReferences) {
     EXPECT_EQ(heard, "a+b b+c a+c c-b a-b b! c+b a+b B-c a-c c! B! ");
 }
 
-TEST(ChannelListTest, ReferencesComeOutEvenWhateverThreadsDo) {
+TEST(ChannelListTest, ReferencesBalanceUnderLoad) {
     inParallel([](int thread) {
         Channel* held[3] = {};
         for (int step = 0; step < 20000; ++step) {
@@ -219,7 +221,7 @@ TEST(ChannelListTest, ReferencesComeOutEvenWhateverThreadsDo) {
     EXPECT_EQ(channelsAlive, 0u);
 }
 
-TEST(MarkerBufferTest, GrowsInStepsWrapsAndIsCopiedAsItLies) {
+TEST(MarkerBufferTest, GrowsWrapsAndCopies) {
     MarkerBuffer ring, copy;
     std::string sizes;
     for (const char text : std::string("123456789AB")) {
@@ -238,7 +240,7 @@ TEST(MarkerBufferTest, GrowsInStepsWrapsAndIsCopiedAsItLies) {
     EXPECT_EQ(textsOf(copy) + std::to_string(copy.getStartTime()), "C0.000000");
 }
 
-TEST(MarkerBufferTest, TakesItsOwnTextsWhileItGrows) {
+TEST(MarkerBufferTest, AppendsItsOwnEntriesWhileGrowing) {
     MarkerBuffer buffer;
     buffer.appendValue(1.0, 2, std::string(50, 't'));
     while (buffer.getCount() < 61) {  // grows from 1, 4, 20, 36 and 52
@@ -249,7 +251,7 @@ TEST(MarkerBufferTest, TakesItsOwnTextsWhileItGrows) {
     EXPECT_EQ(textsOf(buffer), std::string(61 * 50, 't'));
 }
 
-TEST(MarkerBufferTest, OneMetricCountsThemAll) {
+TEST(MarkerBufferTest, OneMetricCountsAllBuffers) {
     inParallel([](int) { std::vector<MarkerBuffer> buffers(1000); });
     const MarkerBuffer buffer;
     EXPECT_EQ(metric("MarkerBuffer", "Count"),

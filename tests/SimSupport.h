@@ -1,4 +1,4 @@
-// What the tests share that drive the framework against the linked simulated device.
+// Helpers of tests that drive the framework against the linked simulated device.
 #pragma once
 
 #include <gmock/gmock-matchers.h>
@@ -31,17 +31,17 @@ using diagsim::Bytes;
 #endif
 #endif
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(TESTS_SANITIZED)
-constexpr bool sanitized = true;
+constexpr bool kSanitized = true;
 #else
-constexpr bool sanitized = false;
+constexpr bool kSanitized = false;
 #endif
 
-constexpr int patience = 10000;  // milliseconds for what must happen anyway
+constexpr int kPatienceMs = 10000;  // limit of waits that succeed unless the test fails
 
 inline diagsim::Device& device() { return diagsim::Device::instance(); }
 
-// Each test gets a device of its own; the sessions of a process share their singletons, so a test
-// that leaves one failed wants a process of its own, which ctest gives it.
+// Each test gets a device of its own. Sessions share the singletons of their process: a test that
+// leaves a failed session needs a process of its own, which ctest provides.
 class SimTest : public ::testing::Test {
   protected:
     void SetUp() override { plug("{}"); }
@@ -52,9 +52,9 @@ class SimTest : public ::testing::Test {
         device().plug(diagsim::Scenario::parse(scenario, "test"));
     }
     static bool seen(const std::string& text, int count = 1) {
-        return device().waitForTrace(text, count, patience);
+        return device().waitForTrace(text, count, kPatienceMs);
     }
-    // The lines that contain `text`.
+    // The trace lines that contain `text`.
     static std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> found;
         for (const std::string& line : device().trace()) {
@@ -62,7 +62,7 @@ class SimTest : public ::testing::Test {
         }
         return found;
     }
-    // The line of that index among them; a failure, and no text, if there are fewer.
+    // The line at `index` of lines(text). If there are fewer, fails the test and returns "".
     static std::string line(const std::string& text, size_t index) {
         const std::vector<std::string> found = lines(text);
         EXPECT_LT(index, found.size()) << "lines with " << text;
@@ -70,7 +70,7 @@ class SimTest : public ::testing::Test {
     }
 };
 
-// What a piece of code wrote to standard output.
+// What `code` writes to standard output.
 template <typename Code>
 std::string outputOf(Code code) {
     tavrik::Logger::flushAll();
@@ -92,7 +92,7 @@ void expectOnce(const std::string& text, Code code) {
     EXPECT_EQ(occurrences(outputOf(code), text), 1) << text;
 }
 
-// What callbacks were handed on the reader, for the test to wait for.
+// Collects what callbacks receive on other threads; the test waits for it.
 template <typename T>
 class Collector {
   public:
@@ -101,10 +101,10 @@ class Collector {
         items.push_back(std::move(item));
         changed.notify_all();
     }
-    // Waits until `count` items have come in all.
+    // Waits until there are `count` items; returns them all.
     std::vector<T> waitFor(size_t count) {
         std::unique_lock<std::mutex> guard(mutex);
-        changed.wait_for(guard, std::chrono::milliseconds(patience),
+        changed.wait_for(guard, std::chrono::milliseconds(kPatienceMs),
                          [&] { return items.size() >= count; });
         return items;
     }
@@ -144,23 +144,23 @@ inline long processStatus(const std::string& key) {
     status >> value;
     return value;
 }
-// Whether that memory tells about the code under test: a sanitizer keeps what was freed (and finds
-// leaks by other means), an emulator has its own.
-inline bool memoryIsOurs() { return !sanitized && getenv("TESTS_EMULATED") == nullptr; }
+// Whether the process's memory is that of the code under test. A sanitizer keeps freed memory and
+// finds leaks itself; an emulator adds its own memory.
+inline bool memoryIsOurs() { return !kSanitized && getenv("TESTS_EMULATED") == nullptr; }
 inline long runningThreads() { return processStatus("Threads:"); }
 
-// Tries until the condition holds; for what the system does in its own time.
+// Polls until the condition holds. For system state that no event announces.
 template <typename Condition>
 bool eventually(Condition condition) {
     const Stopwatch watch;
     while (!condition()) {
-        if (watch.milliseconds() > patience) return false;
+        if (watch.milliseconds() > kPatienceMs) return false;
         std::this_thread::yield();
     }
     return true;
 }
 
-// Whether a thread of this process sleeps, or has ended.
+// Whether a thread of this process sleeps or has ended.
 inline bool isAtRest(pid_t thread) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
     std::string line;
@@ -169,7 +169,7 @@ inline bool isAtRest(pid_t thread) {
     return name == std::string::npos || line[name + 2] == 'S';
 }
 
-// A thread that ended may stay listed for a moment.
+// A joined thread may stay listed for a moment.
 inline bool threadsComeTo(long count) {
     return eventually([=] { return runningThreads() == count; });
 }

@@ -1,4 +1,4 @@
-// The simulated device, seen as a client of the node sees it.
+// The simulated device as a client of the node sees it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -11,10 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <fstream>
 #include <functional>
-#include <set>
-#include <stdexcept>
 #include <thread>
 
 #include "tests/SimSupport.h"
@@ -23,11 +20,11 @@ namespace diagsim {
 namespace {
 
 #if defined(__SANITIZE_THREAD__)
-constexpr bool threadSanitized = true;
+constexpr bool kThreadSanitized = true;
 #elif defined(__has_feature)
-constexpr bool threadSanitized = __has_feature(thread_sanitizer);
+constexpr bool kThreadSanitized = __has_feature(thread_sanitizer);
 #else
-constexpr bool threadSanitized = false;
+constexpr bool kThreadSanitized = false;
 #endif
 
 const Bytes kEventReport{0x60, 0};
@@ -46,7 +43,7 @@ class Client : public testing::Test {
         Device::instance().unplug();
     }
 
-    // Opens a device of this scenario in callback mode, the masks read.
+    // Opens a device with this scenario, reads its masks and switches to callback mode.
     void start(const std::string& json) {
         device_.plug(Scenario::parse(json, "test.json"));
         fd_ = ::open("/dev/diag", O_RDWR);
@@ -66,7 +63,7 @@ class Client : public testing::Test {
         return buffer;
     }
 
-    // The payloads of a one-chunk buffer's frames.
+    // The payloads of the frames in a buffer of one chunk.
     std::vector<Bytes> readFrames() const {
         const Bytes buffer = readBuffer();
         EXPECT_EQ(wordAt(buffer, 0, 4), 32u);
@@ -118,13 +115,13 @@ TEST_F(Client, RefusesWhatTheDriverRefuses) {
         << testing::PrintToString(device_.trace());
 }
 
-TEST_F(Client, HasTheAccessAndTheFlagsThatItAskedFor) {
+TEST_F(Client, HonoursAccessModeAndOpenFlags) {
     device_.plug({});
     fd_ = ::open("/dev/diag", O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(readBuffer().size(), 12u);
     EXPECT_EQ(send(kEventReport), -1);
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(switchMode(6), 1) << "any access will do";
+    EXPECT_EQ(switchMode(6), 1) << "ioctls need no write access";
     EXPECT_EQ(::fcntl(fd_, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(::fcntl(fd_, F_GETFL) & O_NONBLOCK, 0);
     ::close(fd_);
@@ -159,7 +156,7 @@ TEST_F(Client, InterruptedCallsDoNothing) {
     EXPECT_EQ(ask(kEventReport).size(), 1u) << "still the first request";
 }
 
-TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
+TEST_F(Client, MalformedRequestsGetTheErrorResponse) {
     start("{}");
     Bytes wrongCount = logMask(0x20);
     wrongCount[12] ^= 1;
@@ -174,7 +171,7 @@ TEST_F(Client, MalformedRequestsGetTheErrorAnswer) {
     EXPECT_FALSE(device_.waitForTrace("shorter than its header", 2, 0));
 }
 
-TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
+TEST_F(Client, LogPacketsFlowFromTheirMaskToADisable) {
     start(R"({"adsp": {"collecting": true, "period_us": 200000}})");
     EXPECT_EQ(wordAt(ask(logMask(0x20)), 4, 4), 3u);
     const Bytes packet = readFrames().at(0);
@@ -187,7 +184,7 @@ TEST_F(Client, LogPacketsComeBetweenTheirMaskAndTheNextDisable) {
 
 TEST_F(Client, TheAdspHasAClockOfItsOwn) {
     using std::chrono::nanoseconds;
-    // The time of an answer, and the host's around it, in nanoseconds since 1980.
+    // The time in a response, and the host's time before and after it: nanoseconds since 1980.
     struct Sample {
         int64_t before, adsp, after;
     };
@@ -228,20 +225,20 @@ TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     EXPECT_FALSE(device_.waitForTrace("close => 0 (left in callback mode)", 2, 0));
 }
 
-TEST_F(Client, LosesWhatItsQueueHasNoRoomFor) {
+TEST_F(Client, DropsBuffersBeyondTheQueueLimit) {
     start(R"({"queue_limit": 3,
         "requests": {"event_report": {"on": [1], "log_behind": "own_buffer", "log_count": 10}}})");
     ASSERT_EQ(send(kEventReport), 0);
-    EXPECT_TRUE(device_.waitForTrace("=> lost, queue full (8 so far)", 1, patience));
+    EXPECT_TRUE(device_.waitForTrace("=> lost, queue full (8 so far)", 1, kPatienceMs));
     for (const int command : {0x60, 0x10, 0x10})
         EXPECT_EQ(readFrames().at(0).at(0), command);
-    EXPECT_EQ(ask(kEventReport).at(0), 0x60) << "room again, and nothing else unread";
+    EXPECT_EQ(ask(kEventReport).at(0), 0x60) << "reading made room; nothing else is queued";
     ::close(fd_);
     fd_ = -1;
     EXPECT_EQ(device_.trace().back(), "host    close => 0 (left in callback mode, 8 buffers lost)");
 }
 
-TEST_F(Client, OtherFilesAreOpenedAsTheyWere) {
+TEST_F(Client, OtherFilesOpenAsUsual) {
     const std::string name = testing::TempDir() + "SimTest" + std::to_string(getpid());
     fd_ = ::open(name.c_str(), O_CREAT | O_RDWR, 0400);
     struct stat file {};
@@ -249,7 +246,7 @@ TEST_F(Client, OtherFilesAreOpenedAsTheyWere) {
     EXPECT_EQ(file.st_mode & 0777, 0400u);
 }
 
-TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {
+TEST_F(Client, FramesAreEscapedAndChecked) {
     EXPECT_EQ(checkSequence({'1', '2', '3', '4', '5', '6', '7', '8', '9'}), 0x906E);
     EXPECT_EQ(frame({0x7E, 0x7D, 0x60}), (Bytes{0x7D, 0x5E, 0x7D, 0x5D, 0x60, 0xB5, 0x75, 0x7E}));
     EXPECT_EQ(frame({0x60, 0x54}), (Bytes{0x60, 0x54, 0xB3, 0x7D, 0x5E, 0x7E}))
@@ -262,10 +259,10 @@ TEST_F(Client, FramesCarryEscapesAndTheCheckSequence) {
     EXPECT_EQ(readFrames(), std::vector<Bytes>{all});
     const Bytes large(100000, 0x7D);
     device_.deliver(large);
-    EXPECT_EQ(readBuffer(), large) << "one message, whole";
+    EXPECT_EQ(readBuffer(), large) << "one read returns the whole message";
 }
 
-TEST_F(Client, AnAnswerComesInPiecesOrInCompany) {
+TEST_F(Client, ResponsesMaySplitOrShareABuffer) {
     start(R"({"requests": {"event_report": [
         {"on": [1], "remote_in_front": "7E", "remote_behind": "01"},
         {"on": [2], "split": "chunks", "split_at": 2},
@@ -287,7 +284,7 @@ TEST_F(Client, AnAnswerComesInPiecesOrInCompany) {
     EXPECT_EQ(readFrames().at(0), (Bytes{0x60, 0, 0}));
 }
 
-TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
+TEST_F(Client, CloseDropsUnreadBuffers) {
     start(R"({"unsolicited": {"period_us": 1}, "requests": {"any": {"log_in_front": "own_buffer",
         "log_count": 20000}}})");
     ASSERT_EQ(send(kEventReport), 0);
@@ -296,24 +293,7 @@ TEST_F(Client, CloseDoesNotWaitForAClientThatDoesNotRead) {
     fd_ = -1;
 }
 
-TEST(ScenarioKeys, StandInTheTablesOfTheReadme) {
-    std::ifstream readme(TESTS_FOLDER "/../sim/README.md");
-    std::multiset<std::string> rows;
-    for (std::string line; std::getline(readme, line);) {
-        if (line.rfind("| `", 0) == 0 && occurrences(line, " |") == 4) rows.insert(line);
-    }
-    const std::string perRequest = "requests.<name>.";
-    for (const ScenarioKey& key : scenarioKeys()) {
-        const bool strip = key.name.rfind(perRequest, 0) == 0;
-        const std::string name = key.name.substr(strip ? perRequest.size() : 0);
-        const std::string row =
-            "| `" + name + "` | " + key.type + " | " + key.standard + " | " + key.meaning + " |";
-        EXPECT_EQ(rows.erase(row), 1u) << row;
-    }
-    EXPECT_EQ(rows, std::multiset<std::string>()) << "rows of no key";
-}
-
-// A call on a thread of its own, which is made while the object is and blocks.
+// Makes a call on a thread of its own. The constructor returns when the call blocks or has ended.
 class BlockedCall {
   public:
     explicit BlockedCall(std::function<long()> call) : thread_([=] { make(call); }) {
@@ -326,7 +306,7 @@ class BlockedCall {
         if (thread_.joinable()) thread_.join();
         return error_;
     }
-    // Signals until the call ends.
+    // Sends signals until the call ends; returns its errno.
     int interrupt() {
         struct sigaction action {};
         action.sa_handler = [](int) {};
@@ -349,14 +329,14 @@ class BlockedCall {
 };
 
 TEST_F(Client, CloseLeavesABlockedReadBlocked) {
-    if (threadSanitized) GTEST_SKIP() << "it reports a close of what another thread reads";
+    if (kThreadSanitized) GTEST_SKIP() << "it reports a close during another thread's read";
     start("{}");
     const long descriptors = openDescriptors() - 3;  // the client's, the device's, the wake-up
     char byte;
     BlockedCall reader([&, node = fd_] { return ::read(node, &byte, 1); });
     ASSERT_EQ(::close(fd_), 0);
     start("{}");
-    EXPECT_EQ(ask(kEventReport).size(), 3u) << "the next session has its answers";
+    EXPECT_EQ(ask(kEventReport).size(), 3u) << "the next session gets its responses";
     ASSERT_EQ(::close(fd_), 0);
     fd_ = -1;
     EXPECT_FALSE(reader.ended());
@@ -364,11 +344,11 @@ TEST_F(Client, CloseLeavesABlockedReadBlocked) {
     EXPECT_EQ(openDescriptors(), descriptors);
 }
 
-TEST_F(Client, AWriteWaitsUntilTheClientHasReadEverything) {
+TEST_F(Client, AWriteMayBlockUntilEverythingIsRead) {
     start(R"({"write": {"blocks_until_read": true},
         "requests": {"event_report": {"on": [2], "delay_ms": 100, "hang_up": true}}})");
     const auto waits = [this](int count) {
-        return device_.waitForTrace("write waits", count, patience);
+        return device_.waitForTrace("write waits", count, kPatienceMs);
     };
     const auto write = [this] { return send(kEventReport); };
     device_.deliverFrame({1});
@@ -376,7 +356,7 @@ TEST_F(Client, AWriteWaitsUntilTheClientHasReadEverything) {
     BlockedCall whole(write);
     ASSERT_TRUE(waits(1));
     EXPECT_EQ(readFrames().at(0), Bytes{1});
-    EXPECT_FALSE(device_.waitForTrace("event report request", 1, 0)) << "one stands unread";
+    EXPECT_FALSE(device_.waitForTrace("event report request", 1, 0)) << "one buffer is unread";
     EXPECT_EQ(readFrames().at(0), Bytes{2});
     EXPECT_EQ(whole.error(), 0);
     EXPECT_EQ(readFrames().at(0).at(0), 0x60);
@@ -390,7 +370,7 @@ TEST_F(Client, AWriteWaitsUntilTheClientHasReadEverything) {
     fcntl(fd_, F_SETFL, 0);
     EXPECT_EQ(readFrames().at(0), Bytes{3});
 
-    ASSERT_EQ(send(kEventReport), 0) << "the second request, after which the device goes";
+    ASSERT_EQ(send(kEventReport), 0) << "the second request; the device hangs up after it";
     device_.deliverFrame({4});
     BlockedCall gone(write);
     EXPECT_EQ(gone.error(), ENODEV);
@@ -405,11 +385,11 @@ TEST_F(Client, AWriteWaitsUntilTheClientHasReadEverything) {
     EXPECT_EQ(closed.error(), EBADF);
 }
 
-TEST_F(Client, AWriteReturnsWhenTheClientReadsOn) {
+TEST_F(Client, AWriteMayReturnAfterTheNextRead) {
     start(R"({"write": {"returns_after_read": true}})");
     const auto write = [this] { return send(kEventReport); };
     BlockedCall first(write);
-    ASSERT_TRUE(device_.waitForTrace("event report response", 1, patience));
+    ASSERT_TRUE(device_.waitForTrace("event report response", 1, kPatienceMs));
     EXPECT_FALSE(first.ended());
     EXPECT_EQ(readFrames().at(0).at(0), 0x60);
     EXPECT_FALSE(first.ended());
@@ -418,41 +398,8 @@ TEST_F(Client, AWriteReturnsWhenTheClientReadsOn) {
     EXPECT_EQ(first.error(), 0);
     EXPECT_EQ(reader.interrupt(), EINTR);
     BlockedCall interrupted(write);
-    ASSERT_TRUE(device_.waitForTrace("event report response", 2, patience));
+    ASSERT_TRUE(device_.waitForTrace("event report response", 2, kPatienceMs));
     EXPECT_EQ(interrupted.interrupt(), 0) << "the driver has taken it";
-}
-
-TEST_F(Client, ScenarioMistakesAreNamed) {
-    const auto message = [](const std::string& json) -> std::string {
-        try {
-            Scenario::parse(json, "f.json");
-        } catch (const ScenarioError& error) {
-            return error.what();
-        }
-        return "no error";
-    };
-    const std::pair<const char*, const char*> mistakes[] = {
-        {R"({"opne": {}})", "f.json: unknown key \"opne\" in the scenario (known: open, "},
-        {R"({"requests": {"start": {"dorp": true}}})",
-         "f.json: unknown key \"dorp\" in requests.start (known: on, drop, "},
-        {R"({"requests": {"any": [{}, {"drop": 1}]}})",
-         "f.json: requests.any[1].drop: expected true or false"},
-        {R"({"requests": {"any": {"split_at": 1}}})",
-         "f.json: in requests.any: split_at needs split"},
-        {R"({"open": {"errno": "EWHAT"}})",
-         "f.json: open.errno: unknown value \"EWHAT\" (known: EACCES, "},
-        {R"({"ranges": {"1": 18446744073709551615}})", "f.json: ranges.1: expected a whole number"},
-        {R"({"requests": {"any": [{"drop": true, "on": [1], "drop": false}]}})",
-         "f.json: duplicate key \"drop\" in requests.any[0]"},
-        {R"({"a\nb": 1})", R"(f.json: unknown key "a\nb" in)"},
-        {"\xEF\xBB\xBF{\n\t\"\xC3\xA4\": tru}", "f.json: not valid JSON, line 2, column 10"},
-        {"{\n", "f.json: not valid JSON, line 2, column 1"},
-        {"{} // that is all\nx", "f.json: not valid JSON, line 2, column 1: text behind the end"},
-    };
-    for (const auto& [json, expected] : mistakes) {
-        EXPECT_EQ(message(json).rfind(expected, 0), 0u) << json << " gives " << message(json);
-    }
-    EXPECT_THROW(Scenario::load("/nonexistent/f.json"), ScenarioError);
 }
 
 }  // namespace

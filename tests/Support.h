@@ -1,4 +1,4 @@
-// What the tests share that need no simulated device.
+// Helpers of tests that do not need the simulated device.
 #pragma once
 
 #include <pthread.h>
@@ -7,7 +7,8 @@
 
 #include "metric/MetricRegistry.h"
 
-// Of the threads that are made without one of their own from now on.
+// Sets the default stack size of threads created from now on, in bytes. False if the size is
+// invalid.
 inline bool setStackSize(size_t size) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -15,15 +16,15 @@ inline bool setStackSize(size_t size) {
     return pthread_setattr_default_np(&attributes) == 0;
 }
 
-// Of the thread that asks.
+// The calling thread's name.
 inline std::string threadName() {
     char name[16] = "";
     pthread_getname_np(pthread_self(), name, sizeof name);
     return name;
 }
 
-// The metrics of that name that an instance has registered: of each "category|description|value".
-// Not all are collected, because what collects one may wait.
+// "category|description|value" of each registered metric with this instance and name. Collects no
+// other metric, since collecting may block.
 inline std::string metric(const std::string& instance, const std::string& name) {
     struct Walk : tavrik::MetricRegistry::Visitor {
         bool visitMetric(tavrik::Metric* found) override {

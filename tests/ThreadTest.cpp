@@ -13,7 +13,7 @@
 #include "tests/SimSupport.h"
 #include "tests/Support.h"
 
-// What is granted depends on the machine; what counts is what was asked for.
+// The machine may refuse a priority. The tests check what was requested.
 static Collector<std::pair<int, int>> priorities;
 extern "C" int pthread_setschedparam(pthread_t, int policy,
                                      const sched_param* parameters) noexcept {
@@ -27,7 +27,7 @@ namespace {
 class ThreadTest : public testing::Test {
   protected:
     void SetUp() override {
-        // The first thread of a process may bring along one of a sanitizer's.
+        // A sanitizer may start a thread of its own with the process's first one.
         std::string first;
         std::thread([&] { first = "/proc/self/task/" + std::to_string(gettid()); }).join();
         ASSERT_TRUE(eventually([&] { return access(first.c_str(), F_OK) != 0; }));
@@ -38,7 +38,7 @@ class ThreadTest : public testing::Test {
     long threadsBefore = 0;
 };
 
-// Runs until it is told to end.
+// Runs until the test sets `finish`.
 struct Task : Runnable {
     explicit Task(std::atomic<int>* counter = nullptr) : deletions(counter) {}
     ~Task() override {
@@ -55,7 +55,7 @@ struct Task : Runnable {
     std::atomic<int>* const deletions;
 };
 
-// Lives as long as its test and counts its references.
+// Counts its references. The test owns it.
 struct Member : SelfDestructingResource {
     void reserve() override { ++references; }
     bool release() override { return --references == 0; }
@@ -64,7 +64,7 @@ struct Member : SelfDestructingResource {
 
 class XReferenceTest : public testing::Test, protected XReference::Visitor {
   protected:
-    // Ends the first walk at `a` and changes the set at the same place of the second one.
+    // Ends the first visit at `a`; removes `a` and adds `c` at the same point of the second visit.
     bool visitReference(SelfDestructingResource* resource) override {
         visited += "abc"[static_cast<Member*>(resource) - a];
         if (visited == "aa") set.remove(a), set.add(c);
@@ -83,7 +83,7 @@ using Counts = std::vector<int>;
 
 }  // namespace
 
-TEST_F(XReferenceTest, AMemberHoldsOneReferenceWhateverWasQueued) {
+TEST_F(XReferenceTest, AMemberHoldsOneReference) {
     for (Member* const member : {a, a, b})
         set.add(member);
     for (Member* const member : {b, b, c})
@@ -91,9 +91,9 @@ TEST_F(XReferenceTest, AMemberHoldsOneReferenceWhateverWasQueued) {
     EXPECT_EQ(references(), (Counts{1, 1, 1}));
     EXPECT_EQ(set.getSize(), 1u);
     EXPECT_EQ(references(), (Counts{1, 0, 0}));
-    set.add(a);  // a member already
+    set.add(a);
     set.remove(b);
-    set.add(b);  // none yet
+    set.add(b);
     EXPECT_EQ(references(), (Counts{2, 1, 0}));
     EXPECT_EQ(set.getSize(), 2u);
     EXPECT_EQ(references(), (Counts{1, 1, 0}));
@@ -102,11 +102,11 @@ TEST_F(XReferenceTest, AMemberHoldsOneReferenceWhateverWasQueued) {
     set.add(c);
     set.remove(c);
     set.clear();
-    EXPECT_EQ(references(), (Counts{1, 0, 1})) << "those of pending removals are kept";
+    EXPECT_EQ(references(), (Counts{1, 0, 1})) << "pending removals keep their references";
     EXPECT_EQ(set.getSize(), 0u);
 }
 
-TEST_F(XReferenceTest, WalksGoInOrderOverWhatWasThereAtTheirBegin) {
+TEST_F(XReferenceTest, AVisitSeesTheMembersAtItsStart) {
     for (Member* const member : {b, a})
         set.add(member);
     for (const std::string all : {"a", "aab", "aabbc"}) {
@@ -116,7 +116,7 @@ TEST_F(XReferenceTest, WalksGoInOrderOverWhatWasThereAtTheirBegin) {
     EXPECT_EQ(references(), (Counts{0, 1, 1}));
 }
 
-TEST_F(ThreadTest, AThreadHasItsNameRunsOnceAndDeletesItself) {
+TEST_F(ThreadTest, AThreadRunsOnceAndDeletesItself) {
     Task task;
     Thread* const thread = new Thread("thread with a long name", &task);
     Logger::getLogger("Thread")->setLevel(*LogLevel::valueOf("DEBUG"));
@@ -144,7 +144,7 @@ TEST_F(ThreadTest, AThreadHasItsNameRunsOnceAndDeletesItself) {
     ended->start();
     EXPECT_TRUE(allThreadsEnd());
     ended->setPriority(Thread::Priority(5));
-    EXPECT_TRUE(priorities.take().empty()) << "of a thread that is no more";
+    EXPECT_TRUE(priorities.take().empty()) << "the thread has ended";
     EXPECT_TRUE(ended->release());
 }
 
@@ -190,7 +190,7 @@ TEST_F(ThreadTest, EveryStopWaitsForTheTask) {
     group.close();
 }
 
-TEST_F(ThreadTest, AThreadThatCannotBeCreatedHoldsNobodyUp) {
+TEST_F(ThreadTest, AFailedThreadCreationBlocksNobody) {
     std::atomic<int> deleted{0};
     ThreadGroup group("Failing");
     // The stack would not fit into the address space.
@@ -209,10 +209,10 @@ TEST_F(ThreadTest, AThreadThatCannotBeCreatedHoldsNobodyUp) {
     worker->assign(new Task(&deleted), true);
     group.close();
     EXPECT_EQ(deleted, 2);
-    EXPECT_TRUE(worker->release()) << "the reference of the thread that never was is kept";
+    EXPECT_TRUE(worker->release()) << "a reference for the missing thread is left";
 }
 
-TEST_F(ThreadTest, AGroupGrowsOnDemandAndReusesTheWorkerThatReturnedLast) {
+TEST_F(ThreadTest, AGroupReusesTheLastReturnedWorker) {
     const auto expectMetrics = [](const std::string& busy, const std::string& count) {
         const std::string expected =
             "Thread Group|the number of thread group worker threads that are in use.|" + busy +
@@ -253,7 +253,7 @@ TEST_F(ThreadTest, AGroupGrowsOnDemandAndReusesTheWorkerThatReturnedLast) {
     EXPECT_EQ(metric("Pool", "Busy Count") + metric("Pool", "Worker Count"), "");
 }
 
-TEST_F(ThreadTest, AGroupThatGoesEndsWhatKeepsSpawningAndLeavesNothingBehind) {
+TEST_F(ThreadTest, ADestroyedGroupEndsRespawningTasks) {
     struct Chain : Runnable {
         void run() override {
             ++inside;

@@ -1,4 +1,4 @@
-// Time helpers. What is told of the boot stays for the life of a process: each test has its own.
+// Time helpers. A process computes the start time once: each test needs a process of its own.
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -22,17 +22,17 @@ std::string text(double t) {
     return out;
 }
 
-// Asks for the start time while it is told one.
-struct Curious : tavrik::LogAdapter {
+// Asks for the start time while a line about it is logged.
+struct AskingAdapter : tavrik::LogAdapter {
     int log(const tavrik::LogLevel&, const std::string&, const char*, bool) override {
-        told.push_back(getSystemStartTime());
+        answers.push_back(getSystemStartTime());
         return 0;
     }
     int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
         return 0;
     }
     int flush() override { return 0; }
-    std::vector<double> told;
+    std::vector<double> answers;
 };
 
 void expectOneFailure(const std::string& uptimeFile, const std::string& message) {
@@ -48,7 +48,7 @@ void expectOneFailure(const std::string& uptimeFile, const std::string& message)
 
 }  // namespace
 
-TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
+TEST(TimeTest, TheStartTimeIsComputedOnce) {
     tavrik::Logger::getLogger("Time")->setLevel(*tavrik::LogLevel::LVL_DEBUG);
     const double uptimeBefore = uptime();
     const double before = getNow();
@@ -75,23 +75,23 @@ TEST(TimeTest, TheBootTimeIsComputedOnceWithTheFakeOffsetOfThen) {
         EXPECT_EQ(occurrences(output, "[Time]: " + line), 1) << line;
 }
 
-TEST(TimeTest, AnAdapterMayAskForTheStartTimeThatItIsTold) {
-    Curious adapter;
+TEST(TimeTest, AnAdapterMayAskForTheStartTime) {
+    AskingAdapter adapter;
     tavrik::Logger::setLogAdapter(&adapter);
     const double start = getSystemStartTime();
     tavrik::Logger::setLogAdapter(nullptr);
-    EXPECT_EQ(adapter.told, std::vector<double>{start});
+    EXPECT_EQ(adapter.answers, std::vector<double>{start});
 }
 
-TEST(TimeTest, AMissingUptimeIsToldOnce) {
+TEST(TimeTest, AMissingUptimeIsLoggedOnce) {
     expectOneFailure("/nowhere", "Could not open /proc/uptime");
 }
 
-TEST(TimeTest, AnUptimeWithoutANumberIsToldOnce) {
+TEST(TimeTest, AnUnreadableUptimeIsLoggedOnce) {
     expectOneFailure("/proc/self/comm", "Could not parse /proc/uptime");
 }
 
-TEST(TimeTest, TextIsInUtcWithUnpaddedTruncatedMilliseconds) {
+TEST(TimeTest, TextHasUtcAndUnpaddedMilliseconds) {
     setenv("TZ", "XXX-9", 1);
     tzset();
     EXPECT_EQ(text(0.5), "01/01/70 00:00:00.500");

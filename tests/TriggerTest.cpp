@@ -16,11 +16,11 @@ namespace {
 using Texts = std::vector<std::string>;
 using Notes = Collector<std::string>;
 
-// Notes what it hears and its own end.
-class Ear : public Trigger::Listener, public SelfDestructingObject {
+// Records its callbacks and its own deletion.
+class Recorder : public Trigger::Listener, public SelfDestructingObject {
   public:
-    explicit Ear(Notes& destination) : notes(destination) {}
-    ~Ear() override { notes.put("gone"); }
+    explicit Recorder(Notes& destination) : notes(destination) {}
+    ~Recorder() override { notes.put("gone"); }
     void reserve() override { SelfDestructingObject::reserve(); }
     bool release() override { return SelfDestructingObject::release(); }
     void onTriggerEnabled(Trigger* trigger) override { note("enabled at ", trigger); }
@@ -29,7 +29,7 @@ class Ear : public Trigger::Listener, public SelfDestructingObject {
         note(std::to_string(trigger->getPreviousValue()) + " to ", trigger);
         if (trigger->getValue() == held) open.get_future().wait();
     }
-    std::atomic<int> held{-1000};  // the value at whose change it waits for `open`
+    std::atomic<int> held{-1000};  // at a change to this value it waits for `open`
     std::promise<void> open;
 
   private:
@@ -47,34 +47,34 @@ int number(const std::string& name) {
 class TriggerTest : public testing::Test {
   protected:
     void SetUp() override {
-        ear->reserve();
-        trigger->subscribe(ear);
+        listener->reserve();
+        trigger->subscribe(listener);
     }
     void TearDown() override {
         trigger.reset();
-        EXPECT_TRUE(ear->release()) << "the trigger has given its reference back";
+        EXPECT_TRUE(listener->release()) << "the trigger has given its reference back";
     }
-    // Enables the trigger and holds its drain at a value until the ear is opened.
+    // Enables the trigger and blocks its worker at a value until the listener is opened.
     void holdAt(int value) {
-        ear->held = value;
+        listener->held = value;
         trigger->setEnabled(true);
         trigger->setValue(value);
         notes.waitFor(2);
     }
-    // All that has been heard, once everything queued has been dealt with.
+    // Waits until the queue is empty; returns what the listener has recorded since the last call.
     Texts heard() {
         EXPECT_TRUE(eventually([&] { return number("Queue Size") == 0; }));
         return notes.take();
     }
 
     Notes notes;
-    Ear* const ear = new Ear(notes);
+    Recorder* const listener = new Recorder(notes);
     std::unique_ptr<Trigger> trigger = std::make_unique<Trigger>("tested");
 };
 
 }  // namespace
 
-TEST_F(TriggerTest, WhileDisabledValuesAreAppliedSilentlyAndAtOnce) {
+TEST_F(TriggerTest, ADisabledTriggerAppliesValuesSilently) {
     trigger->setValue(0);
     EXPECT_EQ(trigger->getSetCount(), 1);
     EXPECT_EQ(trigger->getChangeCount(), 0);
@@ -98,7 +98,7 @@ TEST_F(TriggerTest, WhileDisabledValuesAreAppliedSilentlyAndAtOnce) {
     EXPECT_GE(trigger->getDisabledTime(), trigger->getEnabledTime());
 }
 
-TEST_F(TriggerTest, ChangesOfTheRequestedValueAreHeardInOrderOnAWorker) {
+TEST_F(TriggerTest, ChangesReachListenersInOrder) {
     trigger->setEnabled(true);
     notes.take();
     for (const int value : {1, 2, 3, 3, 4, 3})
@@ -109,7 +109,7 @@ TEST_F(TriggerTest, ChangesOfTheRequestedValueAreHeardInOrderOnAWorker) {
     for (const int value : {9, 9})
         trigger->setValueQuietly(value);
     trigger->setValue(3);
-    EXPECT_EQ(heard(), Texts{}) << "the last requested value, whatever was applied quietly";
+    EXPECT_EQ(heard(), Texts{}) << "3 is still the last requested value";
     EXPECT_EQ(trigger->getValue(), 9);
     trigger->setValue(9);
     EXPECT_EQ(heard(), Texts{"Default Worker: 9 to 9"});
@@ -117,26 +117,27 @@ TEST_F(TriggerTest, ChangesOfTheRequestedValueAreHeardInOrderOnAWorker) {
     EXPECT_EQ(trigger->getSetCount(), 10);
 }
 
-TEST_F(TriggerTest, UnsubscribingIsAppliedByTheNotifier) {
+TEST_F(TriggerTest, TheNotifierAppliesUnsubscriptions) {
     Notes otherNotes;
-    trigger->subscribe(new Ear(otherNotes));
-    Ear* const other = new Ear(otherNotes);
+    trigger->subscribe(new Recorder(otherNotes));
+    Recorder* const other = new Recorder(otherNotes);
     trigger->subscribe(other);
     holdAt(1);
     trigger->unsubscribe(other);
     trigger->setValue(2);
-    ear->open.set_value();
+    listener->open.set_value();
     heard();
     const Texts all = otherNotes.take();
     EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 0 to 1"), 2);
     EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 1 to 2"), 1);
     EXPECT_EQ(std::count(all.begin(), all.end(), "gone"), 1);
-    EXPECT_EQ(trigger->getChangeCount(), 2) << "a maintenance entry is no change";
+    EXPECT_EQ(trigger->getChangeCount(), 2) << "unsubscribing is no change";
     trigger.reset();
     EXPECT_EQ(otherNotes.take(), Texts{"gone"});
 }
 
-// Either the enabling comes second, then its listeners find the value, or the value is heard of.
+// If the trigger is enabled after the value is set, listeners see the value at the enabling;
+// otherwise they get a change.
 TEST_F(TriggerTest, NoValueIsLostBetweenSettingAndEnabling) {
     for (int value = 1; value <= 2000; ++value) {
         std::thread setter([&] { trigger->setValue(value); });
@@ -148,12 +149,12 @@ TEST_F(TriggerTest, NoValueIsLostBetweenSettingAndEnabling) {
     }
 }
 
-TEST_F(TriggerTest, MetricsTellWhatHappens) {
+TEST_F(TriggerTest, MetricsCountChanges) {
     holdAt(1);
     for (const int value : {2, 3, 4, 4})
         trigger->setValue(value);
     EXPECT_EQ(number("Queue Size"), 4);
-    ear->open.set_value();
+    listener->open.set_value();
     heard();
     const std::pair<const char*, const char*> expected[] = {
         {"Queue Size", "Trigger|the size of the queue that manages pending changes.|0"},
@@ -167,14 +168,15 @@ TEST_F(TriggerTest, MetricsTellWhatHappens) {
     for (int value = 101; value <= 200; ++value)
         trigger->setValue(value);
     trigger.reset();
-    EXPECT_EQ(notes.take().size(), 100u) << "a trigger that goes delivers first";
+    EXPECT_EQ(notes.take().size(), 100u) << "the destructor delivers what is queued";
     for (const auto& each : expected)
         EXPECT_EQ(metric("tested", each.first), "");
 }
 
-// Half of the threads set values of their own, half of them the same few, where a value that is
-// queued elsewhere than requested shows as two equal ones in a row, or as a wrong last one.
-TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplication) {
+// Four threads set values of their own. Four set the same few values: if the order of queueing
+// differed from the order of requests, two equal values would follow each other, or the last value
+// would be wrong.
+TEST_F(TriggerTest, ConcurrentSettersKeepTheOrderOfValues) {
     struct Log : Trigger::Listener {
         void reserve() override {}
         bool release() override { return false; }
@@ -184,7 +186,7 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
         }
         std::vector<int> values{0};
     } log;
-    constexpr int count = sanitized ? 1000 : 10000;
+    constexpr int count = kSanitized ? 1000 : 10000;
     trigger->subscribe(&log);
     trigger->setEnabled(true);
     std::vector<std::thread> setters;
@@ -196,7 +198,7 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
     for (std::thread& setter : setters)
         setter.join();
     const Texts all = heard();
-    EXPECT_EQ(all.size(), log.values.size()) << "whose first is the enabling";
+    EXPECT_EQ(all.size(), log.values.size()) << "the first text is the enabling";
     EXPECT_EQ(std::adjacent_find(log.values.begin(), log.values.end()), log.values.end());
     EXPECT_EQ(log.values.back(), trigger->getRequestedValue());
     std::map<int, int> last;
@@ -213,8 +215,8 @@ TEST_F(TriggerTest, EveryAppliedValueReachesEveryListenerInTheOrderOfItsApplicat
     trigger.reset();  // before its listeners
 }
 
-TEST(TaskQueueTest, ProducersWaitForRoomUntilCloseLetsThemGo) {
-    // Holds its drain at the first entry until told to go on.
+TEST(TaskQueueTest, ProducersWaitForRoomUntilClose) {
+    // Blocks its drain at the first entry until `goOn` is set.
     struct Entries : TaskQueue<int> {
         explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
         ~Entries() override { close(); }
@@ -253,7 +255,7 @@ TEST(TaskQueueTest, ProducersWaitForRoomUntilCloseLetsThemGo) {
     }
 }
 
-TEST(TaskQueueTest, ADrainThatGotNoThreadIsTriedAgain) {
+TEST(TaskQueueTest, AFailedDrainIsRetried) {
     struct Entries : TaskQueue<int> {
         explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
         ~Entries() override { close(); }

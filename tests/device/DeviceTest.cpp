@@ -1,6 +1,6 @@
 // What only a true character device can show: run as root on a machine where diagsimd serves
-// /dev/diag, knows processors 1 and 3, sends `longest` bytes behind its masks, and lets writes wait
-// for reads.
+// /dev/diag, knows processors 1 and 3, sends `kLongestMessage` bytes behind its masks, and lets
+// writes wait for reads.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr size_t longest = 100000;
+constexpr size_t kLongestMessage = 100000;
 
 // The node without the client library around it, at first with the masks unread.
 class Node : public ::testing::Test {
@@ -35,7 +35,7 @@ class Node : public ::testing::Test {
 TEST_F(Node, GivesEachMessageWithOneRead) {
     for (const ssize_t mask : {12, 16, 8})
         EXPECT_EQ(readMessage(), mask);
-    EXPECT_EQ(readMessage(), static_cast<ssize_t>(longest));
+    EXPECT_EQ(readMessage(), static_cast<ssize_t>(kLongestMessage));
     EXPECT_EQ(open("/dev/diag", O_RDWR), -1);
     EXPECT_EQ(errno, EBUSY);
 }

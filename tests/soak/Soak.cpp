@@ -24,9 +24,9 @@ using tavrik::DIAG;
 
 namespace {
 
-constexpr int coreClock = -2;
-constexpr int events = 4;  // the ADSP has no room for more
-constexpr unsigned short otherLogCode = 0x1644;
+constexpr int kCoreClock = -2;
+constexpr int kEvents = 4;  // the ADSP has no room for more
+constexpr unsigned short kOtherLogCode = 0x1644;
 
 class CountingListener : public ADSPPM::Listener {
   public:
@@ -71,18 +71,18 @@ void cycle(bool crowded) {
     DIAG& diag = *DIAG::instance();
     CountingListener listener;
     IgnoringListener other;
-    const int last = crowded ? events : 0;
-    expect(add(listener, coreClock), "registration");
+    const int last = crowded ? kEvents : 0;
+    expect(add(listener, kCoreClock), "registration");
     for (int event = 1; event <= last; ++event)
         expect(add(listener, event), "registration of an event");
-    if (crowded) expect(diag.registerLogListener(otherLogCode, &other), "second client");
+    if (crowded) expect(diag.registerLogListener(kOtherLogCode, &other), "second client");
     expect(adsppm.startMetricCollection(), "start");
     expect(listener.waitFor(10), "values");
     expect(adsppm.stopMetricCollection(), "stop");
-    if (crowded) expect(diag.unregisterLogListener(otherLogCode, &other), "second client's end");
+    if (crowded) expect(diag.unregisterLogListener(kOtherLogCode, &other), "second client's end");
     for (int event = 1; event <= last; ++event)
         adsppm.unregisterListener(&listener, event);
-    adsppm.unregisterListener(&listener, coreClock);
+    adsppm.unregisterListener(&listener, kCoreClock);
     expect(!Device::instance().isOpen(), "end of the session");
 }
 
