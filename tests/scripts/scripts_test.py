@@ -1,5 +1,4 @@
-"""Runs script/ in a copy of the tree, with a cmake that copies what was built before and an apt-get that
-installs nothing.
+"""Runs the scripts in a copy of the tree. cmake copies the existing build; apt-get installs nothing.
 
 usage, in tests/: python3 -m scripts.scripts_test CHECKER LIBDIAGSIM [unittest arguments]
 """
@@ -13,14 +12,11 @@ import sys
 import tempfile
 import unittest
 
-from e2e.expected import fault_case
-from soak.soak import exchanges, overdue
-
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CHECKER, LIBRARY = map(os.path.abspath, sys.argv[1:3])
 SECONDS = 60  # for one test
 
-# Each notes its call in `calls`. What they wait for is a FIFO.
+# Each appends its command line to the file `calls`. They wait on FIFOs.
 FAKES = {
     "cmake": r"""
 cache=build/release/CMakeCache.txt home="CMAKE_HOME_DIRECTORY:INTERNAL=$PWD"
@@ -166,22 +162,6 @@ class Scripts(unittest.TestCase):
             shown += os.read(terminal, 4096)
         (self.tree / "go").write_text("go\n")
         self.assertEqual(process.wait(), 0)
-
-    def test_a_late_answer_is_told_from_the_trace(self):
-        def late(kind, fault, answer):
-            trace = self.tree / "trace"
-            trace.write_text("   100.000 ms  host    stop request, 1 bytes: 00 => 0\n" + answer +
-                             "   360.000 ms  host    log mask clear request (equipment 1), 1 bytes: 00 => 0\n"
-                             "   360.100 ms  adsp    log mask clear response (accepted), 1 bytes: 00\n")
-            return overdue(fault_case("stop", kind, fault), list(exchanges(trace)))
-        in_time, too_late = (f"   {ms}.000 ms  adsp    stop response (accepted), 1 bytes: 00\n"
-                             for ms in (240, 351))
-        for case in (("fine", {}, ""), ("fine", {"delay_ms": 100}, too_late),
-                     ("refused", {"refuse": True}, too_late)):
-            self.assertTrue(late(*case), case)
-        for case in (("fine", {}, in_time), ("late", {"delay_ms": 400}, too_late),
-                     ("silent", {"drop": True}, "")):
-            self.assertFalse(late(*case), case)
 
 
 if __name__ == "__main__":

@@ -1,11 +1,10 @@
-"""What script/soak runs, and says."""
+"""The runs and the report of script/soak."""
 import argparse
 import collections
 import concurrent.futures
 import contextlib
 import json
 import math
-import operator
 import os
 import random
 import re
@@ -24,107 +23,35 @@ from e2e.preload import preload
 BUILD = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build", "release")
 CHECKER = os.path.join(BUILD, "app", "adsppm-check")
 LIBRARY = os.path.join(BUILD, "sim", "libdiagsim.so")
-GRACE = 20  # seconds beyond what a run may take, until it counts as one that hangs
-LOOK = 0.05  # seconds between two looks at a checker
-WARM_UP = 60  # seconds, without a say in what is level
-ENOUGH = 20  # samples for a statement
+GRACE = 20  # seconds beyond a run's time-outs before it counts as hanging
+WARM_UP = 60  # seconds before samples of the cycles count
+ENOUGH = 20  # samples that allow a statement about growth
 TOLERANCE = 256  # kilobytes of resident memory
 BUSY = 5  # percent of the time in which a task waits for a processor
-OVERDUE = 0.9 * WAIT  # milliseconds; the rest is for the checker to take its answer
+OVERDUE = 0.9 * WAIT  # milliseconds; the checker needs the rest to take its response
 MOST_DOUBTFUL = 0.02  # of the runs
 
 stop = threading.Event()
 
-
-class Usage(collections.namedtuple("Usage", "memory descriptors threads")):
-    def __str__(self):
-        return f"{self.memory:,} kB, {self.descriptors} descriptors, {self.threads} threads"
-
-    def or_more(self, other):
-        return Usage(*map(max, self, other))
-
-    def excessive(self):
-        return any(map(operator.gt, self, ALLOWED))
+Usage = collections.namedtuple("Usage", "memory descriptors threads")
+Exchange = collections.namedtuple("Exchange", "request answered went_on")
 
 
-NOTHING = Usage(0, 0, 0)
-# Of a checker: twice the memory that it takes; the standard streams, the trace, three of the device and
-# its client, and a file that the C library reads; its own thread, the reader and the device's.
-ALLOWED = Usage(6144, 8, 3)
-
-
-def usage(pid, memory):
-    """What a process uses, VmRSS or VmHWM (the most so far) of memory; NOTHING when it has ended."""
+def usage(pid):
+    """Resident kilobytes, descriptors and threads of a process."""
     try:
         with open(f"/proc/{pid}/status") as file:
             status = dict(line.split(":", 1) for line in file)
-        return Usage(int(status[memory].split()[0]), len(os.listdir(f"/proc/{pid}/fd")),
-                     int(status["Threads"]))
+        return Usage(int(status["VmRSS"].split()[0]), len(os.listdir(f"/proc/{pid}/fd")), int(status["Threads"]))
     except (OSError, KeyError):
-        return NOTHING
-
-
-def start(program, **options):
-    # In a session of its own, where the terminal's Ctrl-C does not reach it.
-    return subprocess.Popen(program, stdout=subprocess.PIPE, start_new_session=True, **options)
-
-
-def watch(process, seconds):
-    """Its output, errors, and what it used at most; ends a process that takes longer."""
-    # Not the kernel's own account of its peak, which includes what was forked for it.
-    used, end = NOTHING, time.monotonic() + seconds
-    while True:
-        try:
-            return *process.communicate(timeout=LOOK), used
-        except subprocess.TimeoutExpired:
-            used = used.or_more(usage(process.pid, "VmHWM"))
-            if time.monotonic() > end:
-                process.kill()
-
-
-class Run:
-    """One run of the checker."""
-
-    def __init__(self, case, preloaded):
-        library, home = preloaded
-        with tempfile.TemporaryDirectory() as folder:
-            trace = os.path.join(folder, "trace")
-            environment = {**os.environ, "LD_PRELOAD": library, "DIAGSIM_TRACE": trace,
-                           "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder)}
-            begin = time.monotonic()
-            process = start(CHECKER, env=environment, cwd=home, stdin=subprocess.DEVNULL,
-                            stderr=subprocess.PIPE, text=True, errors="replace")
-            output, errors, self.used = watch(process, case.milliseconds / 1000 + GRACE)
-            self.outcome = Outcome(process.returncode, output, errors,
-                                   (time.monotonic() - begin) * 1000, trace)
-            self.exchanges = list(exchanges(trace))
-        self.case, self.mistake = case, None
-        try:
-            case.check(self.outcome)
-            assert not self.used.excessive(), f"it used {self.used}; allowed {ALLOWED}"
-        except AssertionError as error:
-            self.mistake = str(error)
-
-    def may_be_excused(self):
-        return self.outcome.status in (0, 1) and not self.used.excessive()
-
-    def late(self):
-        """Whether the device was late by its own trace, so that a time-out was due."""
-        return self.may_be_excused() and overdue(self.case, self.exchanges)
-
-    def timed_out(self):
-        # A stop that is not acknowledged leaves no log line.
-        return self.may_be_excused() and (
-            re.search("timeout|Diag_LSM_Init failed", self.outcome.output) or
-            any(one.request == "stop" and one.went_on >= OVERDUE for one in self.exchanges))
-
-
-class Exchange(collections.namedtuple("Exchange", "request answered went_on")):
-    """A request, and the milliseconds until its answer, and until the client's next action."""
+        return Usage(0, 0, 0)
 
 
 def exchanges(trace):
-    """The requests of a trace file that were sent; what never came took for ever."""
+    """The requests sent, each with the milliseconds to its response and to the client's next action.
+
+    A time is infinite if nothing came.
+    """
     lines = []
     if os.path.exists(trace):
         with open(trace) as file:
@@ -140,7 +67,7 @@ def exchanges(trace):
 
 
 def overdue(case, found):
-    """Whether an answer that the scenario gives in time came too late, or not at all."""
+    """Whether the device delivered a response late that the scenario does not delay."""
     requests = case.scenario.get("requests", {}) if isinstance(case.scenario, dict) else {}
     delayed = {name.rstrip("s") for name, fault in requests.items() if "delay_ms" in fault}
     all_answered = case.status == 0 and not case.messages
@@ -148,6 +75,44 @@ def overdue(case, found):
                    all_answered or one.answered < math.inf and
                    one.request.replace(" ", "_").rstrip("s") not in delayed)
                for one in found)
+
+
+class Run:
+    """One run of the checker."""
+
+    def __init__(self, case, preloaded):
+        library, home = preloaded
+        with tempfile.TemporaryDirectory() as folder:
+            trace = os.path.join(folder, "trace")
+            environment = {**os.environ, "LD_PRELOAD": library, "DIAGSIM_TRACE": trace,
+                           "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder)}
+            begin = time.monotonic()
+            # A session of its own keeps the terminal's Ctrl-C away.
+            process = subprocess.Popen(CHECKER, env=environment, cwd=home, stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                       errors="replace", start_new_session=True)
+            try:
+                output, errors = process.communicate(timeout=case.milliseconds / 1000 + GRACE)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                output, errors = process.communicate()
+            self.outcome = Outcome(process.returncode, output, errors,
+                                   (time.monotonic() - begin) * 1000, trace)
+            self.exchanges = list(exchanges(trace))
+        self.case, self.mistake = case, None
+        try:
+            case.check(self.outcome)
+        except AssertionError as error:
+            self.mistake = str(error)
+
+    def late(self):
+        return self.outcome.status in (0, 1) and overdue(self.case, self.exchanges)
+
+    def timed_out(self):
+        # A stop without a response leaves no log line.
+        return self.outcome.status in (0, 1) and (
+            re.search("timeout|Diag_LSM_Init failed", self.outcome.output) or
+            any(one.request == "stop" and one.went_on >= OVERDUE for one in self.exchanges))
 
 
 def processors_are_short():
@@ -160,17 +125,16 @@ def processors_are_short():
 
 
 class Checkers:
-    """Runs of the checker, two at a time, of the cases that `choose` gives until it gives None.
+    """Runs the checker, two at a time, with the cases that `choose` returns until it returns None.
 
-    `excused` gets the case of each run that says nothing about the checker.
+    Passes the case of each run that is no evidence to `excused`.
     """
 
-    preloaded = None  # what preload() gives, for all
+    preloaded = None  # the result of preload()
 
     def __init__(self, choose, excused):
         self.choose, self.excused, self.lock = choose, excused, threading.Lock()
         self.runs = self.exits_of_0 = self.wrong = self.late = self.doubtful = 0
-        self.used = NOTHING  # at most, since it was last told
         pool = concurrent.futures.ThreadPoolExecutor(2)
         self.slots = [pool.submit(self.work) for _ in range(2)]
 
@@ -185,8 +149,8 @@ class Checkers:
                 self.count(run)
 
     def excuse(self, run):
-        """Whether the run says nothing about the checker."""
-        late = run.late() and self.late < self.runs + 10  # on a hopeless machine there is an end
+        """Whether the machine, not the checker, caused the mistake."""
+        late = run.late() and self.late < self.runs + 10  # the soak must end on a hopeless machine
         doubtful = not late and run.timed_out() and processors_are_short() and not all(
             Run(run.case, self.preloaded).mistake for _ in range(2))
         with self.lock:
@@ -202,7 +166,6 @@ class Checkers:
             self.runs += 1
             self.exits_of_0 += run.outcome.status == 0
             self.wrong += run.mistake is not None
-            self.used = self.used.or_more(run.used)
             if run.mistake:
                 self.show(run, f"run {self.runs}")
 
@@ -222,16 +185,16 @@ class Checkers:
 
 
 class Cycles:
-    """The process that starts and stops collection all the while, with scenarios that succeed."""
+    """A process that starts and stops collection all the time, with scenarios that succeed."""
 
     def __init__(self, chance, cases):
-        self.chance, self.count, self.failed = chance, 0, False
+        self.chance, self.count, self.failed, self.samples = chance, 0, False, []
         self.scenarios = [case.scenario for case in cases
                           if case.status == 0 and not case.messages and case.scenario != "soak.json"
-                          and not {"adsp", "ranges"} & case.scenario.keys()]  # there are values then
-        self.samples = []  # (seconds, Usage)
-        self.process = start(os.path.join(BUILD, "tests", "soak", "Soak"), stdin=subprocess.PIPE,
-                             stderr=subprocess.STDOUT)
+                          and not {"adsp", "ranges"} & case.scenario.keys()]  # these give values
+        self.process = subprocess.Popen(os.path.join(BUILD, "tests", "soak", "Soak"),
+                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, start_new_session=True)
         self.work = concurrent.futures.ThreadPoolExecutor(1).submit(self.run)
 
     def run(self):
@@ -243,9 +206,9 @@ class Cycles:
                         "remote_mask": self.chance.choice([0, 7])})
             elapsed = time.monotonic() - begin
             if elapsed >= len(self.samples):
-                # A thread that ended may stay listed for a moment.
-                used = [usage(self.process.pid, "VmRSS") for _ in range(5)]
-                self.samples.append((elapsed, min(used, key=lambda one: one.threads)))
+                # A joined thread may stay listed for a moment.
+                used = min((usage(self.process.pid) for _ in range(5)), key=lambda one: one.threads)
+                self.samples.append((elapsed, used))
         try:
             self.process.communicate(timeout=GRACE)
         except subprocess.TimeoutExpired:
@@ -253,7 +216,7 @@ class Cycles:
         self.failed = self.failed or self.process.wait() != 0
 
     def cycle(self, scenario):
-        with contextlib.suppress(BrokenPipeError):  # there is no answer either
+        with contextlib.suppress(BrokenPipeError):  # the missing answer is the failure
             self.process.stdin.write(json.dumps(scenario).encode() + b"\n")
             self.process.stdin.flush()
         output, part, pipe = b"", b"?", self.process.stdout.fileno()
@@ -283,24 +246,15 @@ class Cycles:
         return level, text
 
 
-def tell(checkers, cycles, begin):
-    with checkers.lock:
-        most, checkers.used = checkers.used, NOTHING
-    now = cycles.samples[-1][1] if cycles.samples else NOTHING
-    print(f"{(time.monotonic() - begin) / 60:6.1f} min: {checkers.runs:,} runs, {checkers.counts()}, "
-          f"at most {most}; {cycles.count:,} cycles, now {now}", flush=True)
-
-
 def soak_for(seconds, seed):
     print(f"seed {seed}", flush=True)
     cases, chance, begin = fault_cases() + driver_cases(), random.Random(seed), time.monotonic()
     cycles = Cycles(random.Random(seed), cases)
     checkers = Checkers(lambda: None if stop.is_set() else chance.choice(cases), lambda case: None)
     while not stop.is_set() and time.monotonic() < begin + seconds:
-        if not stop.wait(min(60, max(0, begin + seconds - time.monotonic()))):
-            tell(checkers, cycles, begin)
-    if stop.is_set():
-        tell(checkers, cycles, begin)
+        stop.wait(min(60, max(0, begin + seconds - time.monotonic())))
+        print(f"{(time.monotonic() - begin) / 60:6.1f} min: {checkers.runs:,} runs, {checkers.counts()}; "
+              f"{cycles.count:,} cycles", flush=True)
     stop.set()
     checkers.join()
     cycles.work.result()
