@@ -215,6 +215,10 @@ TEST(JsonTest, ANodeMayBeSetFromItsOwnContents) {
     node.copy(node);
     node.setString(*node.getKeyAtIndex(0));
     EXPECT_EQ(*node.stringValue(), text);
+    node.reset();
+    EXPECT_EQ(node.getType(), JSONData::kNone);
+    node.setString(text);
+    EXPECT_EQ(*node.stringValue(), text);
 }
 
 TEST(JsonTest, FailuresPrintOneLineAndReturnTheErrorHandle) {
