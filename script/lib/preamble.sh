@@ -9,7 +9,7 @@
 set -euo pipefail
 unset CDPATH
 
-# Else the next file that is opened would take the place of the stream.
+# Otherwise the next file opened would become the stream.
 [ -e /proc/self/fd/0 ] || exec </dev/null
 [ -e /proc/self/fd/1 ] || exec >/dev/null
 [ -e /proc/self/fd/2 ] || exec 2>/dev/null
@@ -33,7 +33,7 @@ tidy_up() {
     [ -z "$scratch" ] || rm -rf "$scratch"
 }
 trap tidy_up EXIT
-# A child may end on Ctrl-C without a signal, as ninja and apt-get do; the script would go on then.
+# ninja and apt-get exit normally on Ctrl-C. Without the trap the script would go on.
 trap 'exit 130' INT
 
 make_scratch() {
@@ -76,7 +76,7 @@ take_options() {
     done
 }
 
-# Shows the last line of the log on the terminal, from the third second on.
+# Shows the last line of the log on the terminal after two seconds.
 show_progress() {
     local line
     sleep 2 >/dev/null 2>&1
@@ -87,7 +87,7 @@ show_progress() {
     done
 }
 
-# logged COMMAND...: runs it with its output in $scratch/log, and shows progress on a terminal. Needs
+# logged COMMAND...: runs a command with its output in $scratch/log. Shows progress on a terminal. Needs
 # make_scratch.
 logged() {
     local status=0
@@ -96,7 +96,7 @@ logged() {
         show_progress &
         progress=$!
     fi
-    # Not in this shell: its trap would write the end of the progress to the log.
+    # A subshell, because this shell's trap would write the end of the progress to the log.
     ("$@") >"$scratch/log" 2>&1 || status=$?
     end_progress
     return "$status"

@@ -1,6 +1,6 @@
-// What only a true character device can show: run as root on a machine where diagsimd serves
-// /dev/diag, knows processors 1 and 3, sends `kLongestMessage` bytes behind its masks, and lets
-// writes wait for reads.
+// Tests that need a true character device. Run as root where diagsimd serves /dev/diag with
+// processors 1 and 3, sends kLongestMessage bytes after its masks, and blocks writes until the
+// client has read.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -20,7 +20,7 @@ namespace {
 
 constexpr size_t kLongestMessage = 100000;
 
-// The node without the client library around it, at first with the masks unread.
+// Uses the node without the client library. The masks are unread at first.
 class Node : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_GE(node = open("/dev/diag", O_RDWR | O_CLOEXEC), 0); }
@@ -40,7 +40,7 @@ TEST_F(Node, GivesEachMessageWithOneRead) {
     EXPECT_EQ(errno, EBUSY);
 }
 
-// The errno of a call that blocks on a thread of its own until signals end it.
+// Makes a blocking call on a thread of its own, ends it by signals and returns its errno.
 template <typename Call>
 int interrupted(Call call) {
     struct sigaction action {};
@@ -52,7 +52,7 @@ int interrupted(Call call) {
         error = call() < 0 ? errno : 0;
         ended = true;
     });
-    // A signal in front of the call is lost, so one is not enough.
+    // A signal that arrives before the call is lost, so one is not enough.
     while (!ended) {
         pthread_kill(caller.native_handle(), SIGUSR2);
         poll(nullptr, 0, 1);

@@ -1,5 +1,5 @@
-"""What script/test-device shows: the checker's runs on the emulated device, each compared with one of
-the host's checker against the preloaded library.
+"""Compares the checker's runs on the emulated device with those of the host's checker against the
+preloaded library, for script/test-device.
 
 usage, in tests/: python3 -m device.device scenarios ROOT
                   python3 -m device.device judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM
@@ -19,9 +19,9 @@ from e2e.preload import preload
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 with open(os.path.join(HERE, "scenarios.json")) as file:
-    SCENARIOS = json.load(file)  # the exit status that is due, and how the device behaves
+    SCENARIOS = json.load(file)  # the expected exit status and the device's scenario
 
-# Data that no client understands, as long as the longest message.
+# A message of unknown type and maximum length.
 DEVICE = {"remote_mask": 5, "at_open": ["4D000000" + "00" * (100000 - 4)],
           "write": {"blocks_until_read": True}}
 
@@ -37,8 +37,8 @@ class Outcome:
         self.lines.append(re.sub(r"^\w{3} \d\d [\d:.]+ ", "", line))
 
     def take_trace(self, line):
-        # The loopback's answer holds the time.
-        message = line.split("ms  ", 1)[-1].replace("|O_CLOEXEC", "")  # which the device's kernel keeps to itself
+        # The kernel does not pass O_CLOEXEC on. The loopback response contains the time.
+        message = line.split("ms  ", 1)[-1].replace("|O_CLOEXEC", "")
         self.trace.append(re.sub(r"(4B 12 2A 00)( [0-9A-F]{2}){8}$", r"\1 (time)", message))
 
 
@@ -76,12 +76,12 @@ def write_scenarios(root):
 
 
 class Console:
-    """What the guest's init wrote, sorted."""
+    """The output of the guest's init, by section."""
 
     def __init__(self, lines):
         self.runs, self.unit_tests, self.memory, self.trouble = {}, [], None, []
         run = None
-        take = str  # what the kernel says before
+        take = str  # ignores the kernel's lines
         for line in lines:
             word = line.split()[1] if line.startswith("@@ ") else None
             if word == "run":
@@ -171,7 +171,7 @@ def main(console, guest_checker, checker, library):
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
         hosts = dict(zip(cases, pool.map(run, cases.values())))
     for name, case in cases.items():
-        # Time is real here: a run that failed because this machine was busy is tried again alone.
+        # Time is real here: on a busy machine a run may fail. Repeat it alone.
         if hosts[name].status != case["status"]:
             hosts[name] = run(case)
     results = judge(Console(lines), hosts, os.path.getsize(guest_checker))

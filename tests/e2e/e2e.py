@@ -3,8 +3,8 @@
 
 usage: e2e.py CHECKER LIBDIAGSIM [unittest arguments]
 
-E2E_MARGIN_MS says how much longer than its time-outs a run may take (default 100). E2E_EMULATOR is
-the command, words divided by blanks, that runs a checker of another machine (qemu-arm and options).
+E2E_MARGIN_MS is the time that a run may take beyond its time-outs (default 100). E2E_EMULATOR is the
+command that runs a checker of another machine: qemu-arm and its options, separated by blanks.
 """
 import concurrent.futures
 import os
@@ -35,13 +35,13 @@ class Run(Outcome):
             trace = os.path.join(folder, "trace")
             environment = {key: value for key, value in os.environ.items()
                            if not key.startswith("DIAGSIM")}
-            # A connection that failed leaves the reader behind, on purpose.
+            # A failed connection leaves the reader running on purpose.
             environment["TSAN_OPTIONS"] = "report_thread_leaks=0"
             command = [*EMULATOR, program]
             if preload:
                 environment["DIAGSIM_TRACE"] = trace
                 environment["DIAGSIM_SCENARIO"] = scenario_file(scenario or {}, folder)
-                if EMULATOR:  # for the checker, not for the emulator
+                if EMULATOR:  # preload into the checker, not into the emulator
                     command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, program]
                 else:
                     environment["LD_PRELOAD"] = PRELOAD
@@ -62,7 +62,7 @@ class Checker(unittest.TestCase):
         self.assertEqual(run.status, status, run)
 
     def run_within(self, milliseconds, scenario, preload=True):
-        """A run that took too long is tried again alone: this machine may have been busy."""
+        """A run. Repeats one that took too long alone, since this machine may have been busy."""
         run = Run(scenario, preload)
         for _ in range(2):
             if run.milliseconds <= milliseconds:
@@ -73,7 +73,7 @@ class Checker(unittest.TestCase):
         return run
 
     def each(self, cases, check):
-        """Runs check(case) for all, some at a time, each as a subtest."""
+        """Runs check(case) for all cases, four at a time, each as a subtest."""
         def caught(case):
             try:
                 check(case)
@@ -90,7 +90,7 @@ class Checker(unittest.TestCase):
         run = Run("quiet.json")
         self.check(run, 0, [])
         self.assertEqual(run.output, "")
-        # The loopback's answer holds the time.
+        # The loopback response contains the time.
         found = [re.sub(r"(4B 12 2A 00)( [0-9A-F]{2}){8}$", r"\1 (time)", line) for line in run.trace]
         with open(os.path.join(HERE, "good.trace")) as lines:
             self.assertEqual(found, lines.read().splitlines())

@@ -1,4 +1,4 @@
-"""What a run of the checker must come to, scenario by scenario: exit status, log lines, time."""
+"""The expected exit status, log lines and time of the checker for each scenario."""
 import collections
 import json
 import os
@@ -25,7 +25,7 @@ FAILED_INIT = ["DIAG::connect() => false [Diag_LSM_Init failed]", *NEVER_CONNECT
 
 
 def expectation(request, kind):
-    """Exit status, messages and number of full time-outs, when this goes wrong with this request."""
+    """Exit status, messages and number of full time-outs if this request has this kind of fault."""
     if kind == "fine":
         return 0, [], 0
     if request in SETUP:
@@ -35,7 +35,7 @@ def expectation(request, kind):
         return 1, [f"{SETUP[request]} {text}", *NEVER_CONNECTED], kind in ("silent", "late")
     text = "send failed" if kind == "unsent" else "timeout"
     mask = ["loggingCfgSetReq send failed"] if kind == "unsent" else [MASK_TIMEOUT]
-    # What is never answered stays in front of everything behind it.
+    # A request without a response blocks all requests behind it.
     blocked = kind == "silent"
     if request == "loopback":
         rest = [MASK_TIMEOUT, CONFIG + "timeout", MASK_TIMEOUT] if blocked else []
@@ -52,7 +52,7 @@ def expectation(request, kind):
 
 
 class Outcome:
-    """What one run of the checker came to."""
+    """The result of one run of the checker."""
 
     def __init__(self, status, output, errors, milliseconds, trace):
         self.status, self.output, self.errors = status, output, errors
@@ -80,11 +80,11 @@ class Outcome:
 
 
 class Case(collections.namedtuple("Case", "scenario status messages milliseconds")):
-    """A scenario, and what its run comes to. A status of None: 0 or 1, with whatever messages."""
+    """A scenario and its expected result. A status of None allows 0 and 1 with any messages."""
 
     def check(self, run):
         assert run.errors == "", "errors"
-        assert run.status == 1 or run.acknowledged(), "a success that there was not"
+        assert run.status == 1 or run.acknowledged(), "exit status 0 without acknowledgement"
         if self.status is None:
             assert run.status in (0, 1), f"status {run.status}"
             return
@@ -114,17 +114,17 @@ def fault_cases():
 def fault_case(request, kind, fault):
     scenario = {"requests": {request: fault}}
     if kind == "unpredictable":
-        # A stray frame answers whatever request is in front, so nearly anything may be refused; but
-        # nothing hangs, and no success is reported that there was not.
+        # A stray frame answers the oldest request, so nearly any request may be refused. But nothing
+        # hangs, and the checker reports no success without acknowledgement.
         return Case(scenario, None, None, 6 * WAIT + PAUSE)
     status, messages, waits = expectation(request, kind)
-    # Whether a mask was set has no bearing on the time; whether there was a pause has.
+    # Every run has the pause; a delay counts only if the run waits for it.
     extra = fault.get("delay_ms", 0) if kind == "fine" else 0
     return Case(scenario, status, messages, waits * WAIT + extra + PAUSE)
 
 
 def driver_cases():
-    """What the driver and the stream do, beside the requests."""
+    """Faults of the driver and the stream, apart from requests."""
     allocation = "loggingCfgSetReq failed to allocate message buffer"
     expected = {
         "fine": (0, [], 0),

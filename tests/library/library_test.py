@@ -1,4 +1,4 @@
-"""The library as other projects take it: installed, as a subproject, and what its archive defines.
+"""The library as other projects use it: installed, as a subproject, and the symbols of its archive.
 
 usage: library_test.py SOURCE_FOLDER BUILD_FOLDER LIBDIAGSIM [unittest arguments]
 """
@@ -29,7 +29,7 @@ class Library(unittest.TestCase):
         cls.addClassCleanup(cls.folder.cleanup)
         cls.prefix = os.path.join(cls.folder.name, "installed")
         run("cmake", "--install", BUILD, "--prefix", cls.prefix)
-        # Moved, as a package may be.
+        # A package may be moved.
         cls.prefix = shutil.move(cls.prefix, cls.prefix + " elsewhere")
         # The loader divides by blanks and colons.
         cls.preload = shutil.copy(PRELOAD, cls.folder.name)

@@ -1,4 +1,4 @@
-// What the program calls as the library calls some of its own.
+// Names of the program that the library uses too.
 int fd = 42;
 int logging_mode = 43;
 double getNow() { return 44; }

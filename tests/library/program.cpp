@@ -1,4 +1,4 @@
-// A program that embeds the library, and has names of its own wherever the library has some.
+// A program that embeds the library and has macros, headers and symbols with the library's names.
 #define DEBUG 1
 #define ERROR 2
 #define TRACE 3

@@ -1,9 +1,9 @@
-// Starts and stops collection again and again in one process, so that what a cycle leaves behind
-// adds up. script/soak feeds it and looks at its memory, descriptors and threads between cycles.
+// Starts and stops collection in a loop in one process, so that leaks add up. script/soak feeds it
+// and watches its memory, descriptors and threads.
 //
-// Each line of standard input is a scenario in which everything succeeds: the simulated device
-// behaves like that for one cycle, which ends with the line "done". Ends with the input, or with
-// status 1 when something went wrong, which it names.
+// Each line of standard input is a scenario in which everything succeeds. The program runs one
+// cycle with it and prints "done". Ends with its input; on a failure, names it and exits with
+// status 1.
 #include <unistd.h>
 
 #include <chrono>
@@ -25,7 +25,7 @@ using tavrik::DIAG;
 namespace {
 
 constexpr int kCoreClock = -2;
-constexpr int kEvents = 4;  // the ADSP has no room for more
+constexpr int kEvents = 4;  // the ADSP has four slots
 constexpr unsigned short kOtherLogCode = 0x1644;
 
 class CountingListener : public ADSPPM::Listener {
@@ -56,7 +56,7 @@ bool add(ADSPPM::Listener& listener, int eventId) {
     return ADSPPM::instance()->registerListener(&listener, eventId, "EVENT", 1, refusal);
 }
 
-// Ends the process at once: listeners that are still registered must not be gone before it is.
+// Ends the process at once on a failure, because registered listeners must outlive it.
 void expect(bool condition, const char* what) {
     if (condition) return;
     tavrik::Logger::flushAll();
@@ -65,7 +65,7 @@ void expect(bool condition, const char* what) {
     _exit(1);
 }
 
-// With a second client of the session and all events that there is room for, or without.
+// One start and stop; if `crowded`, with a second client of the session and the maximum of events.
 void cycle(bool crowded) {
     ADSPPM& adsppm = *ADSPPM::instance();
     DIAG& diag = *DIAG::instance();
