@@ -78,6 +78,14 @@ TEST_F(Adsppm, StartRequestsTheRegisteredEvents) {
     EXPECT_TRUE(add(b, 5, 50));
     EXPECT_TRUE(add(a, -7, 60));
     EXPECT_EQ(startRequest(), "05 07 01 00 32 00 00 00");
+}
+
+TEST_F(Adsppm, UnregisteringFreesSlotsAndRaisesThePeriod) {
+    Inbox a, b;
+    for (const auto& [id, period] : {std::pair(5, 100u), {7, 300u}, {-7, 60u}})
+        EXPECT_TRUE(add(a, id, period));
+    EXPECT_TRUE(add(b, 1, 200));
+    EXPECT_TRUE(add(b, 5, 50));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
     EXPECT_EQ(startRequest(), "05 01 00 00 32 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&b, 5)) << "a is still registered for 5";

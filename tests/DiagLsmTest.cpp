@@ -57,8 +57,6 @@ TEST_F(DiagLsm, OpensAndCloses) {
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
     EXPECT_TRUE(sigismember(&blocked, SIGUSR2));
-    Inbox inbox;
-    diag_register_callback(Inbox::callback, &inbox);
     const long before = openDescriptors();
     EXPECT_EQ(Diag_LSM_Init(nullptr), 1) << "already open";
     EXPECT_EQ(openDescriptors(), before);
@@ -66,11 +64,18 @@ TEST_F(DiagLsm, OpensAndCloses) {
     EXPECT_EQ(fd, -1);
     EXPECT_EQ(lines("host").back(), "host    close => 0 (left in callback mode)");
     EXPECT_EQ(Diag_LSM_DeInit(), 1) << "harmless when closed";
+}
 
-    plug("{}");
-    EXPECT_EQ(Diag_LSM_Init(nullptr), 1);
-    EXPECT_EQ(client_tbl[0].registered, -1) << "a new session has no callbacks";
+TEST_F(DiagLsm, ANewSessionHasNoCallbacks) {
+    open();
+    Inbox inbox;
+    diag_register_callback(Inbox::callback, &inbox);
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
+    open();
+    EXPECT_EQ(client_tbl[0].registered, -1);
+}
+
+TEST_F(DiagLsm, DeInitReturnsTheDriversResult) {
     for (const char* refused : {R"({"deinit": {"result": 0}})", R"({"withdraw": {"result": 0}})"}) {
         open(refused);
         EXPECT_EQ(Diag_LSM_DeInit(), 0) << refused;
@@ -156,7 +161,10 @@ TEST_F(DiagLsm, ARequestFollowsItsDataType) {
     EXPECT_EQ(diag_callback_send_data(0, longest.data(), 65536), 0);
     unsigned char dci[8] = {64};
     EXPECT_EQ(diag_send_data(dci, sizeof dci), 1006);
+}
 
+TEST_F(DiagLsm, RealTimeVotesReachTheDriver) {
+    open();
     EXPECT_EQ(diag_vote_md_real_time(1), 0);
     EXPECT_EQ(diag_vote_md_real_time(2), -1);
     int status = -1;
@@ -182,23 +190,30 @@ const diagpkt_user_entry kPlainEntries[] = {{10, 10, nullptr}, {10, 12, answer}}
 const diagpkt_user_entry kSubsystemEntries[] = {{0x100, 0x1FF, answer}};
 const diagpkt_user_entry kLaterEntries[] = {{0x200, 0x2FF, answer}};
 const diagpkt_user_entry kSilentEntries[] = {{0, 0xFFFF, silent}};
+const diagpkt_user_table_desc kTables[] = {
+    {0, 255, 255, 2, 0, kPlainEntries},   {0, 255, 7, 1, 0, kSubsystemEntries},
+    {1, 128, 8, 1, 0, kSubsystemEntries}, {0, 128, 8, 1, 0, kLaterEntries},
+    {0, 255, 7, 1, 0, kSilentEntries},
+};
+
+// A session with kTables.
+class PacketService : public DiagLsm {
+  protected:
+    void SetUp() override {
+        DiagLsm::SetUp();
+        const diagpkt_user_table_desc early = {0, 255, 255, 1, 0, kSilentEntries};
+        diagpkt_tbl_reg(&early);  // ignored: the device is closed
+        EXPECT_EQ(diagpkt_alloc(1, 10), nullptr);
+        open();
+        for (const auto& table : kTables)
+            diagpkt_tbl_reg(&table);
+        EXPECT_TRUE(seen("ioctl 0", 5));
+    }
+};
 
 }  // namespace
 
-TEST_F(DiagLsm, CommandsReachTheFirstMatchingHandler) {
-    const diagpkt_user_table_desc tables[] = {
-        {0, 255, 255, 2, 0, kPlainEntries},   {0, 255, 7, 1, 0, kSubsystemEntries},
-        {1, 128, 8, 1, 0, kSubsystemEntries}, {0, 128, 8, 1, 0, kLaterEntries},
-        {0, 255, 7, 1, 0, kSilentEntries},
-    };
-    const diagpkt_user_table_desc early = {0, 255, 255, 1, 0, kSilentEntries};
-    diagpkt_tbl_reg(&early);  // ignored: the device is closed
-    EXPECT_EQ(diagpkt_alloc(1, 10), nullptr);
-    open();
-    for (const auto& table : tables)
-        diagpkt_tbl_reg(&table);
-    EXPECT_TRUE(seen("ioctl 0", 5));
-
+TEST_F(PacketService, CommandsReachTheFirstMatchingHandler) {
     device().deliver(words({8}, {10}));  // the first entry has no handler
     EXPECT_TRUE(seen("0A 0A =>"));
     device().deliver(words({8}, {11, 1, 2}));  // the second entry of the first table
@@ -208,6 +223,9 @@ TEST_F(DiagLsm, CommandsReachTheFirstMatchingHandler) {
     device().deliver(words({8}, {128, 8, 0x23, 0x01}));  // delayed; the driver gives the id
     EXPECT_TRUE(seen("ioctl 8"));
     EXPECT_TRUE(seen("80 08 23 01 00 00 00 00"));
+}
+
+TEST_F(PacketService, CommandsWithoutAHandlerGetNoResponse) {
     const size_t before = lines("host").size();
     device().deliver(words({8}, {75, 7, 0x23, 0x02}));  // the handler returns nothing
     device().deliver(words({8}, {75, 9, 0x23, 0x01}));  // no table
@@ -218,11 +236,14 @@ TEST_F(DiagLsm, CommandsReachTheFirstMatchingHandler) {
     EXPECT_TRUE(seen("0C 0C"));
     EXPECT_EQ(lines("host").size(), before + 1);
     EXPECT_EQ(gPkt_commit_fail, 0);
+}
+
+TEST_F(PacketService, TablesLastOneSessionAndHaveLimitedSlots) {
     Diag_LSM_DeInit();
     open();
     for (int i = 0; i < DIAGPKT_TABLE_SLOTS; ++i)
-        diagpkt_tbl_reg(&tables[4]);
-    diagpkt_tbl_reg(&tables[0]);
+        diagpkt_tbl_reg(&kTables[4]);
+    diagpkt_tbl_reg(&kTables[0]);
     EXPECT_TRUE(seen("ioctl 0", DIAGPKT_TABLE_SLOTS + 1)) << "announced even without a slot";
     device().deliver(words({8}, {12}));
     Inbox inbox;
@@ -249,7 +270,10 @@ TEST_F(DiagLsm, PacketsAreBuiltShortenedAndCommitted) {
     diagpkt_shorten(empty, 0);
     diagpkt_commit(empty);
     EXPECT_EQ(lines("host").size(), before) << "an empty packet was sent";
+}
 
+TEST_F(DiagLsm, PacketSizesAreChecked) {
+    open();
     EXPECT_EQ(diagpkt_alloc(1, 0xFFFFFFFF - 20), nullptr) << "the size wraps around";
     EXPECT_EQ(diagpkt_subsys_alloc(1, 2, 3), nullptr) << "no room for the header";
     EXPECT_EQ(diagpkt_delay_alloc(1, 0xFFFFFFFC), nullptr);
@@ -342,9 +366,11 @@ size_t takePool(int pool) {
 
 }  // namespace
 
+constexpr size_t kPayload = 99996;
+static const Bytes kBuffer = words({32}, Bytes(kPayload, 0x11));
+
 TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
-    const size_t payload = 99996;
-    const Bytes half = words({32}, Bytes(71680, 0x22)), buffer = words({32}, Bytes(payload, 0x11));
+    const Bytes half = words({32}, Bytes(71680, 0x22));
     open();
     switchTo(DIAG_MODE_MEMORY_DEVICE);
     device().deliver(half);
@@ -352,27 +378,32 @@ TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
     EXPECT_EQ(takePool(0), 2u * 71680) << "two payloads fit in one buffer";
     // Each of a pool's three buffers takes one payload; the fourth payload goes to the other pool.
     for (int i = 0; i < 10; ++i)
-        device().deliver(buffer);
+        device().deliver(kBuffer);
     for (int pool : {1, 0, 1})
-        EXPECT_EQ(takePool(pool), 3 * payload);
+        EXPECT_EQ(takePool(pool), 3 * kPayload);
     memory_device_set_write_in_progress(1);
     memory_device_set_flush(1);  // the reader hands over buffers until DeInit
-    device().deliver(buffer);    // wakes the reader, which drops this payload
+    device().deliver(kBuffer);   // wakes the reader, which drops this payload
     memory_device_set_write_in_progress(0);
-    EXPECT_EQ(takePool(0), payload);
-    memory_device_append(half.data(), 1000);  // DeInit discards it
+    EXPECT_EQ(takePool(0), kPayload);
     std::thread writer([] { EXPECT_EQ(takePool(1), 0u); });
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     writer.join();
     memory_device_set_flush(0);
+}
 
+TEST_F(DiagLsm, AFullMemoryDeviceDoesNotBlockDeInit) {
+    open();
+    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    memory_device_append(kBuffer.data(), 1000);  // DeInit discards it
+    EXPECT_EQ(Diag_LSM_DeInit(), 1);
     open();
     switchTo(DIAG_MODE_MEMORY_DEVICE);
     for (int i = 0; i < 10; ++i)
-        device().deliver(buffer);
-    EXPECT_EQ(takePool(0), 3 * payload) << "a new session starts with empty pools";
+        device().deliver(kBuffer);
+    EXPECT_EQ(takePool(0), 3 * kPayload) << "a new session starts with empty pools";
     // Both pools are full and nobody takes them: DeInit must end the waiting reader.
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
-    EXPECT_EQ(takePool(0) + takePool(1), 6 * payload);
+    EXPECT_EQ(takePool(0) + takePool(1), 6 * kPayload);
     logging_mode = DIAG_MODE_USB;
 }

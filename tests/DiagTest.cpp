@@ -203,17 +203,19 @@ TEST_F(Session, StrayAndCutFramesAreDroppedWithOneWarning) {
     expectOnce("without an end flag\n", [] { receive({1, 2, 0x7D}); });
 }
 
-TEST_F(Session, LogRecordsAreCheckedAndPadded) {
+// A log packet whose record claims a length and has so many bytes.
+static Bytes packet(uint64_t claimed, size_t following) {
+    Bytes bytes = {16, 0, 0, 0};
+    diagsim::appendWord(bytes, claimed, 2);
+    diagsim::appendWord(bytes, kLogCode, 2);
+    bytes.resize(4 + following, 0x33);
+    bytes.push_back(0x7E);
+    return bytes;
+}
+
+TEST_F(Session, ShortLogRecordsArePadded) {
     Log log;
     ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
-    const auto packet = [](uint64_t claimed, size_t following) {
-        Bytes bytes = {16, 0, 0, 0};
-        diagsim::appendWord(bytes, claimed, 2);
-        diagsim::appendWord(bytes, kLogCode, 2);
-        bytes.resize(4 + following, 0x33);
-        bytes.push_back(0x7E);
-        return bytes;
-    };
     EXPECT_EQ(warnings(packet(92, 92)), "");
     EXPECT_EQ(warnings(packet(20, 22)), "") << "short, with two check bytes";
     EXPECT_EQ(warnings(packet(0, 30)), "") << "no length";
@@ -227,6 +229,12 @@ TEST_F(Session, LogRecordsAreCheckedAndPadded) {
     EXPECT_EQ(records[2][30], 0);
     EXPECT_EQ(records[3][89], 0x33);
     EXPECT_EQ(records[3][90], 0);
+    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+}
+
+TEST_F(Session, LogRecordsThatDoNotFitAreDropped) {
+    Log log;
+    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
     for (const Bytes& bad : {packet(93, 92), packet(0xFFFF, 92), packet(31, 30),
                              Bytes{16, 0, 0, 0, 4, 0, 0x45, 0x7E}, Bytes{16, 0x7E}}) {
         expectOnce("DIAG::onDIAGData() dropped a log ", [&] { receive(bad); });

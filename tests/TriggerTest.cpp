@@ -89,7 +89,11 @@ TEST_F(TriggerTest, ADisabledTriggerAppliesValuesSilently) {
     EXPECT_EQ(trigger->getPreviousTime(), first);
     EXPECT_EQ(trigger->getChangeCount(), 2);
     EXPECT_EQ(notes.take(), Texts{});
+}
 
+TEST_F(TriggerTest, EnablingIsAnnouncedOnTheCallersThread) {
+    trigger->setValue(6);
+    const double first = trigger->getTime();
     for (const bool enable : {false, true, true, false})
         trigger->setEnabled(enable);
     EXPECT_EQ(notes.take(),
