@@ -221,7 +221,8 @@ TEST_F(Adsppm, PacketsBecomeValues) {
     for (size_t i = 0; i < expected.size(); ++i) {
         EXPECT_EQ(values[i].id, expected[i].first);
         EXPECT_NEAR(static_cast<double>(values[i].value), static_cast<double>(expected[i].second),
-                    static_cast<double>(expected[i].second) * 1e-4);
+                    static_cast<double>(expected[i].second) * 1e-4)
+            << "id " << expected[i].first;
         EXPECT_EQ(values[i].time, values[0].time);
     }
     EXPECT_EQ(second.take().size(), 1u);

@@ -364,7 +364,8 @@ TEST_F(Session, TenThousandCyclesLeakNothing) {
     const long resident = processStatus("VmRSS:");
     cycle(cycles - 10);
     EXPECT_EQ(openDescriptors(), descriptors);
-    EXPECT_TRUE(threadsComeTo(threads));
+    // A thread that was joined just before the first count may be in it.
+    EXPECT_TRUE(eventually([=] { return runningThreads() <= threads; })) << runningThreads();
     if (memoryIsOurs()) {
         EXPECT_LE(processStatus("VmRSS:"), resident + 256);
     }

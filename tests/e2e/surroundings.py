@@ -56,16 +56,26 @@ class Surroundings(unittest.TestCase):
                 self.assertEqual(status, expected, "file too large")
 
     def test_closed_standard_streams(self):
+        os.mkfifo(self.trace)
         for closed in ((0,), (1,), (2,), (0, 1, 2)):
             def close(streams=closed):
                 for stream in streams:
                     os.close(stream)
-            status = self.status(REFUSED, stdout=subprocess.DEVNULL, preexec_fn=close)
-            self.assertEqual(status, 0, closed)
-            with open(self.trace) as lines:
-                calls = [line for line in lines if "  host  " in line]
+            pipe, calls = subprocess.PIPE, []
+            with self.start(REFUSED, stdin=pipe, stdout=pipe, stderr=pipe, preexec_fn=close) as checker:
+                with open(self.trace) as lines:
+                    for line in lines:
+                        calls += [line] if "  host  " in line else []
+                        if "start response" in line:
+                            self.assertEqual(self.null_descriptors(checker.pid), set(closed))
+                self.assertEqual(checker.wait(30), 0, closed)
             self.assertEqual(len(calls), 15, (closed, calls))
             self.assertEqual([call for call in calls if "refused:" in call], [], closed)
+
+    @staticmethod
+    def null_descriptors(pid):
+        folder = f"/proc/{pid}/fd"
+        return {int(name) for name in os.listdir(folder) if os.readlink(f"{folder}/{name}") == "/dev/null"}
 
     def test_what_is_printed_is_not_read_before_the_end(self):
         os.mkfifo(self.trace)
