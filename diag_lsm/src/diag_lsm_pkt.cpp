@@ -14,6 +14,7 @@
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/diagsvc_malloc.h"
 #include "diag_lsm/src/StaticMutex.h"
+#include "diag_lsm/src/ioctl_records.h"
 
 inline namespace tavrik_diag_lsm {
 
@@ -55,36 +56,9 @@ struct delayed_header {
 };
 static_assert(sizeof(delayed_header) == 8, "the packet starts at byte 8");
 
-// Handed to the driver, one per table entry.
-struct registration_record {
-    uint16_t cmd_code;
-    uint16_t subsys_id;
-    uint16_t lowest;
-    uint16_t highest;
-    uint16_t one;
-    uint16_t unused;
-    uint32_t zero[2];
-    int32_t client_id;
-};
-static_assert(sizeof(registration_record) == 24, "layout of the driver");
-
-struct registration_request {
-    char sync_name[32];
-    uint32_t count;
-    registration_record* records;
-};
-
-struct delayed_rsp_id_request {
-    void* id;
-    uint32_t size;
-    uint32_t* bytes_filled;
-};
-
 #if defined(__arm__)
 static_assert(sizeof(diagpkt_user_entry) == 8, "layout of the driver's clients");
 static_assert(sizeof(diagpkt_user_table_desc) == 16, "layout of the driver's clients");
-static_assert(sizeof(registration_request) == 40, "layout of the driver");
-static_assert(sizeof(delayed_rsp_id_request) == 12, "layout of the driver");
 #endif
 
 // Guards the slots and the copies in them; taken alone. Never held while a handler runs.
