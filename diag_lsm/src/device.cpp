@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "diag_lsm/src/CancellationDisabled.h"
+#include "diag_lsm/src/capture.h"
 
 inline namespace tavrik_diag_lsm {
 
@@ -65,28 +66,45 @@ int uninterrupted(Call call) {
 int diag_device_open(void) {
     const CancellationDisabled uncancelled;
     const StandardStreamsOccupied kept_free;
-    return uninterrupted([] { return open("/dev/diag", O_RDWR | O_CLOEXEC); });
+    capture_begin();
+    constexpr int kFlags = O_RDWR | O_CLOEXEC;
+    return uninterrupted([] {
+        CapturedCall captured(CAPTURE_OPEN, kFlags);
+        return captured.end(open("/dev/diag", kFlags));
+    });
 }
 
 int diag_device_read(int handle, unsigned char* buffer, size_t size) {
-    return static_cast<int>(read(handle, buffer, size));
+    CapturedCall captured(CAPTURE_READ);
+    const int count = static_cast<int>(read(handle, buffer, size));
+    return captured.end(count, buffer, count > 0 ? static_cast<size_t>(count) : 0);
 }
 
 int diag_device_write(int handle, const unsigned char* buffer, size_t size) {
-    return uninterrupted([=] { return write(handle, buffer, size); });
+    return uninterrupted([=] {
+        CapturedCall captured(CAPTURE_WRITE);
+        return captured.end(static_cast<int>(write(handle, buffer, size)), buffer, size);
+    });
 }
 
 int diag_device_ioctl(int handle, unsigned long request, void* argument) {
-    return uninterrupted([=] { return ioctl(handle, request, argument); });
+    return uninterrupted([=] {
+        CapturedIoctl captured(request, argument);
+        return captured.end(ioctl(handle, request, argument));
+    });
 }
 
 int diag_device_ioctl(int handle, unsigned long request, unsigned long argument) {
-    return uninterrupted([=] { return ioctl(handle, request, argument); });
+    return uninterrupted([=] {
+        CapturedIoctl captured(request, argument);
+        return captured.end(ioctl(handle, request, argument));
+    });
 }
 
 int diag_device_close(int handle) {
     const CancellationDisabled uncancelled;
-    return close(handle);
+    CapturedCall captured(CAPTURE_CLOSE);
+    return captured.end(close(handle));
 }
 
 }  // namespace tavrik_diag_lsm
