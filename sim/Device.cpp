@@ -11,7 +11,12 @@
 namespace diagsim {
 namespace {
 
-constexpr const char* kTest = "test";
+// What a test delivers; its line tells it from what the device does by itself.
+Outgoing fromTest(Outgoing outgoing, const char* title, const Bytes& bytes) {
+    outgoing.who = "test";
+    outgoing.line = describe(title, bytes);
+    return outgoing;
+}
 
 // Makes a call leave errno as a system call does: its own on failure, the caller's on success.
 template <typename Call>
@@ -64,11 +69,11 @@ void Device::keepTrace(bool on) { state_->node.keepTrace(on); }
 void Device::traceTo(const std::string& path) { state_->node.traceTo(path); }
 
 void Device::deliver(const Bytes& buffer) {
-    state_->node.inject(wholeBuffer(kTest, "buffer", buffer));
+    state_->node.inject(fromTest(wholeBuffer(buffer), "buffer", buffer));
 }
 
 void Device::deliverFrame(const Bytes& payload) {
-    state_->node.inject(frameBuffer(kTest, "frame", payload));
+    state_->node.inject(fromTest(frameBuffer(payload), "frame", payload));
 }
 
 Bytes Device::logPacket() { return state_->node.logPacket(); }

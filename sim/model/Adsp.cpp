@@ -1,7 +1,6 @@
 #include "sim/model/Adsp.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 
 namespace diagsim {
@@ -77,13 +76,10 @@ uint64_t Adsp::time() const {
     return ns / kNsPerUnit << 16 | ns % kNsPerUnit / kNsPerSubUnit;
 }
 
-Answer Adsp::execute(const Request& request, bool refuse) {
-    if (!request.objection.empty()) {
-        return {errorAnswer(request.bytes), "error response", "refused: " + request.objection};
-    }
+Bytes Adsp::execute(const Request& request, bool refuse) {
+    if (!request.objection.empty()) return errorAnswer(request.bytes);
     if (!refuse) apply(request);
-    return {answerPacket(request, !refuse), std::string(requestTitle(request.kind)) + " response",
-            refuse ? "refused" : "accepted"};
+    return answerPacket(request, !refuse);
 }
 
 Bytes Adsp::answerPacket(const Request& request, bool good) const {
@@ -176,13 +172,6 @@ Bytes Adsp::logPacket() {
     appendWord(packet, record.size(), 2);
     append(packet, record);
     return packet;
-}
-
-std::string Adsp::logTitle() const {
-    char text[64];
-    std::snprintf(text, sizeof text, "log packet 0x%04X (core clock %.1f MHz)", kPowerLogCode,
-                  setup_.clockKhz / 1000.0);
-    return text;
 }
 
 }  // namespace diagsim

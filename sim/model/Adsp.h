@@ -3,20 +3,12 @@
 
 #include <chrono>
 #include <map>
-#include <string>
 
 #include "sim/Bytes.h"
 #include "sim/Scenario.h"
 #include "sim/model/Request.h"
 
 namespace diagsim {
-
-// What the ADSP says to one request.
-struct Answer {
-    Bytes packet{};
-    std::string title{};    // e.g. "start response"
-    std::string verdict{};  // e.g. "accepted"
-};
 
 // The state lives as long as the object: closing the device node does not stop a collection.
 // No locks; the owner serialises all calls.
@@ -26,13 +18,10 @@ class Adsp {
 
     // Executes a request. With `refuse` nothing is executed and the answer says no in the field
     // that this request has for it; a request with an objection gets the error answer.
-    Answer execute(const Request& request, bool refuse);
+    Bytes execute(const Request& request, bool refuse);
 
     // The next log packet, from its command code on, with the clock of this moment.
     Bytes logPacket();
-
-    // The packet's title for people, with its core clock.
-    std::string logTitle() const;
 
     // Whether a collection runs, and its log period (at least 1 microsecond).
     bool collecting() const { return collecting_; }

@@ -8,7 +8,6 @@
 #include <iterator>
 
 #include "sim/Wire.h"
-#include "sim/model/ErrnoName.h"
 #include "sim/model/IoctlRecords.h"
 
 namespace diagsim {
@@ -22,7 +21,6 @@ constexpr size_t kTypeSize = 4;
 constexpr size_t kTokenSize = 4;
 
 constexpr const char* kHost = "host";
-constexpr const char* kDriver = "driver";
 
 template <typename T>
 T readFrom(const void* address) {
@@ -31,7 +29,12 @@ T readFrom(const void* address) {
     return value;
 }
 
-std::string openCall(int flags) { return "open /dev/diag (" + openFlagsName(flags) + ')'; }
+template <typename T>
+Bytes bytesOf(const T& value) {
+    Bytes bytes(sizeof value);
+    std::memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
 
 Bytes messageMasks() { return {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}; }
 Bytes logMasks() { return {2, 0, 0, 0, 1, 0, 0, 0, 0xA4, 6, 0, 0, 0, 0, 0, 0}; }
@@ -40,17 +43,18 @@ Bytes eventMasks() { return {4, 0, 0, 0, 0, 0, 0, 0}; }
 }  // namespace
 
 Driver::Driver(const Scenario& scenario, Trace& trace)
-    : scenario_(scenario), trace_(trace), adsp_(scenario) {}
+    : scenario_(scenario), trace_(trace), adsp_(scenario), decoder_(scenario.ranges) {}
 
 Driver::Result Driver::refuse(const std::string& call, int error, const std::string& reason) {
     const std::string why = reason.empty() ? "" : " (refused: " + reason + ')';
-    trace_.line(kHost, call + " => -1 " + errnoName(error) + why);
+    trace_.line(kHost, call + describeResult(-1, error) + why);
     return {-1, error};
 }
 
 Driver::Result Driver::succeed(const std::string& call, long value) {
-    trace_.line(kHost, call + " => " + std::to_string(value));
-    return {value, value < 0 ? EIO : 0, value >= 0};
+    const int error = value < 0 ? EIO : 0;
+    trace_.line(kHost, call + describeResult(value, error));
+    return {value, error, value >= 0};
 }
 
 bool Driver::interrupts(int& calls, int count) {
@@ -60,7 +64,7 @@ bool Driver::interrupts(int& calls, int count) {
 }
 
 Driver::Result Driver::refuseOpen(int flags, int error, const std::string& reason) {
-    return refuse(openCall(flags), error, reason);
+    return refuse(describeOpen(flags), error, reason);
 }
 
 Driver::Result Driver::open(int flags, int fd, Time now) {
@@ -71,17 +75,17 @@ Driver::Result Driver::open(int flags, int fd, Time now) {
     lost_ = 0;
     const bool standard = fd <= STDERR_FILENO;
     const std::string remark = standard ? " (as descriptor " + std::to_string(fd) + ')' : "";
-    trace_.line(kHost, openCall(flags) + " => ok" + remark);
+    trace_.line(kHost, describeOpen(flags) + " => ok" + remark);
     const Scenario::Masks& masks = scenario_.masks;
     const Time due = now + std::chrono::milliseconds(masks.delayMs);
-    if (masks.message) enqueue(wholeBuffer(kDriver, "message masks", messageMasks()), due);
-    if (masks.log) enqueue(wholeBuffer(kDriver, "log masks", logMasks()), due);
-    if (masks.event) enqueue(wholeBuffer(kDriver, "event masks", eventMasks()), due);
+    if (masks.message) enqueue(wholeBuffer(messageMasks()), due);
+    if (masks.log) enqueue(wholeBuffer(logMasks()), due);
+    if (masks.event) enqueue(wholeBuffer(eventMasks()), due);
     for (int i = 0; i < scenario_.emptyReads; ++i) {
-        enqueue(wholeBuffer(kDriver, "empty buffer", {}), due);
+        enqueue(wholeBuffer({}), due);
     }
     for (const Bytes& buffer : scenario_.atOpen) {
-        enqueue(wholeBuffer(kDriver, "raw buffer", buffer), due);
+        enqueue(wholeBuffer(buffer), due);
     }
     restartLogs(now);
     restartStrays(now);
@@ -128,13 +132,12 @@ void Driver::producePeriodic(Time now) {
     // A tick that was missed altogether is not made up for: the queue would only grow.
     if (nextLog_ && *nextLog_ <= now) {
         if (mode_ == kCallbackMode && adsp_.wantsLogs()) {
-            const Bytes packet = adsp_.logPacket();
-            enqueue(frameBuffer("adsp", adsp_.logTitle(), packet), *nextLog_);
+            enqueue(frameBuffer(adsp_.logPacket()), *nextLog_);
         }
         *nextLog_ = std::max(*nextLog_ + adsp_.period(), now);
     }
     if (nextStray_ && *nextStray_ <= now) {
-        enqueue(frameBuffer("adsp", "stray frame", scenario_.unsolicited.frame), *nextStray_);
+        enqueue(frameBuffer(scenario_.unsolicited.frame), *nextStray_);
         const std::chrono::microseconds period(scenario_.unsolicited.periodUs);
         *nextStray_ = std::max(*nextStray_ + period, now);
     }
@@ -165,8 +168,12 @@ std::optional<std::string> Driver::lose(const Outgoing& outgoing) {
 
 void Driver::trace(const Outgoing& outgoing, const std::string& suffix) {
     if (!trace_.isRead()) return;
-    for (const Outgoing::Line& line : outgoing.lines)
-        trace_.line(outgoing.who, line.text() + suffix);
+    if (!outgoing.line.empty()) {
+        trace_.line(outgoing.who, outgoing.line + suffix);
+        return;
+    }
+    for (const DecodedLine& line : decoder_.read(outgoing.bytes))
+        trace_.line(line.who, line.text + suffix);
 }
 
 std::optional<Driver::Time> Driver::nextDue() const {
@@ -191,66 +198,52 @@ void Driver::tellThatWriteWaits(size_t unread, Time now) {
 }
 
 Driver::Result Driver::abandonWrite(const Bytes& data, int error) {
-    return refuse(describe("write", data), error, "while it waited");
+    return refuse(decoder_.write(data), error, "while it waited");
 }
 
 Driver::Result Driver::write(const Bytes& data, Time now) {
-    if (!mayWrite(flags_)) {
-        return refuse(describe("write", data), EBADF, "opened with " + accessName(flags_));
-    }
-    if (gone_) return refuse(describe("write", data), ENODEV, "");
-    if (interrupts(interruptedWrites_, scenario_.write.eintr)) {
-        return refuse(describe("write", data), EINTR, "");
-    }
-    if (data.size() < kTypeSize) {
-        return refuse(describe("write", data), EINVAL, "shorter than a data type");
-    }
+    const std::string call = decoder_.write(data);
+    if (!mayWrite(flags_)) return refuse(call, EBADF, "opened with " + accessName(flags_));
+    if (gone_) return refuse(call, ENODEV, "");
+    if (interrupts(interruptedWrites_, scenario_.write.eintr)) return refuse(call, EINTR, "");
+    if (data.size() < kTypeSize) return refuse(call, EINVAL, "shorter than a data type");
     const uint64_t type = wordAt(data, 0, kTypeSize);
-    const Bytes payload(data.begin() + kTypeSize, data.end());
     switch (type) {
         case kCallbackType:
-            return callbackData(payload, now);
+            return callbackData(call, Bytes(data.begin() + kTypeSize, data.end()), now);
         case kPacketResponseType:
-            return succeed(describe("packet response", payload), 0);
         case kDelayedResponseType:
-            return succeed(describe("delayed response", payload), 0);
+            return succeed(call, 0);
         default:
-            return refuse(describe("write", data), EINVAL, "data type " + std::to_string(type));
+            return refuse(call, EINVAL, "data type " + std::to_string(type));
     }
 }
 
-Driver::Result Driver::callbackData(const Bytes& payload, Time now) {
-    if (mode_ != kCallbackMode) {
-        return refuse(describe("callback data", payload), EINVAL, "not in callback mode");
-    }
+Driver::Result Driver::callbackData(const std::string& call, const Bytes& payload, Time now) {
+    if (mode_ != kCallbackMode) return refuse(call, EINVAL, "not in callback mode");
     const uint32_t processor = 0u - static_cast<uint32_t>(wordAt(payload, 0, kTokenSize));
-    if (processor >= 1 && processor <= kRemoteProcessors) return remoteRequest(payload, processor);
-    if (payload.empty()) {
-        return refuse(describe("callback data", payload), EINVAL, "no request in it");
+    if (processor >= 1 && processor <= kRemoteProcessors) {
+        return remoteRequest(call, payload, processor);
     }
-    return localRequest(payload, now);
+    if (payload.empty()) return refuse(call, EINVAL, "no request in it");
+    return localRequest(call, payload, now);
 }
 
-Driver::Result Driver::remoteRequest(const Bytes& payload, uint32_t processor) {
-    const Bytes request(payload.begin() + kTokenSize, payload.end());
-    const std::string call =
-        describe("request for processor " + std::to_string(processor), request);
+Driver::Result Driver::remoteRequest(const std::string& call, const Bytes& payload,
+                                     uint32_t processor) {
     if ((scenario_.remoteMask & processor) != processor) {
         return refuse(call, EINVAL, "no such processor");
     }
-    if (request.empty()) return refuse(call, EINVAL, "no request in it");
+    if (payload.size() <= kTokenSize) return refuse(call, EINVAL, "no request in it");
     return succeed(call, 0);
 }
 
-Driver::Result Driver::localRequest(const Bytes& payload, Time now) {
+Driver::Result Driver::localRequest(const std::string& call, const Bytes& payload, Time now) {
     const Request request = decodeRequest(payload, scenario_.ranges);
     const Fault& fault = pickFault(requestKey(request.kind));
-    const std::string detail = request.detail.empty() ? "" : " (" + request.detail + ')';
-    const std::string call =
-        describe(std::string(requestTitle(request.kind)) + " request" + detail, payload);
     const Result result = endWrite(call, fault);
     if (!result.taken) return result;
-    const Answer answer = adsp_.execute(request, fault.refuse);
+    const Bytes answer = adsp_.execute(request, fault.refuse);
     const Time due = now + std::chrono::milliseconds(fault.delayMs);
     for (Outgoing& outgoing : composeDelivery(answer, fault, adsp_)) {
         enqueue(std::move(outgoing), due);
@@ -282,16 +275,15 @@ Driver::Result Driver::endWrite(const std::string& call, const Fault& fault) {
     if (!fault.writeResult) return succeed(call, 0);
     const int value = *fault.writeResult;
     const int error = value >= 0 ? 0 : fault.writeErrno != 0 ? fault.writeErrno : EIO;
-    const std::string name = error == 0 ? "" : ' ' + errnoName(error);
     const char* const remark = fault.writeTaken ? " (taken all the same)" : "";
-    trace_.line(kHost, call + " => " + std::to_string(value) + name + remark);
+    trace_.line(kHost, call + describeResult(value, error) + remark);
     return {value, error, fault.writeTaken};
 }
 
 // --- ioctl ---
 
 Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
-    const std::string call = "ioctl " + std::to_string(request);
+    const std::string call = describeIoctl(request, {});
     if (gone_) return refuse(call, ENODEV, "");
     if (interrupts(interruptedIoctls_[request], scenario_.ioctlEintr)) {
         return refuse(call, EINTR, "");
@@ -300,7 +292,7 @@ Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
         case kRegisterTables:
             return registerTables(argument);
         case kWithdrawTables:
-            return succeed(call + " withdraw command tables", scenario_.withdrawResult);
+            return succeed(call, scenario_.withdrawResult);
         case kSwitchMode:
             return switchMode(argument, now);
         case kDelayedResponseId:
@@ -319,27 +311,24 @@ Driver::Result Driver::ioctl(unsigned long request, void* argument, Time now) {
 }
 
 Driver::Result Driver::registerTables(void* argument) {
-    const std::string call = "ioctl 0 register command tables";
-    if (argument == nullptr) return refuse(call, EFAULT, "no record");
+    if (argument == nullptr) return refuse(describeIoctl(kRegisterTables, {}), EFAULT, "no record");
     const auto table = readFrom<TableRegistration>(argument);
-    const std::string name(table.name, strnlen(table.name, sizeof table.name));
-    const std::string whole = call + ": " + std::to_string(table.count) + " of " + name;
     const bool good = table.count > 0 && table.records != nullptr;
-    return succeed(whole, good ? 1 : 0);
+    return succeed(describeIoctl(kRegisterTables, bytesOf(table)), good ? 1 : 0);
 }
 
 Driver::Result Driver::switchMode(void* argument, Time now) {
     const auto value = reinterpret_cast<uintptr_t>(argument);
     const bool byValue = value < kLowestPointer;
-    const std::string call =
-        std::string("ioctl 7 logging mode by ") + (byValue ? "value: " : "pointer: ");
     const int mode = byValue ? static_cast<int>(value) : readFrom<LoggingMode>(argument);
+    const Bytes data = byValue ? bytesOf(uint64_t{value}) : bytesOf(mode);
+    const std::string call = describeIoctl(kSwitchMode, data);
     using Form = Scenario::ModeForm;
     const Form form = byValue ? Form::kValue : Form::kPointer;
     if (scenario_.modeForm != form && scenario_.modeForm != Form::kBoth) {
-        return refuse(call + std::to_string(mode), EINVAL, "this form is not taken here");
+        return refuse(call, EINVAL, "this form is not taken here");
     }
-    return setMode(call + std::to_string(mode), mode, now);
+    return setMode(call, mode, now);
 }
 
 Driver::Result Driver::setMode(const std::string& call, int mode, Time now) {
@@ -352,7 +341,7 @@ Driver::Result Driver::setMode(const std::string& call, int mode, Time now) {
 }
 
 Driver::Result Driver::delayedResponseId(void* argument) {
-    const std::string call = "ioctl 8 delayed response id";
+    const std::string call = describeIoctl(kDelayedResponseId, {});
     if (argument == nullptr) return refuse(call, EFAULT, "no record");
     const auto record = readFrom<DelayedResponseRecord>(argument);
     if (record.id == nullptr || record.count == nullptr) {
@@ -363,44 +352,47 @@ Driver::Result Driver::delayedResponseId(void* argument) {
     const uint32_t count = sizeof delayedResponses_;
     std::memcpy(record.id, &delayedResponses_, sizeof delayedResponses_);
     std::memcpy(record.count, &count, sizeof count);
-    return succeed(call + ": " + std::to_string(delayedResponses_), 0);
+    Bytes data = bytesOf(record);
+    append(data, bytesOf(delayedResponses_));
+    append(data, bytesOf(count));
+    return succeed(describeIoctl(kDelayedResponseId, data), 0);
 }
 
 Driver::Result Driver::deinitialise(Time now) {
     const Scenario::Deinit& deinit = scenario_.deinit;
-    const Result result = succeed("ioctl 9 de-initialise", deinit.result);
+    const Result result = succeed(describeIoctl(kDeinitialise, {}), deinit.result);
     if (deinit.announce) {
         Bytes buffer;
         appendWord(buffer, kDeinitType, kTypeSize);
-        enqueue(wholeBuffer(kDriver, "de-initialisation", buffer),
-                now + std::chrono::milliseconds(deinit.delayMs));
+        enqueue(wholeBuffer(buffer), now + std::chrono::milliseconds(deinit.delayMs));
     }
     return result;
 }
 
 Driver::Result Driver::remoteMask(void* argument) {
-    const std::string call = "ioctl 32 remote processors";
-    if (argument == nullptr) return refuse(call, EFAULT, "no place for the mask");
-    std::memcpy(argument, &scenario_.remoteMask, sizeof scenario_.remoteMask);
-    return succeed(call + ": mask " + std::to_string(scenario_.remoteMask), 1);
+    return answerIoctl(kRemoteMask, argument, scenario_.remoteMask, 1);
 }
 
 Driver::Result Driver::voteRealTime(void* argument) {
-    const std::string call = "ioctl 33 real-time vote";
-    if (argument == nullptr) return refuse(call, EFAULT, "no record");
+    if (argument == nullptr) return refuse(describeIoctl(kVoteRealTime, {}), EFAULT, "no record");
     const auto vote = readFrom<RealTimeVote>(argument);
-    const std::string whole = call + ": processor " + std::to_string(vote.processor) + ", vote " +
-                              std::to_string(vote.vote);
-    if (vote.processor != 2 || vote.vote > 1) return refuse(whole, EINVAL, "no such vote");
-    return succeed(whole, 0);
+    const std::string call = describeIoctl(kVoteRealTime, bytesOf(vote));
+    if (vote.processor != 2 || vote.vote > 1) return refuse(call, EINVAL, "no such vote");
+    return succeed(call, 0);
 }
 
 Driver::Result Driver::realTimeStatus(void* argument) {
-    const std::string call = "ioctl 34 real-time status";
-    if (argument == nullptr) return refuse(call, EFAULT, "no place for the status");
-    const int status = 1;
-    std::memcpy(argument, &status, sizeof status);
-    return succeed(call + ": 1", 0);
+    return answerIoctl(kRealTimeStatus, argument, int{1}, 0);
+}
+
+template <typename Record>
+Driver::Result Driver::answerIoctl(unsigned long request, void* argument, const Record& record,
+                                   long result) {
+    if (argument == nullptr) return refuse(describeIoctl(request, {}), EFAULT, "no place for it");
+    Bytes data = bytesOf(readFrom<Record>(argument));
+    append(data, bytesOf(record));
+    std::memcpy(argument, &record, sizeof record);
+    return succeed(describeIoctl(request, data), result);
 }
 
 }  // namespace diagsim

@@ -9,6 +9,7 @@
 
 #include "sim/Scenario.h"
 #include "sim/model/Adsp.h"
+#include "sim/model/Decoder.h"
 #include "sim/model/Delivery.h"
 #include "sim/model/OpenFlags.h"
 #include "sim/model/Trace.h"
@@ -93,9 +94,9 @@ class Driver {
     // Whether a signal interrupts this call, being one of the first `count`.
     static bool interrupts(int& calls, int count);
 
-    Result callbackData(const Bytes& data, Time now);
-    Result remoteRequest(const Bytes& payload, uint32_t processor);
-    Result localRequest(const Bytes& payload, Time now);
+    Result callbackData(const std::string& call, const Bytes& payload, Time now);
+    Result remoteRequest(const std::string& call, const Bytes& payload, uint32_t processor);
+    Result localRequest(const std::string& call, const Bytes& payload, Time now);
     const Fault& pickFault(const std::string& key);
     Result endWrite(const std::string& call, const Fault& fault);
     void restartLogs(Time now);
@@ -111,10 +112,14 @@ class Driver {
     Result remoteMask(void* argument);
     Result voteRealTime(void* argument);
     Result realTimeStatus(void* argument);
+    // Stores a record at the argument.
+    template <typename Record>
+    Result answerIoctl(unsigned long request, void* argument, const Record& record, long result);
 
     const Scenario scenario_;
     Trace& trace_;
     Adsp adsp_;
+    Decoder decoder_;
 
     int flags_ = 0;  // the client's
     int mode_ = 1;
