@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
 
 #include "json/JSOM.h"
+#include "sim/model/Capture.h"
 #include "sim/model/ScenarioKeys.h"
 #include "sim/model/ScenarioSection.h"
 
@@ -73,6 +75,10 @@ class KeyList {
         add(key, "hex", "none", meaning);
     }
 
+    void text(const char* key, const std::string&, const char* meaning) {
+        add(key, "text", "none", meaning);
+    }
+
     void hexes(const char* key, const std::vector<Bytes>&, const char* meaning) {
         add(key, "list of hex", "empty", meaning);
     }
@@ -127,6 +133,16 @@ class KeyList {
     const std::string prefix_;
 };
 
+// The capture that a scenario names relative to itself. What can be read of a cut one is replayed.
+std::shared_ptr<const Capture> loadRecorded(const std::string& scenario, const std::string& name) {
+    const std::filesystem::path path = std::filesystem::path(scenario).parent_path() / name;
+    auto capture = std::make_shared<Capture>(loadCapture(path.string()));
+    if (!capture->calls.empty()) return capture;
+    const std::string problem =
+        capture->problem.empty() ? path.string() + ": no calls in it" : capture->problem;
+    throw ScenarioError(scenario + ": cannot replay: " + problem);
+}
+
 }  // namespace
 
 std::vector<ScenarioKey> scenarioKeys() {
@@ -156,7 +172,9 @@ Scenario Scenario::load(const std::string& path) {
     if (!file || (!text && errno != 0)) {
         throw ScenarioError(path + ": cannot read: " + std::strerror(errno != 0 ? errno : EIO));
     }
-    return parse(text.str(), path);
+    Scenario scenario = parse(text.str(), path);
+    if (!scenario.replay.empty()) scenario.recorded = loadRecorded(path, scenario.replay);
+    return scenario;
 }
 
 }  // namespace diagsim

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -12,6 +13,8 @@
 #include "sim/Bytes.h"
 
 namespace diagsim {
+
+struct Capture;
 
 // A scenario that cannot be read; what() is one line: file, place, what is wrong, what is known.
 class ScenarioError : public std::runtime_error {
@@ -115,11 +118,16 @@ struct Scenario {
     Ranges ranges{{0, 1700, 0, 0, 2400, 1200, 0, 1024, 0, 0, 512, 3000, 0, 0, 0, 0}};
     Dsp adsp{};
     std::map<std::string, std::vector<Fault>> requests{};  // by request name or "any"
+    std::string replay{};                                  // name of a capture; empty: none
+    int replaySpeed = 1;                                   // 0: without waits
+    std::shared_ptr<const Capture> recorded{};             // what is replayed instead of the rest
 
     // Reads a scenario from text; `nameForErrors` stands for it in messages. Throws ScenarioError.
+    // Opens no file: a capture to replay is only named.
     static Scenario parse(const std::string& json, const std::string& nameForErrors);
 
-    // Reads the file. Throws ScenarioError, also when it cannot be opened.
+    // Reads the file, and the capture that it names. Throws ScenarioError, also when one of them
+    // cannot be opened.
     static Scenario load(const std::string& path);
 };
 

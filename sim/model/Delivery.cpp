@@ -41,7 +41,7 @@ class Group {
     std::vector<Outgoing> build() {
         addFront();
         if (fault_.failRead) {
-            out_.push_back(step(Outgoing::Action::kFailRead, "host", "read => -1 ECONNRESET"));
+            out_.push_back(failedRead());
             return std::move(out_);
         }
         if (fault_.hangUp) {
@@ -206,6 +206,8 @@ Outgoing wholeBuffer(const Bytes& buffer) {
     outgoing.bytes = buffer;
     return outgoing;
 }
+
+Outgoing failedRead() { return step(Outgoing::Action::kFailRead, "host", "read => -1 ECONNRESET"); }
 
 std::vector<Outgoing> composeDelivery(const Bytes& answer, const Fault& fault, Adsp& adsp) {
     return Group(answer, fault, adsp).build();

@@ -27,6 +27,9 @@ Outgoing frameBuffer(const Bytes& payload);
 // A buffer delivered as it is, in any mode.
 Outgoing wholeBuffer(const Bytes& buffer);
 
+// A read that fails.
+Outgoing failedRead();
+
 // Everything that follows a request with this answer and this fault, in order. `adsp` makes the
 // additional log packets.
 std::vector<Outgoing> composeDelivery(const Bytes& answer, const Fault& fault, Adsp& adsp);

@@ -12,6 +12,7 @@
 #include "sim/model/Decoder.h"
 #include "sim/model/Delivery.h"
 #include "sim/model/OpenFlags.h"
+#include "sim/model/Replay.h"
 #include "sim/model/Trace.h"
 
 namespace diagsim {
@@ -104,6 +105,14 @@ class Driver {
     void dropQueue();
     bool isLimited(const Outgoing& outgoing) const;
 
+    // The same three from a capture.
+    Result replayOpen(int flags, int fd, Time now);
+    Result replayWrite(const std::string& call, const Bytes& data, Time now);
+    Result replayIoctl(unsigned long request, void* argument, Time now);
+    const Replay::Recorded* findRecorded(CapturedCall::Kind kind, uint32_t argument,
+                                         const Bytes& data, const std::string& call, Time now);
+    void hasten(Time now);
+
     Result registerTables(void* argument);
     Result switchMode(void* argument, Time now);
     Result setMode(const std::string& call, int mode, Time now);
@@ -120,6 +129,9 @@ class Driver {
     Trace& trace_;
     Adsp adsp_;
     Decoder decoder_;
+    std::optional<Replay> replay_{};
+    int replayed_ = 0;  // requests that were written
+    bool differed_ = false;
 
     int flags_ = 0;  // the client's
     int mode_ = 1;

@@ -11,10 +11,10 @@ struct Named {
 };
 
 constexpr Named kNamed[] = {
-    {EACCES, "EACCES"}, {ENOENT, "ENOENT"}, {EBUSY, "EBUSY"},   {ENODEV, "ENODEV"},
-    {EIO, "EIO"},       {EPERM, "EPERM"},   {EINVAL, "EINVAL"}, {ENOTTY, "ENOTTY"},
-    {EFAULT, "EFAULT"}, {EAGAIN, "EAGAIN"}, {ENOMEM, "ENOMEM"}, {EINTR, "EINTR"},
-    {EBADF, "EBADF"},
+    {EACCES, "EACCES"}, {ENOENT, "ENOENT"}, {EBUSY, "EBUSY"},         {ENODEV, "ENODEV"},
+    {EIO, "EIO"},       {EPERM, "EPERM"},   {EINVAL, "EINVAL"},       {ENOTTY, "ENOTTY"},
+    {EFAULT, "EFAULT"}, {EAGAIN, "EAGAIN"}, {ENOMEM, "ENOMEM"},       {EINTR, "EINTR"},
+    {EBADF, "EBADF"},   {ENXIO, "ENXIO"},   {ETIMEDOUT, "ETIMEDOUT"}, {ECONNRESET, "ECONNRESET"},
 };
 
 }  // namespace

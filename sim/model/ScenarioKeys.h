@@ -194,6 +194,15 @@ void visitDsp(Keys& keys, Scenario& scenario) {
 }
 
 template <typename Keys>
+void visitReplay(Keys& keys, Scenario& scenario) {
+    keys.text("replay", scenario.replay,
+              "a capture that is replayed, named relative to the scenario; all other keys but "
+              "replay_speed then mean nothing; see below");
+    keys.number("replay_speed", scenario.replaySpeed, {0, 1000},
+                "how many times as fast; 0: as fast as the order allows");
+}
+
+template <typename Keys>
 void visitScenario(Keys& keys, Scenario& scenario) {
     visitCalls(keys, scenario);
     visitQueue(keys, scenario);
@@ -201,6 +210,7 @@ void visitScenario(Keys& keys, Scenario& scenario) {
     visitStrays(keys, scenario);
     visitDsp(keys, scenario);
     keys.faults("requests", scenario.requests);
+    visitReplay(keys, scenario);
 }
 
 }  // namespace diagsim

@@ -75,6 +75,13 @@ void ScenarioSection::hex(const char* key, std::optional<Bytes>& out, const char
     if (found.hasNode()) out = toBytes(found, place(key));
 }
 
+void ScenarioSection::text(const char* key, std::string& out, const char*) {
+    const JSOM found = take(key);
+    if (!found.hasNode()) return;
+    if (!found.isString()) fail(place(key) + ": expected a text");
+    out = found.stringValue();
+}
+
 void ScenarioSection::hexes(const char* key, std::vector<Bytes>& out, const char*) {
     eachElement(take(key), place(key), [&](const JSOM& element, const std::string& at) {
         out.push_back(toBytes(element, at));

@@ -26,6 +26,7 @@ class ScenarioSection {
     void flag(const char* key, bool& out, const char* meaning);
     void hex(const char* key, Bytes& out, const char* meaning);
     void hex(const char* key, std::optional<Bytes>& out, const char* meaning);
+    void text(const char* key, std::string& out, const char* meaning);
     void hexes(const char* key, std::vector<Bytes>& out, const char* meaning);
     void numbers(const char* key, std::vector<int>& out, Limits limits, const char* meaning);
     void errorNumber(const char* key, int& out, const char* meaning);
