@@ -147,6 +147,8 @@ class SessionReader {
         if (processor >= 1 && processor <= 9) return;
         const Bytes payload(call.data.begin() + 4, call.data.end());
         const RequestKind kind = diagsim::decodeRequest(payload, {}).kind;
+        if (kind == RequestKind::kStart)
+            session_.requestedMs = static_cast<uint32_t>(wordAt(payload, 16, 4));
         Step step = stepFrom(call);
         if (call.result > 0) {
             step.state = State::kDriverError;
@@ -223,8 +225,10 @@ class SessionReader {
         step.duration = since(time) - step.time;
         step.state = stateOf(payload, pending.kind);
         if (step.state == State::kOk && step.duration > kLongestWaitNs) step.state = State::kLate;
-        if (step.state == State::kRefused && payload.size() <= 12)
-            step.detail = "answer " + diagsim::hexDump(payload);
+        step.foreign = step.state == State::kRefused && isForeign(payload, pending.kind);
+        if (step.state == State::kRefused && payload.size() <= 16) {
+            step.detail = (step.foreign ? "answered by " : "answer ") + diagsim::hexDump(payload);
+        }
         if (pending.kind == RequestKind::kLoopback && step.state == State::kOk)
             takeLoopback(payload, step);
         answered(pending.kind, step);
@@ -238,6 +242,11 @@ class SessionReader {
         if (!answers(response.kind, asked)) return State::kRefused;
         if (response.verdict == Verdict::kShort) return State::kShort;
         return response.verdict == Verdict::kAccepted ? State::kOk : State::kRefused;
+    }
+
+    static bool isForeign(const Bytes& payload, RequestKind asked) {
+        return payload[0] != diagsim::kErrorCommand &&
+               !answers(diagsim::decodeResponse(payload).kind, asked);
     }
 
     void takeLoopback(const Bytes& payload, const Step& step) {

@@ -45,6 +45,7 @@ struct Step {
     int count = 0;          // how often it was tried; of masks and log packets how many came
     uint64_t time = 0;      // nanoseconds since the session's first call
     uint64_t duration = 0;  // nanoseconds, to the answer or the call's end
+    bool foreign = false;   // refused because the answer belongs to another request
     std::string detail{};   // e.g. "2 of 3 masks came"
 };
 
@@ -80,6 +81,7 @@ struct Session {
     Step steps[kSteps];
     std::optional<Loopback> loopback{};
     std::vector<LogPacket> packets{};
+    uint32_t requestedMs = 0;  // the period of the last start; 0: none
     std::optional<Period> period{};
     std::optional<Clock> clock{};
     int strays = 0;   // frames that no request was waiting for

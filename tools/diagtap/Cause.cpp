@@ -5,6 +5,7 @@
 
 #include "sim/model/ErrnoName.h"
 #include "tools/diagtap/Analysis.h"
+#include "tools/diagtap/Formats.h"
 
 namespace diagtap {
 namespace {
@@ -14,7 +15,9 @@ constexpr uint64_t kSlowNs = 100 * kMsNs;
 constexpr uint32_t kHighestClockKhz = 5000000;
 constexpr size_t kRecordLength = 84;  // up to the last value
 constexpr double kLongGap = 2.5;      // periods
-constexpr double kStill = 0.01;       // of the host's clock
+constexpr double kShortestGapNs = 20e6;
+constexpr double kOtherPeriod = 2;  // times the period that was asked for
+constexpr double kStill = 0.01;     // of the host's clock
 constexpr double kDrift = 0.1;
 
 // For each step: what an answer that never comes, and one that says no, mean.
@@ -113,6 +116,10 @@ std::string causeOf(StepId id, const Step& step, const Surroundings& here) {
             return name + ": " + error + ": " + driverCause(id, step.error, here);
         }
         case State::kRefused:
+            if (step.foreign) {
+                return name + ' ' + step.detail +
+                       ", which answers another request: look for another client";
+            }
             return name + " refused" + detail + ": " + meaningOf(id).refused;
         case State::kShort:
             return name + ": the answer is cut short; look at the transport below the driver";
@@ -130,7 +137,7 @@ class Remarks {
         findSlowAnswers();
         findRecords();
         findTimes();
-        findGap();
+        findPeriod();
         findEnd();
     }
 
@@ -138,14 +145,14 @@ class Remarks {
     void add(const std::string& text) { session_.remarks.push_back(text); }
 
     void addCount(int count, const char* what) {
-        if (count > 0) add(std::to_string(count) + ' ' + what);
+        if (count > 0) add(what + (": " + std::to_string(count)));
     }
 
     void findFrames() {
         addCount(session_.strays,
-                 "frames came that no request waited for: another client's answers?");
-        addCount(session_.damaged, "buffers are not in order: see diagtap show");
-        addCount(session_.emptyReads, "reads returned nothing");
+                 "frames that no request waited for, perhaps another client's answers");
+        addCount(session_.damaged, "buffers that are not in order, see diagtap show");
+        addCount(session_.emptyReads, "reads that returned nothing");
         if (session_.readError != 0)
             add("a read failed: " + diagsim::errnoName(session_.readError));
     }
@@ -172,9 +179,9 @@ class Remarks {
             if (packet.length < kRecordLength) ++shorts;
             if (packet.claimed != packet.length) ++lies;
         }
-        addCount(versions, "log records have a version other than 1");
-        addCount(shorts, "log records are too short for all values");
-        addCount(lies, "log records have a false length");
+        addCount(versions, "log records of a version other than 1");
+        addCount(shorts, "log records too short for all values");
+        addCount(lies, "log records with a false length");
         if (!session_.clock) return;
         if (session_.clock->min == 0) add("the core clock is 0");
         if (session_.clock->max > kHighestClockKhz) add("the core clock is implausible");
@@ -200,12 +207,17 @@ class Remarks {
         add(text);
     }
 
-    void findGap() {
-        const std::optional<Period>& period = session_.period;
-        if (!period || period->longest < kLongGap * period->mean) return;
-        add("gap of " + milliseconds(static_cast<uint64_t>(period->longest)) +
-            " between log packets, " + milliseconds(static_cast<uint64_t>(period->mean)) +
-            " on average");
+    void findPeriod() {
+        if (!session_.period) return;
+        const double mean = session_.period->mean;
+        const double asked = session_.requestedMs * double{kMsNs};
+        if (asked > 0 && (mean < asked / kOtherPeriod || mean > asked * kOtherPeriod)) {
+            add("log packets come every " + inMs(mean) + " ms, asked for were " +
+                std::to_string(session_.requestedMs) + " ms");
+        }
+        const double longest = session_.period->longest;
+        if (longest < kLongGap * mean || longest < kShortestGapNs) return;
+        add("gap of " + milliseconds(static_cast<uint64_t>(longest)) + " between log packets");
     }
 
     void findEnd() {
