@@ -4,8 +4,10 @@
 #include <time.h>
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <string_view>
 
 #include "log/LogAdapter.h"
 #include "runtime/Lock.h"
@@ -55,6 +57,75 @@ void setOrOverwrite(std::atomic<LogLevel*>& slot, const LogLevel& value) {
     if (current->getLevel() != value.getLevel()) *current = value;
 }
 
+// A second as the thread's last line had it. Converting it takes longer than the rest of a line.
+struct SecondText {
+    time_t second;
+    // What the C library says of the zone in force. It sets these words under a lock of its own and
+    // without telling; whatever differs, if only for a moment, makes the text anew.
+    long zone;
+    const char* zoneName;
+    char text[80];  // empty until the first line
+
+    bool fits(time_t wanted) const {
+        return text[0] != '\0' && second == wanted && zone == currentZone() &&
+               zoneName == currentZoneName();
+    }
+
+    void set(time_t wanted) {
+        tm local{};
+        localtime_r(&wanted, &local);
+        if (strftime(text, sizeof text, "%b %d %H:%M:%S", &local) == 0) text[0] = '\0';
+        second = wanted;
+        zone = currentZone();
+        zoneName = currentZoneName();
+    }
+
+    static long currentZone() { return __atomic_load_n(&timezone, __ATOMIC_RELAXED); }
+    static const char* currentZoneName() { return __atomic_load_n(&tzname[0], __ATOMIC_RELAXED); }
+};
+
+const char* textOf(time_t second) {
+    static thread_local SecondText last;
+    if (!last.fits(second)) last.set(second);
+    return last.text;
+}
+
+// Three digits.
+struct MillisecondText {
+    explicit MillisecondText(long value)
+        : digits{static_cast<char>('0' + value / 100), static_cast<char>('0' + value / 10 % 10),
+                 static_cast<char>('0' + value % 10)} {}
+    operator std::string_view() const { return {digits, sizeof digits}; }
+    const char digits[3];
+};
+
+// A line in one piece, so that one call prints it and the stream's lock keeps it together. Needs
+// the heap only for a line that no formatted message makes.
+class LineBuffer {
+  public:
+    void append(std::string_view text) {
+        if (rest.empty() && used + text.size() <= sizeof buffer) {
+            memcpy(buffer + used, text.data(), text.size());
+            used += text.size();
+        } else {
+            rest.append(text);
+        }
+    }
+
+    // Returns what printf returns.
+    int print() {
+        if (!rest.empty()) rest.insert(0, buffer, used);
+        const char* const data = rest.empty() ? buffer : rest.data();
+        const size_t length = rest.empty() ? used : rest.size();
+        return fwrite(data, 1, length, stdout) == length ? static_cast<int>(length) : -1;
+    }
+
+  private:
+    char buffer[2304];
+    size_t used = 0;
+    std::string rest{};
+};
+
 LogLevel* valueOrInfo(const std::atomic<LogLevel*>& slot) {
     LogLevel* const value = slot.load(std::memory_order_acquire);
     return value != nullptr ? value : LogLevel::valueOf(kInfo);
@@ -102,44 +173,43 @@ void Logger::setMasterLogLevel(const LogLevel& newLevel) {
     setOrOverwrite(masterLogLevel, newLevel);
 }
 
-void Logger::vlogIfAdmitted(int number, const char* fmt, va_list args) {
-    if (level.getLevel() < number) return;
-    if (masterLogLevel.load(std::memory_order_acquire)->getLevel() < number) return;
-    vlog(*LogLevel::valueOf(number), fmt, args);
-}
-
 void Logger::errorf(const char* fmt, ...) {
+    if (!admits(kError)) return;
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(kError, fmt, args);
+    vlog(*LogLevel::valueOf(kError), fmt, args);
     va_end(args);
 }
 
 void Logger::warnf(const char* fmt, ...) {
+    if (!admits(kWarn)) return;
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(kWarn, fmt, args);
+    vlog(*LogLevel::valueOf(kWarn), fmt, args);
     va_end(args);
 }
 
 void Logger::infof(const char* fmt, ...) {
+    if (!admits(kInfo)) return;
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(kInfo, fmt, args);
+    vlog(*LogLevel::valueOf(kInfo), fmt, args);
     va_end(args);
 }
 
 void Logger::debugf(const char* fmt, ...) {
+    if (!admits(kDebug)) return;
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(kDebug, fmt, args);
+    vlog(*LogLevel::valueOf(kDebug), fmt, args);
     va_end(args);
 }
 
 void Logger::tracef(const char* fmt, ...) {
+    if (!admits(kTrace)) return;
     va_list args;
     va_start(args, fmt);
-    vlogIfAdmitted(kTrace, fmt, args);
+    vlog(*LogLevel::valueOf(kTrace), fmt, args);
     va_end(args);
 }
 
@@ -167,13 +237,18 @@ int Logger::log(const LogLevel& messageLevel, const std::string& message) {
 int Logger::print(const LogLevel& messageLevel, const char* message) const {
     timeval now{};
     gettimeofday(&now, nullptr);
-    tm local{};
-    const time_t seconds = now.tv_sec;
-    localtime_r(&seconds, &local);
-    char when[80];
-    strftime(when, sizeof when, "%b %d %H:%M:%S", &local);
-    const int result = printf("%s.%03ld [%s]: %s %s\n", when, static_cast<long>(now.tv_usec / 1000),
-                              name.c_str(), messageLevel.getName().c_str(), message);
+    LineBuffer line;
+    line.append(textOf(now.tv_sec));
+    line.append(".");
+    line.append(MillisecondText(now.tv_usec / 1000));
+    line.append(" [");
+    line.append(name.c_str());
+    line.append("]: ");
+    line.append(messageLevel.getName().c_str());
+    line.append(" ");
+    line.append(message);
+    line.append("\n");
+    const int result = line.print();
     return bufferingEnabled ? result : fflush(stdout);
 }
 

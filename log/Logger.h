@@ -116,8 +116,11 @@ class Logger {
     static void loadConfig(const char* path);
 
   private:
-    void vlogIfAdmitted(int number, const char* fmt, va_list args)
-        __attribute__((format(printf, 3, 0)));
+    // True if both filters admit a message of that level.
+    bool admits(int number) const {
+        return level.getLevel() >= number &&
+               masterLogLevel.load(std::memory_order_acquire)->getLevel() >= number;
+    }
     int print(const LogLevel& messageLevel, const char* message) const;
 
     // Set once and then changed in place, never freed; null while unset.

@@ -140,13 +140,29 @@ TEST(LoggerTest, LoggerAndMasterLevelsFilterLines) {
               "flush\nERROR f 2\nWARN f 3\nTRACE f unfiltered\nFATAL f string s+\nflush\n");
 }
 
+std::string now() {
+    const time_t seconds = static_cast<time_t>(getNow());  // time() may lag behind getNow()
+    char text[80];
+    strftime(text, sizeof text, "%b %d %H:%M:%S", localtime(&seconds));
+    return text;
+}
+
+TEST(LoggerTest, ALongLineIsWholeAndInTheCurrentZone) {
+    for (const char* zone : {"XXX0", "XXX-9", "YYY0"}) {
+        setenv("TZ", zone, 1);
+        tzset();
+        const std::string before = now();
+        testing::internal::CaptureStdout();
+        const int result =
+            Logger::getLogger("Zone")->log(*LogLevel::valueOf("INFO"), std::string(9000, 'm'));
+        const std::string line = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(line.substr(19), " [Zone]: INFO " + std::string(9000, 'm') + "\n");
+        EXPECT_EQ(result, static_cast<int>(line.size()));
+        EXPECT_TRUE(before <= line.substr(0, 15) && line.substr(0, 15) <= now()) << line;
+    }
+}
+
 TEST(LoggerTest, ALineHasTimeNameLevelAndMessage) {
-    const auto now = [] {
-        const time_t seconds = static_cast<time_t>(getNow());  // time() may lag behind getNow()
-        char text[80];
-        strftime(text, sizeof text, "%b %d %H:%M:%S", localtime(&seconds));
-        return std::string(text);
-    };
     const std::string before = now();
     testing::internal::CaptureStdout();
     Logger::getLogger("Line")->warnf("%s %%%d", "x", 7);
