@@ -32,7 +32,9 @@ class TaskQueue : public Runnable {
     // Queues an entry. Waits for room if there is a limit. Drops the entry if the queue is closed.
     void add(const T& entry) TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
-        append(entry);
+        ThreadGroup* const drains = append(entry);
+        guard.unlock();
+        startDrain(drains);
     }
 
   protected:
@@ -64,25 +66,57 @@ class TaskQueue : public Runnable {
     // True while a drain runs or is about to.
     bool isRunning() const { return running; }
     // The number of entries that wait or are being drained; the size of the largest batch.
-    int getSize() const { return size; }
+    int getSize() const {
+        const unsigned gone = drained;  // first: it never exceeds a later `added`
+        return static_cast<int>(added - gone);
+    }
     int getMaxSize() const { return maxSize; }
 
   protected:
-    // As add(), for callers that do more under the lock.
-    void append(const T& entry) TAVRIK_REQUIRES(lock) {
-        if (!waitForRoom()) return;
+    // As add(), for callers that do more under the lock. They pass the result to startDrain().
+    [[nodiscard]] ThreadGroup* append(const T& entry) TAVRIK_REQUIRES(lock) {
+        if (!waitForRoom()) return nullptr;
         input->push_back(entry);
-        ++size;
-        startDrain();
+        added.store(added.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        if (running) return nullptr;
+        running = true;
+        return group;
+    }
+
+    // Starts the drain on the group that append() returned; nothing if that is null. Without the
+    // lock, which the woken worker takes first. If the system has no thread, the next entry tries
+    // again.
+    void startDrain(ThreadGroup* drains) TAVRIK_EXCLUDES(lock) {
+        if (!drains) return;
+        DrainStart start(*this);
+        // Once started, the drain may end, and the queue be destroyed.
+        if (drains->trySpawn(this)) start.succeed();
     }
 
     // Guards the queues and what follows them. Taken before the group's lock and a worker's.
     Lock lock;
 
   private:
-    // If the system has no thread for the drain, the next entry tries again.
-    void startDrain() TAVRIK_REQUIRES(lock) {
-        if (!running) running = group->trySpawn(this);
+    // Takes `running` back, unless the drain was started, also if an exception ends the scope.
+    class DrainStart {
+      public:
+        explicit DrainStart(TaskQueue& owner) : queue(&owner) {}
+        ~DrainStart() {
+            if (queue) queue->noDrain();
+        }
+        DrainStart(const DrainStart&) = delete;
+        DrainStart& operator=(const DrainStart&) = delete;
+
+        void succeed() { queue = nullptr; }
+
+      private:
+        TaskQueue* queue;
+    };
+
+    void noDrain() TAVRIK_EXCLUDES(lock) {
+        LockGuard guard(lock);
+        running = false;
+        lock.notifyAll();
     }
 
     bool isFull() const TAVRIK_REQUIRES(lock) {
@@ -93,7 +127,7 @@ class TaskQueue : public Runnable {
     bool waitForRoom() TAVRIK_REQUIRES(lock) {
         if (!group) return false;
         if (!isFull()) return true;
-        startDrain();
+        if (!running) running = group->trySpawn(this);
         ++blockedProducers;
         while (group && running && isFull())
             lock.wait();
@@ -123,7 +157,7 @@ class TaskQueue : public Runnable {
         for (int index = 1; index <= count; ++index) {
             exec(batch.front(), index, count);
             batch.pop_front();
-            --size;
+            drained.store(drained.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         }
     }
 
@@ -137,8 +171,9 @@ class TaskQueue : public Runnable {
     int blockedProducers TAVRIK_GUARDED_BY(lock) = 0;
     const int limit;
 
-    // For the metrics.
-    std::atomic<int> size{0};
+    // For the metrics. Numbers of entries since the beginning, modulo 2^32.
+    std::atomic<unsigned> added{0};    // written under the lock
+    std::atomic<unsigned> drained{0};  // written by the drain
     std::atomic<int> maxSize{0};
 };
 

@@ -46,7 +46,10 @@ ThreadGroup::WorkerThread::WorkerThread(ThreadGroup* owner)
     : Thread(owner->workerName), group(owner) {}
 
 void ThreadGroup::WorkerThread::assign(Runnable* task, bool deleteUnrun) {
+    // Whoever closes the group meanwhile may release the worker as soon as it has the task.
+    reserve();
     tryAssign(task, deleteUnrun);
+    release();
 }
 
 bool ThreadGroup::WorkerThread::tryAssign(Runnable* task, bool deleteUnrun) {
@@ -61,8 +64,11 @@ bool ThreadGroup::WorkerThread::tryAssign(Runnable* task, bool deleteUnrun) {
     }
     runnable = task;
     autoDelete = deleteUnrun;
+    const bool willRun = !hasFailedToStart();
+    guard.unlock();
+    // The woken worker takes the lock first.
     lock.notifyAll();
-    return !hasFailedToStart();
+    return willRun;
 }
 
 void ThreadGroup::WorkerThread::run() {

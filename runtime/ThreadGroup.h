@@ -41,7 +41,8 @@ class ThreadGroup {
       private:
         friend class ThreadGroup;
 
-        // assign(); false when the task will never run.
+        // assign(), for a caller with a reference on the worker; false when the task will never
+        // run.
         bool tryAssign(Runnable* runnable, bool autoDelete) TAVRIK_EXCLUDES(lock);
         bool waitForTask() TAVRIK_REQUIRES(lock);
         void dropTask() TAVRIK_REQUIRES(lock);

@@ -19,11 +19,10 @@ void Trigger::Notifier::request(int newValue) {
     LockGuard guard(lock);
     if (newValue == trigger->requestedValue) return;
     trigger->requestedValue = newValue;
-    if (trigger->enabled || isRunning()) {
-        append({NotifierEntry::Kind::kValue, newValue, getNow()});
-    } else {
-        trigger->apply(newValue, getNow());
-    }
+    if (!trigger->enabled && !isRunning()) return trigger->apply(newValue, getNow());
+    ThreadGroup* const drains = append({NotifierEntry::Kind::kValue, newValue, getNow()});
+    guard.unlock();
+    startDrain(drains);
 }
 
 void Trigger::Notifier::maintain() { add({NotifierEntry::Kind::kMaintenance, 0, 0.0}); }
