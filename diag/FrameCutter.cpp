@@ -1,5 +1,8 @@
 #include "diag/FrameCutter.h"
 
+#include <cstddef>
+#include <cstring>
+
 namespace tavrik {
 
 namespace {
@@ -8,24 +11,56 @@ constexpr unsigned char kFrameEnd = 0x7E;
 constexpr unsigned char kEscapeByte = 0x7D;
 constexpr unsigned char kEscapeMask = 0x20;
 
+// Escapes often stand close to each other: then a search takes longer than the bytes.
+constexpr std::ptrdiff_t kShortRun = 16;
+
+// The first `byte` before `last`, or `last`.
+unsigned char* find(unsigned char byte, unsigned char* first, unsigned char* last) {
+    void* const found = memchr(first, byte, static_cast<size_t>(last - first));
+    return found ? static_cast<unsigned char*>(found) : last;
+}
+
 }  // namespace
 
 bool FrameCutter::next(Frame& frame) {
-    unsigned char* out = at;
-    for (unsigned char* in = at; in != end;) {
-        const unsigned char byte = *in++;
-        if (byte == kEscapeByte) {
-            if (in == end) return false;
-            *out++ = *in++ ^ kEscapeMask;
-            continue;
+    unsigned char* const flag = find(kFrameEnd, at, end);
+    if (flag == end) return false;
+    unsigned char* const escape = find(kEscapeByte, at, flag);
+    if (escape != flag) return unescape(escape, flag, frame);
+    frame = {at, static_cast<int>(flag + 1 - at)};
+    at = flag + 1;
+    return true;
+}
+
+bool FrameCutter::unescape(unsigned char* escape, unsigned char* flag, Frame& frame) {
+    unsigned char* in = escape;
+    unsigned char* out = escape;
+    const unsigned char* run = in;  // where the bytes without an escape began
+    while (in != flag) {
+        if (*in == kEscapeByte) {
+            *out++ = in[1] ^ kEscapeMask;
+            in += 2;
+            run = in;
+            // The flag stood behind the escape, so it is data.
+            if (in > flag) flag = find(kFrameEnd, in, end);
+            if (flag == end) return false;
+        } else if (in - run < kShortRun) {
+            *out++ = *in++;
+        } else {
+            moveRun(in, flag, out);
         }
-        *out++ = byte;
-        if (byte != kFrameEnd) continue;
-        frame = {at, static_cast<int>(out - at)};
-        at = in;
-        return true;
     }
-    return false;
+    *out++ = kFrameEnd;
+    frame = {at, static_cast<int>(out - at)};
+    at = flag + 1;
+    return true;
+}
+
+void FrameCutter::moveRun(unsigned char*& in, unsigned char* flag, unsigned char*& out) {
+    const std::ptrdiff_t length = find(kEscapeByte, in, flag) - in;
+    memmove(out, in, static_cast<size_t>(length));
+    in += length;
+    out += length;
 }
 
 }  // namespace tavrik
