@@ -17,15 +17,19 @@ namespace {
 using tavrik::Trigger;
 using tavrik::TriggerRegistry;
 
+// How many subscribers were told a value. One thread at a time tells them.
 std::atomic<int> told{0};
 
-// One of `count` subscribers; the last value that all were told is in `told`.
+void countTold() {
+    told.store(told.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
 struct Subscriber : Trigger::Listener {
     void reserve() override {}
     bool release() override { return false; }
     void onTriggerValueChange(Trigger* trigger) override {
         sum += trigger->getValue();
-        told.fetch_add(1, std::memory_order_release);
+        countTold();
     }
     long sum = 0;
 };
@@ -33,7 +37,7 @@ struct Subscriber : Trigger::Listener {
 struct PeerSubscriber {
     void onValue(int value) {
         sum += value;
-        told.fetch_add(1, std::memory_order_release);
+        countTold();
     }
     long sum = 0;
 };

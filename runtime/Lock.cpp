@@ -10,12 +10,6 @@ namespace tavrik {
 
 namespace {
 
-void report(int result, const char* text) {
-    if (result == 0) return;
-    errno = result;
-    perror(text);
-}
-
 timespec deadlineAfter(int milliseconds) {
     timeval now{};
     gettimeofday(&now, nullptr);
@@ -31,6 +25,11 @@ timespec deadlineAfter(int milliseconds) {
 
 }  // namespace
 
+void Lock::print(int result, const char* text) {
+    errno = result;
+    perror(text);
+}
+
 Lock::Lock() {
     report(pthread_mutex_init(&mutex, nullptr), "pthread_mutex_init() error");
     report(pthread_cond_init(&condition, nullptr), "pthread_cond_init() error");
@@ -40,10 +39,6 @@ Lock::~Lock() {
     pthread_mutex_destroy(&mutex);
     pthread_cond_destroy(&condition);
 }
-
-void Lock::lock() { report(pthread_mutex_lock(&mutex), "pthread_mutex_lock() error"); }
-
-void Lock::unlock() { report(pthread_mutex_unlock(&mutex), "pthread_mutex_unlock() error"); }
 
 void Lock::wait() { report(pthread_cond_wait(&condition, &mutex), "pthread_cond_wait() error"); }
 

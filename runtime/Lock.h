@@ -20,8 +20,12 @@ class TAVRIK_CAPABILITY("mutex") Lock {
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
 
-    void lock() TAVRIK_ACQUIRE();
-    void unlock() TAVRIK_RELEASE();
+    void lock() TAVRIK_ACQUIRE() {
+        report(pthread_mutex_lock(&mutex), "pthread_mutex_lock() error");
+    }
+    void unlock() TAVRIK_RELEASE() {
+        report(pthread_mutex_unlock(&mutex), "pthread_mutex_unlock() error");
+    }
 
     // Releases the lock, sleeps until a notification and takes the lock again. May wake spuriously:
     // test the condition in a loop.
@@ -37,6 +41,11 @@ class TAVRIK_CAPABILITY("mutex") Lock {
     void notifyAll();
 
   private:
+    static void report(int result, const char* text) {
+        if (result != 0) print(result, text);
+    }
+    static void print(int result, const char* text);
+
     pthread_mutex_t mutex;
     pthread_cond_t condition;
 };

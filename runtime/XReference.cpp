@@ -1,23 +1,40 @@
 #include "runtime/XReference.h"
 
+#include <algorithm>
+#include <functional>
+#include <iterator>
+
 namespace tavrik {
+
+namespace {
+
+// Pointers to different objects have no order of their own.
+constexpr std::less<const SelfDestructingResource*> kInOrder{};
+
+}  // namespace
 
 XReference::~XReference() { clear(); }
 
-void XReference::add(SelfDestructingResource* resource) {
-    if (!resource) return;
-    LockGuard guard(pendingLock);
-    if (contains(pendingAdds, resource)) return;
-    if (move(pendingRemoves, pendingAdds, resource)) return;
-    push(pendingAdds, resource);
-}
+void XReference::add(SelfDestructingResource* resource) { queue(Change::kAdd, resource); }
 
-void XReference::remove(SelfDestructingResource* resource) {
+void XReference::remove(SelfDestructingResource* resource) { queue(Change::kRemove, resource); }
+
+void XReference::queue(Change change, SelfDestructingResource* resource) {
     if (!resource) return;
     LockGuard guard(pendingLock);
-    if (contains(pendingRemoves, resource)) return;
-    if (move(pendingAdds, pendingRemoves, resource)) return;
-    push(pendingRemoves, resource);
+    Resources& list = listOf(change);
+    const auto found = pending.find(resource);
+    if (found == pending.end()) {
+        Resources node{resource};
+        pending.emplace(resource, Pending{change, node.begin()});
+        list.splice(list.begin(), node);
+        resource->reserve();
+    } else if (found->second.change != change) {
+        // The later one counts and takes over the reference.
+        list.splice(list.begin(), listOf(found->second.change), found->second.place);
+        found->second.change = change;
+    }
+    changed.store(true, std::memory_order_release);
 }
 
 void XReference::visit(Visitor& visitor) {
@@ -42,75 +59,62 @@ void XReference::optimize() {
 void XReference::clear() {
     LockGuard setGuard(setLock);
     LockGuard guard(pendingLock);
-    for (const Node* node = pendingAdds; node; node = node->next)
-        node->resource->release();
-    destroy(pendingAdds);
-    destroy(pendingRemoves);
-    destroy(freeNodes);
+    for (SelfDestructingResource* const resource : pendingAdds)
+        resource->release();
+    pendingAdds.clear();
+    pendingRemoves.clear();
+    pending.clear();
     for (SelfDestructingResource* const member : members)
         member->release();
     members.clear();
 }
 
-bool XReference::contains(const Node* list, const SelfDestructingResource* resource) {
-    while (list && list->resource != resource)
-        list = list->next;
-    return list != nullptr;
-}
-
-bool XReference::move(Node*& from, Node*& to, const SelfDestructingResource* resource) {
-    Node** link = &from;
-    while (*link && (*link)->resource != resource)
-        link = &(*link)->next;
-    Node* const node = *link;
-    if (!node) return false;
-    *link = node->next;
-    node->next = to;
-    to = node;
-    return true;
-}
-
-void XReference::destroy(Node*& list) {
-    while (list) {
-        Node* const node = list;
-        list = node->next;
-        delete node;
-    }
-}
-
-void XReference::push(Node*& list, SelfDestructingResource* resource) {
-    Node* node = freeNodes;
-    if (node) {
-        freeNodes = node->next;
-    } else {
-        node = new Node;
-    }
-    resource->reserve();
-    *node = {resource, list};
-    list = node;
-}
-
-SelfDestructingResource* XReference::pop(Node*& list) {
-    Node* const node = list;
-    SelfDestructingResource* const resource = node->resource;
-    list = node->next;
-    *node = {nullptr, freeNodes};
-    freeNodes = node;
-    return resource;
+bool XReference::isMember(const SelfDestructingResource* resource) const {
+    return std::binary_search(members.begin(), members.end(), resource, kInOrder);
 }
 
 void XReference::maintenance() {
+    if (!changed.load(std::memory_order_acquire)) return;
     LockGuard guard(pendingLock);
-    while (pendingRemoves) {
-        SelfDestructingResource* const resource = pop(pendingRemoves);
-        if (members.erase(resource) != 0) resource->release();
+    applyRemoves();
+    applyAdds();
+    pending.clear();
+    changed.store(false, std::memory_order_relaxed);
+}
+
+// A resource may be gone after its release; its address alone is compared then.
+void XReference::applyRemoves() {
+    std::vector<SelfDestructingResource*> leaving(pendingRemoves.begin(), pendingRemoves.end());
+    for (SelfDestructingResource* const resource : leaving) {
+        if (isMember(resource)) resource->release();
         resource->release();
     }
-    while (pendingAdds) {
-        SelfDestructingResource* const resource = pop(pendingAdds);
-        // The reference of the node becomes the member's.
-        if (!members.insert(resource).second) resource->release();
+    pendingRemoves.clear();
+    std::sort(leaving.begin(), leaving.end(), kInOrder);
+    const auto leaves = [&leaving](const SelfDestructingResource* member) {
+        return std::binary_search(leaving.begin(), leaving.end(), member, kInOrder);
+    };
+    if (leaving.empty()) return;
+    members.erase(std::remove_if(members.begin(), members.end(), leaves), members.end());
+}
+
+void XReference::applyAdds() {
+    const auto old = static_cast<std::ptrdiff_t>(members.size());
+    std::vector<SelfDestructingResource*> coming;
+    coming.reserve(pendingAdds.size());
+    members.reserve(members.size() + pendingAdds.size());
+    for (SelfDestructingResource* const resource : pendingAdds) {
+        if (!isMember(resource)) {
+            // The reference of the change becomes the member's.
+            coming.push_back(resource);
+        } else {
+            resource->release();
+        }
     }
+    pendingAdds.clear();
+    std::sort(coming.begin(), coming.end(), kInOrder);
+    members.insert(members.end(), coming.begin(), coming.end());
+    std::inplace_merge(members.begin(), members.begin() + old, members.end(), kInOrder);
 }
 
 }  // namespace tavrik

@@ -1,6 +1,9 @@
 #pragma once
 
-#include <set>
+#include <atomic>
+#include <list>
+#include <unordered_map>
+#include <vector>
 
 #include "runtime/Lock.h"
 #include "runtime/SelfDestructingResource.h"
@@ -48,35 +51,42 @@ class XReference {
     void clear() TAVRIK_EXCLUDES(setLock, pendingLock);
 
   private:
-    struct Node {
-        SelfDestructingResource* resource;
-        Node* next;
+    using Resources = std::list<SelfDestructingResource*>;
+    enum class Change { kAdd, kRemove };
+    // A queued change: its place in the list of its kind.
+    struct Pending {
+        Change change;
+        Resources::iterator place;
     };
 
-    // Moves the first node of `resource` from one list to the front of another. False when there is
-    // none.
-    static bool move(Node*& from, Node*& to, const SelfDestructingResource* resource);
-    static bool contains(const Node* list, const SelfDestructingResource* resource);
-    static void destroy(Node*& list);
+    // Queues a change, newest first.
+    void queue(Change change, SelfDestructingResource* resource) TAVRIK_EXCLUDES(pendingLock);
+    Resources& listOf(Change change) TAVRIK_REQUIRES(pendingLock) {
+        return change == Change::kAdd ? pendingAdds : pendingRemoves;
+    }
 
-    // Takes a reference and queues it on `list`.
-    void push(Node*& list, SelfDestructingResource* resource) TAVRIK_REQUIRES(pendingLock);
-    // Takes the front node off `list`, keeps it as a spare and returns its resource.
-    SelfDestructingResource* pop(Node*& list) TAVRIK_REQUIRES(pendingLock);
+    // Apply the queued changes.
     void maintenance() TAVRIK_REQUIRES(setLock);
+    void applyRemoves() TAVRIK_REQUIRES(setLock, pendingLock);
+    void applyAdds() TAVRIK_REQUIRES(setLock, pendingLock);
+    bool isMember(const SelfDestructingResource* resource) const TAVRIK_REQUIRES(setLock);
 
     // Lock order: setLock, pendingLock. A resource's own locks may be taken under both.
 
     // Guards the members and every walk over them.
     Lock setLock TAVRIK_ACQUIRED_BEFORE(pendingLock);
-    // Guards the three lists.
+    // Guards the queued changes.
     Lock pendingLock;
 
-    Node* freeNodes TAVRIK_GUARDED_BY(pendingLock) = nullptr;  // spares, kept until clear()
-    Node* pendingAdds TAVRIK_GUARDED_BY(pendingLock) = nullptr;
-    Node* pendingRemoves TAVRIK_GUARDED_BY(pendingLock) = nullptr;
+    Resources pendingAdds TAVRIK_GUARDED_BY(pendingLock);
+    Resources pendingRemoves TAVRIK_GUARDED_BY(pendingLock);
+    std::unordered_map<SelfDestructingResource*, Pending> pending TAVRIK_GUARDED_BY(pendingLock);
+    // Whether there are any. Written under pendingLock, so that a walk without changes need not
+    // take it.
+    std::atomic<bool> changed{false};
 
-    std::set<SelfDestructingResource*> members TAVRIK_GUARDED_BY(setLock);
+    // In ascending order.
+    std::vector<SelfDestructingResource*> members TAVRIK_GUARDED_BY(setLock);
 };
 
 }  // namespace tavrik
