@@ -18,7 +18,7 @@ Trigger::Notifier::~Notifier() { close(); }
 void Trigger::Notifier::request(int newValue) {
     LockGuard guard(lock);
     if (newValue == trigger->requestedValue) return;
-    trigger->requestedValue = newValue;
+    trigger->requestedValue.store(newValue, std::memory_order_release);
     if (!trigger->enabled && !isRunning()) return trigger->apply(newValue, getNow());
     ThreadGroup* const drains = append({NotifierEntry::Kind::kValue, newValue, getNow()});
     guard.unlock();
@@ -75,13 +75,26 @@ void Trigger::publish(TriggerMetric& metric, const char* metricName, const char*
     MetricRegistry::Instance()->addMetric(&metric);
 }
 
+template <auto notify>
+void Trigger::tellSubscribers() {
+    struct Teller : XReference::Visitor {
+        explicit Teller(Trigger* changed) : trigger(changed) {}
+        bool visitReference(SelfDestructingResource* resource) override {
+            (static_cast<Listener*>(resource)->*notify)(trigger);
+            return false;
+        }
+        Trigger* const trigger;
+    } teller(this);
+    subscribers.visit(teller);
+}
+
 void Trigger::setValue(int newValue) {
-    ++setCount;
+    setCount.fetch_add(1, std::memory_order_relaxed);
     notifier.request(newValue);
 }
 
 int Trigger::setValueQuietly(int newValue) {
-    ++setCount;
+    setCount.fetch_add(1, std::memory_order_relaxed);
     LockGuard guard(valueLock);
     if (newValue != value) applyLocked(newValue, getNow());
     return value;
@@ -89,7 +102,7 @@ int Trigger::setValueQuietly(int newValue) {
 
 void Trigger::_setValue(int newValue, double newTime) {
     apply(newValue, newTime);
-    if (enabled) tellSubscribers(&Listener::onTriggerValueChange);
+    if (enabled) tellSubscribers<&Listener::onTriggerValueChange>();
 }
 
 void Trigger::apply(int newValue, double newTime) {
@@ -98,31 +111,23 @@ void Trigger::apply(int newValue, double newTime) {
 }
 
 void Trigger::applyLocked(int newValue, double newTime) {
-    previousTime = time.load();
-    previousValue = value.load();
-    value = newValue;
-    time = newTime;
-    ++changeCount;
+    constexpr auto kRelaxed = std::memory_order_relaxed;
+    previousTime.store(time.load(kRelaxed), kRelaxed);
+    previousValue.store(value.load(kRelaxed), kRelaxed);
+    time.store(newTime, kRelaxed);
+    changeCount.store(changeCount.load(kRelaxed) + 1, kRelaxed);
+    // The last one: who reads the new value sees what its setter did before.
+    value.store(newValue, std::memory_order_release);
 }
 
 void Trigger::setEnabled(bool enable) {
     if (!notifier.setEnabled(enable)) return;
     (enable ? enabledTime : disabledTime) = getNow();
-    tellSubscribers(enable ? &Listener::onTriggerEnabled : &Listener::onTriggerDisabled);
-}
-
-void Trigger::tellSubscribers(void (Listener::*notify)(Trigger*)) {
-    struct Teller : XReference::Visitor {
-        bool visitReference(SelfDestructingResource* resource) override {
-            (static_cast<Listener*>(resource)->*notify)(trigger);
-            return false;
-        }
-        Trigger* trigger = nullptr;
-        void (Listener::*notify)(Trigger*) = nullptr;
-    } teller;
-    teller.trigger = this;
-    teller.notify = notify;
-    subscribers.visit(teller);
+    if (enable) {
+        tellSubscribers<&Listener::onTriggerEnabled>();
+    } else {
+        tellSubscribers<&Listener::onTriggerDisabled>();
+    }
 }
 
 void Trigger::subscribe(Listener* listener) { subscribers.add(listener); }

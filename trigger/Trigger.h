@@ -136,8 +136,9 @@ class Trigger {
 
     void apply(int newValue, double newTime) TAVRIK_EXCLUDES(valueLock);
     void applyLocked(int newValue, double newTime) TAVRIK_REQUIRES(valueLock);
-    // Calls `notify` on every subscriber.
-    void tellSubscribers(void (Listener::*notify)(Trigger*));
+    // Calls `notify`, an operation of Listener, on every subscriber.
+    template <auto notify>
+    void tellSubscribers();
     void publish(TriggerMetric& metric, const char* metricName, const char* description);
 
     static std::atomic<Logger*> logger;
