@@ -122,6 +122,22 @@ TEST_F(RuntimeTest, ReadersOvertakeAWaitingWriter) {
     EXPECT_TRUE(rw.tryReadLock());
 }
 
+TEST_F(RuntimeTest, PromotionWaitsForTheOtherReaders) {
+    rw.readLock();
+    rw.readLock();
+    std::atomic<bool> promoted{false};
+    startBlocked([&] {
+        rw.promoteToWriteLock();
+        promoted = true;
+        EXPECT_FALSE(rw.tryReadLock());
+        rw.writeUnlock();
+    });
+    EXPECT_FALSE(promoted);
+    rw.readUnlock();
+    join();
+    EXPECT_TRUE(isFree());
+}
+
 TEST_F(RuntimeTest, DemotionWakesNoWaiter) {
     std::atomic<bool> entered{false};
     rw.writeLock();

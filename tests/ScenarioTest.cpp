@@ -34,7 +34,7 @@ TEST(ScenarioTest, ErrorsNameThePlaceAndTheMistake) {
         return "no error";
     };
     const std::pair<const char*, const char*> mistakes[] = {
-        {R"({"opne": {}})", "f.json: unknown key \"opne\" in the scenario (known: open, "},
+        {R"({"opne": {}})", "f.json: unknown key \"opne\" in the scenario (known: "},
         {R"({"requests": {"start": {"dorp": true}}})",
          "f.json: unknown key \"dorp\" in requests.start (known: on, drop, "},
         {R"({"requests": {"any": [{}, {"drop": 1}]}})",

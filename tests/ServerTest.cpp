@@ -128,6 +128,10 @@ TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
     EXPECT_FALSE(SystemErrorMessages::hasMessages());
     SystemErrorMessages::add(11);
     EXPECT_EQ(SystemErrorMessages::nextMessage()->text, "Limit reached.");
+    for (const char* const text : {static_cast<const char*>(nullptr), "text"}) {
+        SystemErrorMessages::add(12, text);
+        EXPECT_EQ(SystemErrorMessages::nextMessage()->text, text ? text : "");
+    }
 }
 
 // A message that the channel posts while it publishes is published too, and does not change the

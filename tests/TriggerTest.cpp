@@ -79,6 +79,7 @@ TEST_F(TriggerTest, ADisabledTriggerAppliesValuesSilently) {
     EXPECT_EQ(trigger->getSetCount(), 1);
     EXPECT_EQ(trigger->getChangeCount(), 0);
     const double before = getNow();
+    EXPECT_EQ(trigger->getPreviousValue(), 0);
     trigger->setValue(5);
     EXPECT_EQ(trigger->getPreviousTime(), 0.0);
     const double first = trigger->getTime();
