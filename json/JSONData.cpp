@@ -1,42 +1,98 @@
 #include "json/JSONData.h"
 
-#include <cctype>
+#include <charconv>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <utility>
 
+#include "json/src/NodeSource.h"
 #include "json/src/Parser.h"
 #include "json/src/Writer.h"
 
 namespace tavrik {
 
+// Finds members by their keys. Among equal keys it knows the last one.
+struct JSONData::MemberIndex {
+    explicit MemberIndex(const std::vector<entry>& list) { rebuild(list); }
+
+    int find(const std::vector<entry>& list, std::string_view key) const {
+        return static_cast<int>(places[placeOf(list, key)]) - 1;
+    }
+
+    // Adds the last member of the list.
+    void addLast(const std::vector<entry>& list) {
+        if (2 * list.size() > places.size()) return rebuild(list);
+        places[placeOf(list, list.back().key)] = static_cast<uint32_t>(list.size());
+    }
+
+  private:
+    void rebuild(const std::vector<entry>& list) {
+        size_t size = 64;
+        while (size < 4 * list.size())
+            size *= 2;
+        places.assign(size, 0);
+        for (size_t i = 0; i < list.size(); ++i)
+            places[placeOf(list, list[i].key)] = static_cast<uint32_t>(i + 1);
+    }
+
+    // The place with that key, or the empty one where it belongs.
+    size_t placeOf(const std::vector<entry>& list, std::string_view key) const {
+        const size_t mask = places.size() - 1;
+        size_t place = std::hash<std::string_view>()(key) & mask;
+        while (places[place] != 0 && list[places[place] - 1].key != key)
+            place = (place + 1) & mask;
+        return place;
+    }
+
+    std::vector<uint32_t> places{};  // a member's index + 1; 0: empty. At most half are used
+};
+
+namespace {
+
+// With fewer members a look-up compares all keys.
+constexpr size_t kIndexedFrom = 16;
+
+}  // namespace
+
 void JSONData::release() {
     if (refCount > 1) {
         --refCount;
+    } else {
+        destroy();
+    }
+}
+
+void JSONData::destroy() {
+    if (slot == kOwnMemory) {
+        delete this;
         return;
     }
-    delete this;
+    Slab* const slab = Slab::of(this);
+    this->~JSONData();
+    slab->drop(1);
 }
 
 void JSONData::setType(int newType) {
     if (type == newType) return;
-    reset();
-    type = static_cast<uint16_t>(newType);
-    switch (type) {
+    if (hasContent()) reset();
+    value.integer = 0;
+    switch (newType) {
         case kObject:
-            value.members = new std::vector<entry*>;
+            new (&value.members) Members;
             break;
         case kArray:
-            value.elements = new std::vector<JSONData*>;
+            new (&value.elements) std::vector<JSONData*>;
             break;
         case kString:
-            value.text = new std::string;
+            new (&value.text) std::string;
             break;
         default:
             break;
     }
+    type = static_cast<uint16_t>(newType);
 }
 
 void JSONData::setBoolean(bool newValue) {
@@ -54,35 +110,40 @@ void JSONData::setDouble(long double newValue) {
     value.real = static_cast<double>(newValue);
 }
 
-void JSONData::setString(const std::string& newValue) {
-    std::string copy(newValue);  // setType() may free the original
-    setType(kString);
-    value.text->swap(copy);
-}
+void JSONData::setString(const std::string& newValue) { takeString(std::string(newValue)); }
 
 void JSONData::setString(const char* newValue) {
-    setString(std::string(newValue != nullptr ? newValue : ""));
+    takeString(std::string(newValue != nullptr ? newValue : ""));
+}
+
+void JSONData::takeString(std::string&& newValue) {
+    setType(kString);
+    value.text = std::move(newValue);
 }
 
 void JSONData::reset() {
     std::vector<JSONData*> children;
     moveChildrenTo(children);
+    destroyValue();
+    releaseAll(children);
+}
+
+void JSONData::destroyValue() {
     switch (type) {
         case kObject:
-            delete value.members;
+            value.members.~Members();
             break;
         case kArray:
-            delete value.elements;
+            value.elements.~vector();
             break;
         case kString:
-            delete value.text;
+            value.text.~basic_string();
             break;
         default:
             break;
     }
     type = kNone;
     value.integer = 0;
-    releaseAll(children);
 }
 
 void JSONData::clear() {
@@ -93,14 +154,13 @@ void JSONData::clear() {
 
 void JSONData::moveChildrenTo(std::vector<JSONData*>& children) {
     if (type == kArray) {
-        children.insert(children.end(), value.elements->begin(), value.elements->end());
-        value.elements->clear();
+        children.insert(children.end(), value.elements.begin(), value.elements.end());
+        value.elements.clear();
     } else if (type == kObject) {
-        for (const entry* const member : *value.members) {
-            children.push_back(member->value);
-            delete member;
-        }
-        value.members->clear();
+        for (const entry& member : value.members.list)
+            children.push_back(member.value);
+        value.members.index.reset();
+        value.members.list.clear();
     }
 }
 
@@ -114,21 +174,27 @@ void JSONData::releaseAll(std::vector<JSONData*>& children) {
 }
 
 int JSONData::length() const {
-    if (type == kArray) return static_cast<int>(value.elements->size());
-    if (type == kObject) return static_cast<int>(value.members->size());
+    if (type == kArray) return static_cast<int>(value.elements.size());
+    if (type == kObject) return static_cast<int>(value.members.list.size());
     return 0;
 }
 
-JSONData* JSONData::getByIndex(int i) const {
-    if (!has(i)) return nullptr;
+JSONData* JSONData::getByIndex(int i) const { return has(i) ? valueAt(i) : nullptr; }
+
+JSONData* JSONData::valueAt(int i) const {
     const size_t index = static_cast<size_t>(i);
-    return type == kArray ? (*value.elements)[index] : (*value.members)[index]->value;
+    return type == kArray ? value.elements[index] : value.members.list[index].value;
 }
 
-int JSONData::find(const std::string& key) const {
+int JSONData::find(std::string_view key) const {
     if (type != kObject) return -1;
+    const Members& members = value.members;
+    if (members.list.size() >= kIndexedFrom) {
+        if (!members.index) members.index = std::make_unique<MemberIndex>(members.list);
+        return members.index->find(members.list, key);
+    }
     int i = length() - 1;
-    while (i >= 0 && (*value.members)[static_cast<size_t>(i)]->key != key)
+    while (i >= 0 && members.list[static_cast<size_t>(i)].key != key)
         --i;
     return i;
 }
@@ -136,12 +202,12 @@ int JSONData::find(const std::string& key) const {
 JSONData* JSONData::getByKey(const std::string& key) const { return getByIndex(find(key)); }
 
 JSONData* JSONData::getByKey(const char* key) const {
-    return key != nullptr ? getByKey(std::string(key)) : nullptr;
+    return key != nullptr ? getByIndex(find(key)) : nullptr;
 }
 
 const std::string* JSONData::getKeyAtIndex(int i) const {
     if (type != kObject || !has(i)) return nullptr;
-    return &(*value.members)[static_cast<size_t>(i)]->key;
+    return &value.members.list[static_cast<size_t>(i)].key;
 }
 
 bool JSONData::booleanValue() const {
@@ -166,25 +232,29 @@ long double JSONData::doubleValue() const {
                            : static_cast<long double>(longValue());
 }
 
-const std::string* JSONData::stringValue() const { return type == kString ? value.text : nullptr; }
+const std::string* JSONData::stringValue() const { return type == kString ? &value.text : nullptr; }
 
-void JSONData::setByKey(const std::string& key_, JSONData* newValue) {
-    const std::string key(key_);  // setType() and erase() may free the original
+// Both copy the key: setType() and erase() may free the original.
+void JSONData::setByKey(const std::string& key, JSONData* newValue) {
+    setMember(std::string(key), newValue);
+}
+
+void JSONData::setByKey(const char* key, JSONData* newValue) {
+    if (key != nullptr) setMember(std::string(key), newValue);
+}
+
+void JSONData::setMember(std::string&& key, JSONData* newValue) {
     if (newValue != nullptr) newValue->reserve();
     setType(kObject);
     const int i = find(key);
     if (newValue == nullptr) {
         erase(i);
     } else if (i < 0) {
-        adopt(key, newValue);
+        adopt(std::move(key), newValue);
     } else {
-        std::swap((*value.members)[static_cast<size_t>(i)]->value, newValue);
+        std::swap(value.members.list[static_cast<size_t>(i)].value, newValue);
         newValue->release();
     }
-}
-
-void JSONData::setByKey(const char* key, JSONData* newValue) {
-    if (key != nullptr) setByKey(std::string(key), newValue);
 }
 
 void JSONData::setByIndex(int i, JSONData* newValue) {
@@ -199,25 +269,28 @@ void JSONData::setByIndex(int i, JSONData* newValue) {
         return;
     }
     if (has(i)) {
-        std::swap((*value.elements)[static_cast<size_t>(i)], newValue);
+        std::swap(value.elements[static_cast<size_t>(i)], newValue);
     } else {
         fprintf(stderr, "JSONData::%s: %s\n", "setByIndex()", "index out of range");
     }
     newValue->release();
 }
 
-void JSONData::adopt(const std::string& key, JSONData* child) {
-    value.members->push_back(new entry{key, child});
+void JSONData::adopt(std::string&& key, JSONData* child) {
+    Members& members = value.members;
+    members.list.push_back({std::move(key), child});
+    if (members.index) members.index->addLast(members.list);
 }
 
 void JSONData::erase(int i) {
     JSONData* const child = getByIndex(i);
     if (child == nullptr) return;
     if (type == kArray) {
-        value.elements->erase(value.elements->begin() + i);
+        value.elements.erase(value.elements.begin() + i);
     } else {
-        delete (*value.members)[static_cast<size_t>(i)];
-        value.members->erase(value.members->begin() + i);
+        // The members behind it move up.
+        value.members.index.reset();
+        value.members.list.erase(value.members.list.begin() + i);
     }
     child->release();
 }
@@ -229,35 +302,44 @@ void JSONData::erase(const char* key) {
 }
 
 JSONData* JSONData::clone() const {
+    NodeSource nodes;
     JSONData* const top = new JSONData;
     top->refCount = 0;
     std::vector<std::pair<const JSONData*, JSONData*>> pending{{this, top}};
     while (!pending.empty()) {
         const auto [from, to] = pending.back();
         pending.pop_back();
-        to->copyShallow(*from);
-        for (int i = 0; i < to->length(); ++i)
-            pending.emplace_back(from->getByIndex(i), to->getByIndex(i));
+        to->copyShallow(*from, nodes);
+        for (int i = 0; i < to->length(); ++i) {
+            const JSONData* const child = from->valueAt(i);
+            if (child->isContainer()) {
+                pending.emplace_back(child, to->valueAt(i));
+            } else {
+                to->valueAt(i)->copyShallow(*child, nodes);
+            }
+        }
     }
     return top;
 }
 
-void JSONData::copyShallow(const JSONData& other) {
+void JSONData::copyShallow(const JSONData& other, NodeSource& nodes) {
     setType(other.type);
     switch (type) {
         case kObject:
-            for (const entry* const member : *other.value.members)
-                adopt(member->key, new JSONData);
+            value.members.list.reserve(other.value.members.list.size());
+            for (const entry& member : other.value.members.list)
+                adopt(std::string(member.key), nodes.make());
             break;
         case kArray:
+            value.elements.reserve(other.value.elements.size());
             for (int i = 0; i < other.length(); ++i)
-                adopt(new JSONData);
+                adopt(nodes.make());
             break;
         case kString:
-            *value.text = *other.value.text;
+            value.text = other.value.text;
             break;
         default:
-            value = other.value;
+            memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
             break;
     }
 }
@@ -270,14 +352,53 @@ void JSONData::copy(const JSONData& other) {
 }
 
 void JSONData::swap(JSONData& other) {
-    std::swap(type, other.type);
-    std::swap(value, other.value);
+    JSONData between;
+    between.moveFrom(*this);
+    moveFrom(other);
+    other.moveFrom(between);
+}
+
+void JSONData::moveFrom(JSONData& other) {
+    setType(other.type);
+    switch (type) {
+        case kObject:
+            value.members = std::move(other.value.members);
+            break;
+        case kArray:
+            value.elements = std::move(other.value.elements);
+            break;
+        case kString:
+            value.text = std::move(other.value.text);
+            break;
+        default:
+            memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
+            break;
+    }
+    other.destroyValue();
+}
+
+bool JSONData::holdsInPlace(const char* text) const {
+    const auto liesIn = [text](const void* begin, const void* end) {
+        const std::less<const void*> before;
+        return !before(text, begin) && before(text, end);
+    };
+    if (liesIn(this, this + 1)) return true;
+    if (type != kObject) return false;
+    const std::vector<entry>& list = value.members.list;
+    return liesIn(list.data(), list.data() + list.size());
 }
 
 bool JSONData::setFromJsonString(const char*& text) {
     if (text == nullptr) return false;
-    TextSource source(text);
-    return Parser<TextSource>(source, "setFromJsonString()").parse(*this);
+    if (!holdsInPlace(text)) {
+        TextSource source(text);
+        return Parser<TextSource>(source, "setFromJsonString()").parse(*this);
+    }
+    const std::string copy(text);
+    const char* position = copy.c_str();
+    const bool good = setFromJsonString(position);
+    text += position - copy.c_str();
+    return good;
 }
 
 bool JSONData::setFromJsonStlString(const std::string& text) {
@@ -286,13 +407,8 @@ bool JSONData::setFromJsonStlString(const std::string& text) {
 }
 
 void JSONData::appendJsonString(std::string& out, bool pretty, int precision, int depth) const {
-    struct Sink {
-        std::string& text;
-        void put(char character) { text += character; }
-        void write(const char* data, size_t size) { text.append(data, size); }
-    };
-    Sink sink{out};
-    Writer<Sink>(sink, pretty, precision, depth).write(*this);
+    StringSink sink{out};
+    Writer<StringSink>(sink, pretty, precision, depth).write(*this);
 }
 
 void JSONData::toJsonString(std::string& out, bool pretty, int precision) const {
@@ -302,23 +418,28 @@ void JSONData::toJsonString(std::string& out, bool pretty, int precision) const 
 
 namespace {
 
-// Puts a point where the process's locale has put its own mark, which may be several bytes.
-void usePoint(std::string& number) {
-    const size_t mark = number.find_first_not_of("-0123456789");
-    if (mark == std::string::npos || isalpha(static_cast<unsigned char>(number[mark]))) return;
-    const size_t digits = number.find_first_of("0123456789", mark);
-    number.replace(mark, digits - mark, ".");
-}
-
 // No double has more decimal places than this; the rest would be zeros, which are cut.
 constexpr int kMostPlaces = 1074;
 
-std::string formatDouble(double value, int precision) {
+// Appends the number with so many places, of which it cuts trailing zeros.
+void appendDouble(std::string& out, double number, int precision) {
     char digits[1 + 309 + 1 + kMostPlaces + 16];
-    snprintf(digits, sizeof digits, "%.*Lf", precision, static_cast<long double>(value));
-    std::string text(digits);
-    usePoint(text);
-    return text;
+    const int places = std::min(precision, kMostPlaces);
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number,
+                                          std::chars_format::fixed, places < 0 ? 6 : places)
+                                .ptr;
+    std::string_view text(digits, static_cast<size_t>(end - digits));
+    if (static_cast<int>(text.size()) > places + 1) {
+        while (text.size() > 1 && text.back() == '0')
+            text.remove_suffix(1);
+        if (text.back() == '.') text.remove_suffix(1);
+    }
+    out += text;
+}
+
+void appendInteger(std::string& out, long long number) {
+    char digits[24];
+    out.append(digits, std::to_chars(digits, digits + sizeof digits, number).ptr);
 }
 
 }  // namespace
@@ -332,55 +453,18 @@ void JSONData::appendStringValue(std::string& out, int precision) const {
             out += value.boolean != 0 ? "true" : "false";
             return;
         case kLong:
-            out += std::to_string(value.integer);
-            return;
+            return appendInteger(out, value.integer);
         case kDouble:
-            break;
+            return appendDouble(out, value.real, precision);
         default:
             return;
     }
-    const int places = std::min(precision, kMostPlaces);
-    std::string text = formatDouble(value.real, places);
-    if (static_cast<int>(text.size()) > places + 1) {
-        while (text.size() > 1 && text.back() == '0')
-            text.pop_back();
-        if (text.back() == '.') text.pop_back();
-    }
-    out += text;
 }
 
-void JSONData::quoteJsonString(const std::string& in_, std::string& out) {
-    const std::string in(in_);  // may be `out`
-    out += '"';
-    for (const char character : in) {
-        switch (character) {
-            case '\b':
-                out += "\\b";
-                break;
-            case '\f':
-                out += "\\f";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            default:
-                out += character;
-                break;
-        }
-    }
-    out += '"';
+void JSONData::quoteJsonString(const std::string& in, std::string& out) {
+    if (&in == &out) return quoteJsonString(std::string(in), out);
+    StringSink sink{out};
+    writeQuoted(in, sink);
 }
 
 }  // namespace tavrik

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tavrik {
@@ -28,9 +30,11 @@ class JSONData {
         JSONData* value;  // holds one reference
     };
 
-    JSONData() { value.integer = 0; }
+    JSONData() = default;
     // Releases the children. REQUIRES: no other references.
-    ~JSONData() { reset(); }
+    ~JSONData() {
+        if (hasContent()) reset();
+    }
     JSONData(const JSONData&) = delete;
     JSONData& operator=(const JSONData&) = delete;
 
@@ -137,6 +141,9 @@ class JSONData {
   private:
     struct Token;
     struct Release;
+    struct MemberIndex;
+    struct Slab;
+    class NodeSource;
     template <typename Source>
     class Parser;
     template <typename Sink>
@@ -155,30 +162,53 @@ class JSONData {
     bool parseJsonNumberIntoSelf(Source& source);
 
     bool isContainer() const { return type == kObject || type == kArray; }
+    // Whether the value owns memory.
+    bool hasContent() const { return isContainer() || type == kString; }
     bool has(int i) const { return i >= 0 && i < length(); }
     // Index of the last member with this key, or -1.
-    int find(const std::string& key) const;
+    int find(std::string_view key) const;
+    JSONData* valueAt(int i) const;
     // Appends a member or element whose reference passes to this node.
-    void adopt(const std::string& key, JSONData* child);
-    void adopt(JSONData* child) { value.elements->push_back(child); }
+    void adopt(std::string&& key, JSONData* child);
+    void adopt(JSONData* child) { value.elements.push_back(child); }
+    void setMember(std::string&& key, JSONData* newValue);
+    void takeString(std::string&& newValue);
+    void destroy();
+    // Destroys the value, which has no children any more.
+    void destroyValue();
+    // Becomes what the other node is, which becomes kNone. REQUIRES: this node is kNone.
+    void moveFrom(JSONData& other);
+    // True if a move of this node's content would move the bytes at `text`: short texts lie in
+    // their string objects.
+    bool holdsInPlace(const char* text) const;
     // Moves the children, with their references, behind those in `children`; none are left here.
     void moveChildrenTo(std::vector<JSONData*>& children);
     static void releaseAll(std::vector<JSONData*>& children);
     // Makes this node, fresh as it is, like `other`, with new fresh nodes for the children.
-    void copyShallow(const JSONData& other);
+    void copyShallow(const JSONData& other, NodeSource& nodes);
 
+    struct Members {
+        std::vector<entry> list{};
+        // Made by the first look-up among many members.
+        mutable std::unique_ptr<MemberIndex> index{};
+    };
     union Value {
+        Value() : integer(0) {}
+        ~Value() {}
+
         unsigned char boolean;
         long long integer;
         double real;
-        std::string* text;
-        std::vector<entry*>* members;
-        std::vector<JSONData*>* elements;
+        std::string text;
+        Members members;
+        std::vector<JSONData*> elements;
     };
+    static constexpr uint16_t kOwnMemory = 0xFFFF;
 
     uint16_t type = kNone;
-    uint32_t refCount = 1;  // parents, handles and whoever made it
-    Value value;
+    uint16_t slot = kOwnMemory;  // place in a slab, for nodes that share their memory
+    uint32_t refCount = 1;       // parents, handles and whoever made it
+    Value value{};
 };
 
 }  // namespace tavrik

@@ -26,6 +26,12 @@ class StreamSource {
         return ended ? 0 : next;
     }
     void advance() { taken = in.get(); }
+    void takePlain(std::string& out) {
+        for (int next = peek(); next != 0 && next != '"' && next != '\\'; next = peek()) {
+            out += static_cast<char>(next);
+            advance();
+        }
+    }
     // For those who then take nothing more. A stream that cannot go back loses that character.
     void back() {
         undone = true;

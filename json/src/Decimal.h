@@ -2,11 +2,13 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace tavrik {
 
 // A Source has peek(), the next character as 1 to 255, or 0 at the end; advance(), which takes it;
-// and back(), which undoes the last advance().
+// back(), which undoes the last advance(); and takePlain(std::string&), which takes and appends
+// what stands in front of the next quote, backslash or end.
 
 // Reads a text up to its terminator, moving the caller's pointer along.
 class TextSource {
@@ -15,6 +17,14 @@ class TextSource {
     int peek() const { return static_cast<unsigned char>(*position); }
     void advance() { ++position; }
     void back() { --position; }
+    void takePlain(std::string& out) {
+        const char* const begin = position;
+        const char* end = begin;
+        while (*end != '"' && *end != '\\' && *end != '\0')
+            ++end;
+        out.append(begin, end);
+        position = end;
+    }
 
   private:
     const char*& position;

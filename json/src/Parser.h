@@ -3,9 +3,11 @@
 
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include "json/JSONData.h"
 #include "json/src/Decimal.h"
+#include "json/src/NodeSource.h"
 
 namespace tavrik {
 
@@ -160,16 +162,11 @@ template <typename Source>
 bool JSONData::parseJsonString(Source& source, std::string& out) {
     out.clear();
     if (!accept(source, '"')) return false;
-    while (source.peek() != 0) {
+    for (;;) {
+        source.takePlain(out);
         if (accept(source, '"')) return true;
-        if (accept(source, '\\')) {
-            if (!readEscape(source, out)) return false;
-            continue;
-        }
-        out += static_cast<char>(source.peek());
-        source.advance();
+        if (!accept(source, '\\') || !readEscape(source, out)) return false;
     }
-    return false;
 }
 
 template <typename Source>
@@ -262,7 +259,7 @@ class JSONData::Parser {
         // Apart from the node's own string, of which the source may be reading.
         std::string text;
         const bool good = parseJsonString(source, text);
-        node.setString(text);
+        node.takeString(std::move(text));
         return good || fail("syntax error: invalid string");
     }
 
@@ -308,7 +305,7 @@ class JSONData::Parser {
         if (parent.isArray()) {
             parent.node->adopt(parent.child.release());
         } else {
-            parent.node->adopt(parent.key, parent.child.release());
+            parent.node->adopt(std::move(parent.key), parent.child.release());
         }
         return true;
     }
@@ -327,7 +324,7 @@ class JSONData::Parser {
                                          : "syntax error: object not closed");
         }
         if (!parent.isArray() && !readKey(token, parent.key)) return false;
-        parent.child.reset(new JSONData);
+        parent.child.reset(nodes.make());
         target = parent.child.get();
         return true;
     }
@@ -346,6 +343,7 @@ class JSONData::Parser {
 
     Source& source;
     const char* const operation;
+    NodeSource nodes{};
     std::vector<Open> opened{};
     JSONData retired{};
 };

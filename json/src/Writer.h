@@ -7,6 +7,51 @@
 
 namespace tavrik {
 
+struct StringSink {
+    std::string& text;
+    void put(char character) { text += character; }
+    void write(const char* data, size_t size) { text.append(data, size); }
+};
+
+// What stands behind the backslash in front of which a character is written, 0 if it needs none.
+inline char escapeOf(char character) {
+    switch (character) {
+        case '\b':
+            return 'b';
+        case '\f':
+            return 'f';
+        case '\n':
+            return 'n';
+        case '\r':
+            return 'r';
+        case '\t':
+            return 't';
+        case '"':
+        case '\\':
+            return character;
+        default:
+            return 0;
+    }
+}
+
+// Writes a text in quotes, runs of characters without escapes in one piece.
+template <typename Sink>
+void writeQuoted(const std::string& text, Sink& sink) {
+    sink.put('"');
+    const char* run = text.data();
+    const char* const end = run + text.size();
+    for (const char* at = run; at != end; ++at) {
+        const char escape = escapeOf(*at);
+        if (escape == 0) continue;
+        sink.write(run, static_cast<size_t>(at - run));
+        sink.put('\\');
+        sink.put(escape);
+        run = at + 1;
+    }
+    sink.write(run, static_cast<size_t>(end - run));
+    sink.put('"');
+}
+
 // Writes a tree to a Sink, which has put(char) and write(const char*, size_t). The arrays and
 // objects that are open at a place stand on a stack of its own, so trees may be of any depth.
 template <typename Sink>
@@ -36,12 +81,9 @@ class JSONData::Writer {
             opened.push_back({&node, 0});
             return;
         }
+        if (node.type == kString) return writeQuoted(node.value.text, sink);
         scratch.clear();
-        if (node.type == kString) {
-            quoteJsonString(*node.value.text, scratch);
-        } else {
-            node.appendStringValue(scratch, precision);
-        }
+        node.appendStringValue(scratch, precision);
         sink.write(scratch.data(), scratch.size());
     }
 
@@ -65,10 +107,9 @@ class JSONData::Writer {
     }
 
     void key(const std::string& text) {
-        scratch.clear();
-        quoteJsonString(text, scratch);
-        scratch += pretty ? ": " : ":";
-        sink.write(scratch.data(), scratch.size());
+        writeQuoted(text, sink);
+        sink.put(':');
+        if (pretty) sink.put(' ');
     }
 
     // In pretty form: a new line, indented for what is open.
