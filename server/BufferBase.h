@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "server/Buffer.h"
 
@@ -42,6 +44,7 @@ class BufferBase : public Buffer {
         if (source == nullptr) return;
         if (source->count > reserveSize) {
             entries.reset(new T[source->count]);
+            allocated = source->count;
             reserveSize = source->count;
         }
         count = source->count;
@@ -55,13 +58,14 @@ class BufferBase : public Buffer {
     Buffer* getAutoBuffer() override { return nullptr; }
 
   protected:
-    // Appends an entry that `store(T&)` sets. It may read entries of this buffer: the old memory of
-    // a growing buffer is kept until it returns.
+    // Appends an entry that `store(T&)` sets. It may read entries of this buffer.
     template <typename Store>
     void append(const Store& store) {
-        std::unique_ptr<T[]> retired;
-        if (count == reserveSize) retired = grow();
-        store(entries[physical(count)]);
+        if (count < reserveSize) {
+            store(entries[physical(count)]);
+        } else {
+            grow(store);
+        }
         ++count;
     }
 
@@ -71,21 +75,35 @@ class BufferBase : public Buffer {
         return sum < reserveSize ? sum : sum - reserveSize;
     }
 
-    // Makes room for an entry. Returns the old memory.
-    std::unique_ptr<T[]> grow() {
+    // Makes room for an entry and stores it.
+    template <typename Store>
+    void grow(const Store& store) {
         const uint32_t capacity = count == 0 ? 1 : count < 4 ? 4 : count + 16;
-        std::unique_ptr<T[]> larger(new T[capacity]);
-        for (uint32_t i = 0; i < count; ++i)
-            larger[i] = entries[physical(i)];
-        entries.swap(larger);
-        start = 0;
+        if (start == 0 && capacity <= allocated) {
+            store(entries[count]);
+        } else {
+            reallocate(std::max(capacity, 2 * allocated), store);
+        }
         reserveSize = capacity;
-        return larger;
     }
 
-    uint32_t reserveSize = 0;
+    // Moves the entries to new memory, the oldest one first, and the new one behind them. Stores it
+    // before, while the others are where it may read them.
+    template <typename Store>
+    void reallocate(uint32_t capacity, const Store& store) {
+        std::unique_ptr<T[]> larger(new T[capacity]);
+        store(larger[count]);
+        for (uint32_t i = 0; i < count; ++i)
+            larger[i] = std::move(entries[physical(i)]);
+        entries = std::move(larger);
+        allocated = capacity;
+        start = 0;
+    }
+
+    uint32_t reserveSize = 0;  // the ring's places
     uint32_t count = 0;
-    uint32_t start = 0;  // place of the oldest entry
+    uint32_t start = 0;      // place of the oldest entry
+    uint32_t allocated = 0;  // entries that there is memory for; from reserveSize on never used
     std::unique_ptr<T[]> entries{};
 };
 
