@@ -187,7 +187,7 @@ bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string
         error = errorText;
         return false;
     }
-    const bool needsSlot = eventId >= 1 && listeners[eventId].empty();
+    const bool needsSlot = eventId >= 1 && listeners[eventId].byPeriod.empty();
     if (needsSlot && !takeSlot(eventId)) {
         guard.unlock();
         const std::string text =
@@ -197,7 +197,7 @@ bool ADSPPM::registerListener(Listener* listener, int eventId, const std::string
         error = text;
         return false;
     }
-    listeners[eventId].emplace(period, listener);
+    add(listeners[eventId], period, listener);
     if (period < this->period()) setPeriod(period);
     if (needsSlot) changed_ = true;
     return true;
@@ -208,18 +208,14 @@ bool ADSPPM::unregisterListener(Listener* listener, int eventId) {
     LockGuard guard(lock);
     while (busy)
         lock.wait();
-    Listeners& registered = listeners[eventId];
-    auto found = registered.begin();
-    while (found != registered.end() && found->second != listener)
-        ++found;
-    if (found == registered.end()) return true;
-
-    const unsigned int period = found->first;
-    registered.erase(found);
+    Registrations& registered = listeners[eventId];
+    unsigned int period = 0;
+    if (!remove(registered, listener, period)) return true;
+    const Listeners& left = registered.byPeriod;
     // Without a period, a registration keeps its slot and does not count for the minimum.
     if (period == kNoPeriod) return true;
-    if (eventId >= 1 && registered.empty()) freeSlot(eventId);
-    if (!registered.empty() && period >= registered.begin()->first) return true;
+    if (eventId >= 1 && left.empty()) freeSlot(eventId);
+    if (!left.empty() && period >= left.begin()->first) return true;
     const unsigned int smallest = smallestPeriod();
     if (smallest != this->period()) setPeriod(smallest);
     return true;
@@ -250,14 +246,24 @@ void ADSPPM::freeSlot(int eventId) {
     first[kSlots - 1] = 0;
 }
 
+void ADSPPM::add(Registrations& registered, unsigned int period, Listener* listener) {
+    const auto added = registered.byPeriod.emplace(period, listener);
+    registered.byListener.emplace(std::make_pair(listener, period), added);
+    periods.insert(period);
+}
+
+bool ADSPPM::remove(Registrations& registered, Listener* listener, unsigned int& period) {
+    const auto found = registered.byListener.lower_bound({listener, 0});
+    if (found == registered.byListener.end() || found->first.first != listener) return false;
+    period = found->first.second;
+    registered.byPeriod.erase(found->second);
+    registered.byListener.erase(found);
+    periods.erase(periods.find(period));
+    return true;
+}
+
 unsigned int ADSPPM::smallestPeriod() const {
-    unsigned int smallest = kNoPeriod;
-    for (const auto& entry : listeners) {
-        if (entry.second.empty()) continue;
-        const unsigned int period = entry.second.begin()->first;
-        if (period < smallest) smallest = period;
-    }
-    return smallest;
+    return periods.empty() ? kNoPeriod : *periods.begin();
 }
 
 unsigned int ADSPPM::period() const { return diag_get_u32(configRequest + kConfigPeriod); }
@@ -431,7 +437,7 @@ void ADSPPM::deliverCounter(int eventId, const unsigned char* record, int offset
 }
 
 void ADSPPM::deliver(int eventId, double time, long double value) {
-    for (const auto& entry : listeners[eventId]) {
+    for (const auto& entry : listeners[eventId].byPeriod) {
         entry.second->onADSPPMInput(eventId, time, value);
     }
 }

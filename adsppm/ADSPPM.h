@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <map>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "diag/DIAG.h"
 #include "log/Logger.h"
@@ -94,6 +96,11 @@ class ADSPPM : public DIAG::LogListener {
 
   private:
     using Listeners = std::multimap<unsigned int, Listener*>;  // by period
+    struct Registrations {
+        Listeners byPeriod{};
+        // The same, by listener and then as in byPeriod.
+        std::multimap<std::pair<Listener*, unsigned int>, Listeners::iterator> byListener{};
+    };
     enum State { kIdle = 0, kCollecting = 1, kFailed = 2 };
 
     ADSPPM();
@@ -103,6 +110,12 @@ class ADSPPM : public DIAG::LogListener {
 
     bool takeSlot(int eventId) TAVRIK_REQUIRES(lock);
     void freeSlot(int eventId) TAVRIK_REQUIRES(lock);
+    void add(Registrations& registered, unsigned int period, Listener* listener)
+        TAVRIK_REQUIRES(lock);
+    // Removes the listener's registration of the smallest period and stores that. False if there is
+    // none.
+    bool remove(Registrations& registered, Listener* listener, unsigned int& period)
+        TAVRIK_REQUIRES(lock);
     unsigned int smallestPeriod() const TAVRIK_REQUIRES(lock);
     unsigned int period() const TAVRIK_REQUIRES(lock);
     void setPeriod(unsigned int period) TAVRIK_REQUIRES(lock);
@@ -140,7 +153,8 @@ class ADSPPM : public DIAG::LogListener {
     unsigned char configRequest[20] TAVRIK_GUARDED_BY(lock);  // the next start's
     unsigned char lastLog[92] TAVRIK_GUARDED_BY(lock);        // log code 0: there is none
     double lastLogTime TAVRIK_GUARDED_BY(lock);
-    std::map<int, Listeners> listeners TAVRIK_GUARDED_BY(lock);  // empty entries may stay
+    std::map<int, Registrations> listeners TAVRIK_GUARDED_BY(lock);  // empty entries may stay
+    std::multiset<unsigned int> periods TAVRIK_GUARDED_BY(lock);     // of all registrations
 };
 
 }  // namespace tavrik

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "adsppm/ADSPPM.h"
 #include "bench/Bench.h"
 #include "diag/DIAG.h"
 #include "diag_lsm/device.h"
@@ -217,6 +218,29 @@ void moveByteByByte(State& state, const Bytes& data, bool) {
     }
 }
 
+// --- Registrations ----------------------------------------------------------------------------
+
+// Each listener for two events, one of them its own; unregistered the other way round.
+void registerAndUnregister(State& state) {
+    struct Listener : tavrik::ADSPPM::Listener {
+        void onADSPPMInput(int, double, long double) override {}
+    };
+    tavrik::ADSPPM& adsppm = *tavrik::ADSPPM::instance();
+    std::vector<Listener> listeners(static_cast<size_t>(state.range(0)));
+    std::string error;
+    for (auto _ : state) {
+        int own = -10;
+        for (Listener& each : listeners) {
+            adsppm.registerListener(&each, -2, "bench", 100, error);
+            adsppm.registerListener(&each, own--, "bench", 100, error);
+        }
+        for (auto each = listeners.rbegin(); each != listeners.rend(); ++each) {
+            adsppm.unregisterListener(&*each, -2);
+            adsppm.unregisterListener(&*each, ++own);
+        }
+    }
+}
+
 // --- Round trip -------------------------------------------------------------------------------
 
 // All threads on one processor for a scope: those that are made in it inherit that.
@@ -290,6 +314,7 @@ const bool registered = [] {
             if (escapes != 0) addFrames(piece + "/byte by byte", data, moveByteByByte);
         }
     }
+    bench::addGrowth("register listeners and unregister them", registerAndUnregister);
     bench::add("round trip, answer inside write/tavrik",
                [](State& state) { roundTrip(state, false); });
     bench::add("round trip, answer inside write/ping-pong", pingPong);
