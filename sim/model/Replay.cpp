@@ -36,8 +36,10 @@ Replay::Replay(std::shared_ptr<const Capture> capture, int speed) : capture_(std
 // What was read in one go comes in one go: a pause within would let a request in between.
 void Replay::addRead(Recorded& to, const CapturedCall& read, int speed) {
     constexpr std::chrono::microseconds kOneGo(200);
-    const uint64_t end = to.call->time + to.call->duration;
-    auto distance = std::chrono::nanoseconds(read.time > end ? read.time - end : 0);
+    constexpr uint64_t kLongestNs = uint64_t{3600} * 1000000000;
+    const uint64_t gap = read.time - to.call->time;
+    const uint64_t left = gap > to.call->duration ? gap - to.call->duration : 0;
+    std::chrono::nanoseconds distance(std::min(left, kLongestNs));
     if (!to.reads.empty() && distance - to.lastGo < kOneGo) {
         distance = to.lastGo;
     }
