@@ -8,10 +8,13 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <map>
 #include <string>
 
 #include <tavrik/version.h>
@@ -43,6 +46,17 @@ StaticMutex capture_mutex;
 int capture_file TAVRIK_GUARDED_BY(capture_mutex) = -1;
 uint64_t capture_length TAVRIK_GUARDED_BY(capture_mutex) = 0;
 uint64_t capture_limit TAVRIK_GUARDED_BY(capture_mutex) = kDefaultLimit;
+
+// Calls under way, but for reads, by the time of their begin; 0: a free place. Further ones are not
+// waited for.
+int64_t under_way[16] TAVRIK_GUARDED_BY(capture_mutex);
+
+// Blocks that wait for a call which began before them, in the order of their times.
+using Waiting = std::multimap<int64_t, std::string>;
+Waiting& waiting() TAVRIK_REQUIRES(capture_mutex) {
+    static Waiting* const blocks = new Waiting;
+    return *blocks;
+}
 
 // Leaves errno to the caller of a recorded call, and keeps the file's calls from being cancellation
 // points.
@@ -194,18 +208,68 @@ void end_capture() TAVRIK_REQUIRES(capture_mutex) {
     capture_state.store(kOff, std::memory_order_release);
     if (capture_file >= 0) close(capture_file);
     capture_file = -1;
+    waiting().clear();
 }
 
 void warn(const std::string& problem) {
     if (!problem.empty()) diag_logger()->warnf("%s", problem.c_str());
 }
 
-void record(iovec* parts, int count) {
+// Blocks from here on wait: a call that began then has not ended. A call that takes long is not
+// waited for, because blocks that wait are lost when the process is killed.
+int64_t first_to_wait(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
+    constexpr int64_t kLongest = 10000000;
+    int64_t first = INT64_MAX;
+    for (const int64_t begin : under_way) {
+        if (begin != 0 && now - begin < kLongest) first = std::min(first, begin);
+    }
+    return first;
+}
+
+std::string append_waiting(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
+    Waiting& blocks = waiting();
+    const int64_t limit = first_to_wait(now);
+    while (!blocks.empty() && blocks.begin()->first < limit) {
+        std::string& block = blocks.begin()->second;
+        iovec whole = {block.data(), block.size()};
+        const std::string problem = append(&whole, 1);
+        if (!problem.empty()) return problem;
+        blocks.erase(blocks.begin());
+    }
+    return {};
+}
+
+// Nothing is copied unless it has to wait.
+std::string append_in_order(int64_t time, int64_t now, iovec* parts, int count)
+    TAVRIK_REQUIRES(capture_mutex) {
+    if (waiting().empty() && time < first_to_wait(now)) return append(parts, count);
+    std::string block;
+    for (int i = 0; i < count; ++i)
+        block.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
+    waiting().emplace(time, std::move(block));
+    return append_waiting(now);
+}
+
+void enter(int64_t begin) {
+    StaticMutexLock guard(capture_mutex);
+    int64_t* const place = std::find(std::begin(under_way), std::end(under_way), 0);
+    if (place != std::end(under_way)) *place = begin;
+}
+
+void leave(int64_t begin) TAVRIK_REQUIRES(capture_mutex) {
+    if (begin == 0) return;
+    int64_t* const place = std::find(std::begin(under_way), std::end(under_way), begin);
+    if (place != std::end(under_way)) *place = 0;
+}
+
+// The block of a call that was entered at `begin`, 0 for a read, and ends now; `time` is its own.
+void record(int64_t begin, int64_t time, int64_t now, iovec* parts, int count) {
     std::string problem;
     {
         StaticMutexLock guard(capture_mutex);
+        leave(begin);
         if (capture_file < 0) return;
-        problem = append(parts, count);
+        problem = append_in_order(time, now, parts, count);
         if (!problem.empty()) end_capture();
     }
     warn(problem);
@@ -263,7 +327,10 @@ void capture_begin() {
 }
 
 CapturedCall::CapturedCall(capture_kind kind_, uint32_t argument_)
-    : kind(kind_), argument(argument_), begin(is_on() ? nanoseconds(CLOCK_MONOTONIC) : -1) {}
+    : kind(kind_), argument(argument_), begin(is_on() ? nanoseconds(CLOCK_MONOTONIC) : -1) {
+    // A read has the time of its end: nothing waits for it.
+    if (begin >= 0 && kind != CAPTURE_READ) enter(begin);
+}
 
 int CapturedCall::end(int result, const void* data, size_t length) {
     if (begin < 0) return result;
@@ -277,7 +344,8 @@ int CapturedCall::end(int result, const void* data, size_t length) {
 
     Fields<28 + kHeader> front;
     const bool inbound = kind == CAPTURE_READ;
-    put_block_begin(front, size, wall_offset + (inbound ? now : begin), kHeader + length);
+    const int64_t time = inbound ? now : begin;
+    put_block_begin(front, size, wall_offset + time, kHeader + length);
     front.put(1, 1);
     front.put(kind, 1);
     front.put(0, 2);
@@ -294,7 +362,7 @@ int CapturedCall::end(int result, const void* data, size_t length) {
     iovec parts[] = {{front.bytes, front.length},
                      {const_cast<void*>(data), length},
                      {behind.bytes, behind.length}};
-    record(parts, 3);
+    record(inbound ? 0 : begin, time, now, parts, 3);
     return result;
 }
 
