@@ -114,16 +114,17 @@ class Reader {
         }
         uint64_t perSecond = 1000000;
         eachOption(body, 8, [&perSecond](uint64_t code, const std::string& value) {
-            if (code == 9 && value.size() == 1) perSecond = powerOfTen(value[0]);
+            if (code == 9 && value.size() == 1)
+                perSecond = powerOfTen(static_cast<unsigned char>(value[0]));
         });
         if (perSecond == 0) return fail("unknown resolution of times");
         resolutions_.push_back(1000000000 / perSecond);
     }
 
-    static uint64_t powerOfTen(char exponent) {
+    static uint64_t powerOfTen(unsigned exponent) {
         uint64_t power = 1;
-        if (exponent < 0 || exponent > 9) return 0;
-        for (char i = 0; i < exponent; ++i)
+        if (exponent > 9) return 0;
+        for (unsigned i = 0; i < exponent; ++i)
             power *= 10;
         return power;
     }

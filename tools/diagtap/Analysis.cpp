@@ -72,7 +72,9 @@ class SessionReader {
     Session read() {
         for (Call call = begin_; call != end_; ++call)
             take(*call);
-        session_.end = std::prev(end_)->time - session_.begin;
+        const CapturedCall& last = *std::prev(end_);
+        const bool read = last.kind == CapturedCall::Kind::kRead;
+        session_.end = since(last.time) + (read ? 0 : last.duration);
         finish();
         return std::move(session_);
     }

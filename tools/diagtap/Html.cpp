@@ -23,7 +23,7 @@ p{margin:.3rem 0}.soft{color:var(--soft);overflow-wrap:anywhere}
 .facts b{display:block;font-size:1.2rem;font-variant-numeric:tabular-nums}.facts span{color:var(--soft);font-size:.85rem}
 .row{display:flex;align-items:center;height:1.45rem;font-size:.85rem}
 .row span{flex:0 0 7.2rem;white-space:nowrap}
-.track{position:relative;flex:1;height:1rem;background:#f3f5f8;border-radius:.2rem}
+.track{position:relative;overflow:hidden;flex:1;height:1rem;background:#f3f5f8;border-radius:.2rem}
 .track i{position:absolute;top:0;bottom:0;min-width:3px;border-radius:.15rem;background:var(--ok)}
 .track svg{position:absolute;inset:0;width:100%;height:100%}
 i.refused,i.short,i.driver{background:var(--bad)!important}i.late,i.timeout{background:var(--wait)!important}
@@ -31,8 +31,9 @@ i.refused,i.short,i.driver{background:var(--bad)!important}i.late,i.timeout{back
 table{border-collapse:collapse;width:100%;font-size:.9rem}
 th,td{text-align:left;padding:.25rem .5rem .25rem 0;border-bottom:1px solid var(--line);vertical-align:top}
 td.n,th.n{text-align:right;font-variant-numeric:tabular-nums;white-space:nowrap}
-.s{font-weight:600;white-space:nowrap;color:var(--ok)}.s.refused,.s.short,.s.driver{color:var(--bad)}
+.s{font-weight:600;color:var(--ok)}.s.refused,.s.short,.s.driver{color:var(--bad)}
 .s.late,.s.timeout{color:var(--wait)}.s.not{color:var(--soft);font-weight:400}
+td small{display:block;font-weight:400;color:var(--soft);white-space:normal;overflow-wrap:anywhere}
 .plots{display:grid;grid-template-columns:repeat(auto-fit,minmax(16rem,1fr));gap:1rem}
 figure{margin:0;border:1px solid var(--line);border-radius:.4rem;padding:.5rem .7rem}
 figcaption{font-size:.85rem;display:flex;justify-content:space-between;gap:.5rem}
@@ -212,7 +213,7 @@ class SessionPage {
     void table() {
         out_ +=
             "<h2>Steps</h2>\n<table><tr><th>step</th><th>state</th><th class=\"n\">at, ms</th>"
-            "<th class=\"n\">took, ms</th><th></th></tr>\n";
+            "<th class=\"n\">took, ms</th></tr>\n";
         for (size_t i = 0; i < kSteps; ++i)
             tableRow(static_cast<StepId>(i), session_.steps[i]);
         out_ += "</table>\n";
@@ -225,8 +226,8 @@ class SessionPage {
             return "<td class=\"n\">" + text + "</td>";
         };
         out_ += std::string("<tr><td>") + nameOf(id) + "</td><td class=\"s " + classOf(step.state) +
-                "\">" + nameOf(step.state) + "</td>" + time(step.time) + time(step.duration) +
-                "<td>" + escaped(remarkOn(step)) + "</td></tr>\n";
+                "\">" + nameOf(step.state) + "<small>" + escaped(remarkOn(step)) + "</small></td>" +
+                time(step.time) + time(step.duration) + "</tr>\n";
     }
 
     void exchange() {
@@ -263,8 +264,7 @@ std::string toHtml(const Report& report) {
         "<meta name=\"viewport\" content=\"width=device-width,initial-scale=1\"><title>" +
         escaped(report.file) + "</title><style>" + kStyle + "</style></head><body>\n<h1>" +
         escaped(report.file) + "</h1>\n<p class=\"soft\">" + escaped(capture.program) + " on " +
-        escaped(capture.hardware) + ", " + escaped(capture.system) + "; " +
-        std::to_string(capture.calls.size()) + " calls</p>\n";
+        escaped(capture.hardware) + ", " + std::to_string(capture.calls.size()) + " calls</p>\n";
     if (!capture.problem.empty())
         page += "<p class=\"cause\">" + escaped(capture.problem) + "</p>\n";
     const std::vector<ShownLine> lines = linesOf(capture);
