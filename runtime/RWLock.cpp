@@ -2,7 +2,7 @@
 
 namespace tavrik {
 
-void RWLock::readLock() {
+void RWLock::awaitReadLock() {
     LockGuard guard(lock);
     _readLock();
 }
@@ -12,7 +12,7 @@ void RWLock::writeLock() {
     _writeLock();
 }
 
-void RWLock::readUnlock() {
+void RWLock::readUnlockForWriters() {
     LockGuard guard(lock);
     _readUnlock(true);
 }
@@ -22,18 +22,10 @@ void RWLock::writeUnlock() {
     _writeUnlock(true);
 }
 
-bool RWLock::tryReadLock() {
-    LockGuard guard(lock);
-    if (writeLocked) return false;
-    ++readers;
-    return true;
-}
-
 bool RWLock::tryWriteLock() {
     LockGuard guard(lock);
-    if (readers != 0 || writeLocked) return false;
-    writeLocked = true;
-    ++writers;
+    if (!takeIfFree()) return false;
+    countWriters(1);
     return true;
 }
 
@@ -95,29 +87,47 @@ unsigned RWLock::waitersForTesting() {
     return count;
 }
 
+bool RWLock::takeIfFree() {
+    uint32_t now = state.load(std::memory_order_relaxed);
+    while ((now & (kReaders | kWriteLocked)) == 0) {
+        if (exchange(now, now | kWriteLocked)) return true;
+    }
+    return false;
+}
+
+void RWLock::countWriters(int difference) {
+    writers = static_cast<uint16_t>(writers + difference);
+    if (writers != 0) {
+        state.fetch_or(kWriters, std::memory_order_acq_rel);
+    } else {
+        state.fetch_and(~kWriters, std::memory_order_acq_rel);
+    }
+}
+
 void RWLock::_readLock() {
-    ++readers;
-    while (writeLocked)
+    state.fetch_add(1, std::memory_order_acq_rel);
+    while (isWriteLocked())
         privateWait();
 }
 
 void RWLock::_writeLock() {
-    ++writers;
-    while (readers != 0 || writeLocked)
+    countWriters(1);
+    while (!takeIfFree())
         privateWait();
-    writeLocked = true;
 }
 
 void RWLock::_readUnlock(bool notify) {
-    if (readers != 0) --readers;
+    uint32_t now = state.load(std::memory_order_relaxed);
+    while ((now & kReaders) != 0 && !exchange(now, now - 1)) {
+    }
     // Waiting readers count as readers, so only writers can be waiting now, and one is enough.
-    if (notify && readers == 0 && writers != 0) privateNotify();
+    if (notify && !isRead() && writers != 0) privateNotify();
 }
 
 void RWLock::_writeUnlock(bool notify) {
-    if (writers != 0) --writers;
-    writeLocked = false;
-    if (notify && (readers != 0 || writers != 0)) privateNotifyAll();
+    if (writers != 0) countWriters(-1);
+    state.fetch_and(~kWriteLocked, std::memory_order_acq_rel);
+    if (notify && (isRead() || writers != 0)) privateNotifyAll();
 }
 
 void RWLock::privateWait() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "runtime/Lock.h"
@@ -26,17 +27,31 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
     RWLock& operator=(const RWLock&) = delete;
 
     // Wait until no writer holds the lock; until nobody does.
-    void readLock() TAVRIK_ACQUIRE_SHARED();
+    void readLock() TAVRIK_ACQUIRE_SHARED() {
+        if (!tryReadLock()) awaitReadLock();
+    }
     void writeLock() TAVRIK_ACQUIRE();
 
     // Release the lock. The last reader wakes one writer. A writer wakes all threads that wait at
     // that moment; the readers among them enter together.
-    void readUnlock() TAVRIK_RELEASE_SHARED();
+    void readUnlock() TAVRIK_RELEASE_SHARED() {
+        uint32_t now = state.load(std::memory_order_relaxed);
+        while ((now & kReaders) != 0 && (now & kWriters) == 0) {
+            if (exchange(now, now - 1)) return;
+        }
+        readUnlockForWriters();
+    }
     void writeUnlock() TAVRIK_RELEASE();
 
     // Take the lock and return true, unless that would block. Waiting writers do not block a read
     // lock. Waiting readers do block a write lock.
-    bool tryReadLock() TAVRIK_TRY_ACQUIRE_SHARED(true);
+    bool tryReadLock() TAVRIK_TRY_ACQUIRE_SHARED(true) {
+        uint32_t now = state.load(std::memory_order_relaxed);
+        while ((now & kWriteLocked) == 0) {
+            if (exchange(now, now + 1)) return true;
+        }
+        return false;
+    }
     bool tryWriteLock() TAVRIK_TRY_ACQUIRE(true);
 
     // Exchanges the caller's read lock for the write lock. Not atomic: it wakes nobody and queues
@@ -74,6 +89,28 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
         PrivateWaiter* next = nullptr;
     };
 
+    // Bits of the state: the number of threads that hold the read lock or wait for it; whether any
+    // thread holds the write lock or waits for it; whether one holds it.
+    static constexpr uint32_t kReaders = 0x3FFFFFFF;
+    static constexpr uint32_t kWriters = 0x40000000;
+    static constexpr uint32_t kWriteLocked = 0x80000000;
+
+    // Replaces the state if it is `now`, else reads it into `now`.
+    bool exchange(uint32_t& now, uint32_t next) {
+        return state.compare_exchange_weak(now, next, std::memory_order_acq_rel,
+                                           std::memory_order_relaxed);
+    }
+    bool isWriteLocked() const {
+        return (state.load(std::memory_order_acquire) & kWriteLocked) != 0;
+    }
+    bool isRead() const { return (state.load(std::memory_order_acquire) & kReaders) != 0; }
+
+    void awaitReadLock() TAVRIK_EXCLUDES(lock);
+    void readUnlockForWriters() TAVRIK_EXCLUDES(lock);
+    // Takes the write lock if nobody holds any.
+    bool takeIfFree() TAVRIK_REQUIRES(lock);
+    void countWriters(int difference) TAVRIK_REQUIRES(lock);
+
     void _readLock() TAVRIK_REQUIRES(lock);
     void _writeLock() TAVRIK_REQUIRES(lock);
     void _readUnlock(bool notify) TAVRIK_REQUIRES(lock);
@@ -91,13 +128,16 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
     void publicNotify() TAVRIK_REQUIRES(lock);
     void publicNotifyAll() TAVRIK_REQUIRES(lock);
 
-    // Guards every field, and is the mutex of the one condition on which all waits of this object
-    // sleep; that is why each wake-up is a broadcast. Innermost: held for short steps only, and
-    // never by a thread that has returned from one of the operations above.
+    // Guards every field but the count of readers, and is the mutex of the one condition on which
+    // all waits of this object sleep; that is why each wake-up is a broadcast. Innermost: held for
+    // short steps only, and never by a thread that has returned from one of the operations above.
     Lock lock;
 
-    // Threads that hold the read lock or wait for it; threads that hold the write lock or wait.
-    uint16_t readers TAVRIK_GUARDED_BY(lock) = 0;
+    // Readers come and go without `lock` while there are no writers. They change their count
+    // together with a look at the two flags, so a writer that has set its flag misses none of them.
+    std::atomic<uint32_t> state{0};
+
+    // Threads that hold the write lock or wait for it.
     uint16_t writers TAVRIK_GUARDED_BY(lock) = 0;
 
     // The threads in privateWait(), the longest-waiting one first.
@@ -106,8 +146,6 @@ class TAVRIK_CAPABILITY("rwlock") RWLock {
     // Threads in publicWait(), and notifications given to them and not yet consumed.
     uint16_t publicWaiters TAVRIK_GUARDED_BY(lock) = 0;
     uint16_t publicWakeups TAVRIK_GUARDED_BY(lock) = 0;
-
-    bool writeLocked TAVRIK_GUARDED_BY(lock) = false;
 };
 
 // Hold an RWLock for a scope, shared or alone, and give it back also when an exception passes.
