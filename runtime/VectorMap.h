@@ -1,7 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -32,8 +35,11 @@ class VectorMap {
     // The index of a name that is not there.
     static constexpr size_t kNone = static_cast<size_t>(-1);
 
-    // The index of the last entry of that name, or kNone.
+    // The index of the last entry of that name, or kNone. Among many entries, does not see names
+    // that were changed in place.
     size_t find(const std::string& name) const {
+        const size_t known = names.size() >= kIndexedFrom ? findByNumber(name) : kNone;
+        if (known != kNone) return known;
         size_t i = names.size();
         while (i != 0 && names[i - 1] != name)
             --i;
@@ -47,15 +53,20 @@ class VectorMap {
     }
 
     void append(const std::string& name, T* value) {
-        values.reserve(values.size() + 1);  // so that both grow or neither
+        numberOf[name] = nextNumber;
+        if (values.size() == values.capacity()) reserve(2 * values.size() + 4);
         names.push_back(name);
         values.push_back(value);
+        numbers.push_back(nextNumber++);
     }
 
     // Removes entry i; those behind it move up.
     void removeAt(size_t i) {
-        names.erase(names.begin() + static_cast<std::ptrdiff_t>(i));
-        values.erase(values.begin() + static_cast<std::ptrdiff_t>(i));
+        const auto at = static_cast<std::ptrdiff_t>(i);
+        numberOf.erase(names[i]);
+        names.erase(names.begin() + at);
+        values.erase(values.begin() + at);
+        numbers.erase(numbers.begin() + at);
     }
 
     // For tables that own their values: puts `value` under the name and deletes another one that
@@ -80,6 +91,30 @@ class VectorMap {
 
     std::vector<std::string> names;
     std::vector<T*> values;  // entry i belongs to entry i of names
+
+  private:
+    // With fewer entries a look-up compares all names.
+    static constexpr size_t kIndexedFrom = 16;
+
+    size_t findByNumber(const std::string& name) const {
+        const auto known = numberOf.find(name);
+        if (known == numberOf.end()) return kNone;
+        const auto at = std::lower_bound(numbers.begin(), numbers.end(), known->second);
+        const size_t i = static_cast<size_t>(at - numbers.begin());
+        return i < names.size() && numbers[i] == known->second && names[i] == name ? i : kNone;
+    }
+
+    // All at once, so that none grows without the others.
+    void reserve(size_t count) {
+        names.reserve(count);
+        numbers.reserve(count);
+        values.reserve(count);
+    }
+
+    // Entries are numbered as they come, so that removals leave the numbers in order.
+    uint64_t nextNumber = 0;
+    std::vector<uint64_t> numbers;
+    std::unordered_map<std::string, uint64_t> numberOf;  // of the last entry with a name
 };
 
 }  // namespace tavrik
