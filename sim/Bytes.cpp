@@ -1,7 +1,6 @@
 #include "sim/Bytes.h"
 
 #include <cctype>
-#include <cstdio>
 
 namespace diagsim {
 namespace {
@@ -60,15 +59,17 @@ bool parseHex(const std::string& text, Bytes& out) {
 }
 
 std::string hexDump(const Bytes& bytes) {
+    static const char* const digits = "0123456789ABCDEF";
     std::string text;
+    text.reserve(3 * bytes.size());
     for (size_t i = 0; i < bytes.size();) {
         const size_t run = runLength(bytes, i);
         const bool shorten = run >= kShortestRun;
-        char piece[40];
-        std::snprintf(piece, sizeof piece, shorten ? "[%02X x %zu]" : "%02X",
-                      static_cast<unsigned>(bytes[i]), run);
         if (!text.empty()) text += ' ';
-        text += piece;
+        if (shorten) text += '[';
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+        if (shorten) text += " x " + std::to_string(run) + ']';
         i += shorten ? run : 1;
     }
     return text;

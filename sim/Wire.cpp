@@ -8,6 +8,19 @@ constexpr uint8_t kEscape = 0x7D;
 constexpr uint8_t kEscapeMask = 0x20;
 constexpr size_t kCheckSize = 2;
 
+// What a byte does to the check sequence.
+struct CheckTable {
+    CheckTable() {
+        for (unsigned byte = 0; byte < 256; ++byte) {
+            unsigned crc = byte;
+            for (int bit = 0; bit < 8; ++bit)
+                crc = (crc & 1) != 0 ? crc >> 1 ^ 0x8408 : crc >> 1;
+            steps[byte] = static_cast<uint16_t>(crc);
+        }
+    }
+    uint16_t steps[256];
+};
+
 Bytes checkedPayload(Bytes raw) {
     if (raw.size() < kCheckSize) return {};
     const uint64_t check = wordAt(raw, raw.size() - kCheckSize, kCheckSize);
@@ -18,15 +31,10 @@ Bytes checkedPayload(Bytes raw) {
 }  // namespace
 
 uint16_t checkSequence(const Bytes& payload) {
+    static const CheckTable table;
     uint16_t crc = 0xFFFF;
-    for (uint8_t byte : payload) {
-        crc = static_cast<uint16_t>(crc ^ byte);
-        for (int bit = 0; bit < 8; ++bit) {
-            const bool carry = (crc & 1) != 0;
-            crc = static_cast<uint16_t>(crc >> 1);
-            if (carry) crc ^= 0x8408;
-        }
-    }
+    for (uint8_t byte : payload)
+        crc = static_cast<uint16_t>(crc >> 8 ^ table.steps[(crc ^ byte) & 0xFF]);
     return static_cast<uint16_t>(~crc);
 }
 

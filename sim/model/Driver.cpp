@@ -248,7 +248,7 @@ Driver::Result Driver::abandonWrite(const Bytes& data, int error) {
 }
 
 Driver::Result Driver::write(const Bytes& data, Time now) {
-    const std::string call = decoder_.write(data);
+    const std::string call = trace_.isRead() ? decoder_.write(data) : std::string();
     if (!mayWrite(flags_)) return refuse(call, EBADF, "opened with " + accessName(flags_));
     if (replay_) return replayWrite(call, data, now);
     if (gone_) return refuse(call, ENODEV, "");
