@@ -157,7 +157,8 @@ class TaskQueue : public Runnable {
         for (int index = 1; index <= count; ++index) {
             exec(batch.front(), index, count);
             batch.pop_front();
-            drained.store(drained.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            // Released: who sees the queue empty sees what its entries did.
+            drained.store(drained.load(std::memory_order_relaxed) + 1, std::memory_order_release);
         }
     }
 
