@@ -154,13 +154,22 @@ void JSONData::clear() {
 
 void JSONData::moveChildrenTo(std::vector<JSONData*>& children) {
     if (type == kArray) {
-        children.insert(children.end(), value.elements.begin(), value.elements.end());
+        for (JSONData* const child : value.elements)
+            giveUp(child, children);
         value.elements.clear();
     } else if (type == kObject) {
         for (const entry& member : value.members.list)
-            children.push_back(member.value);
+            giveUp(member.value, children);
         value.members.index.reset();
         value.members.list.clear();
+    }
+}
+
+void JSONData::giveUp(JSONData* child, std::vector<JSONData*>& children) {
+    if (child->isContainer() && child->refCount <= 1) {
+        children.push_back(child);
+    } else {
+        child->release();
     }
 }
 
@@ -168,7 +177,7 @@ void JSONData::releaseAll(std::vector<JSONData*>& children) {
     while (!children.empty()) {
         JSONData* const child = children.back();
         children.pop_back();
-        if (child->refCount <= 1) child->moveChildrenTo(children);
+        child->moveChildrenTo(children);
         child->release();
     }
 }
@@ -301,47 +310,58 @@ void JSONData::erase(const char* key) {
     if (key != nullptr) erase(std::string(key));
 }
 
-JSONData* JSONData::clone() const {
-    NodeSource nodes;
-    JSONData* const top = new JSONData;
-    top->refCount = 0;
-    std::vector<std::pair<const JSONData*, JSONData*>> pending{{this, top}};
-    while (!pending.empty()) {
-        const auto [from, to] = pending.back();
-        pending.pop_back();
-        to->copyShallow(*from, nodes);
-        for (int i = 0; i < to->length(); ++i) {
-            const JSONData* const child = from->valueAt(i);
-            if (child->isContainer()) {
-                pending.emplace_back(child, to->valueAt(i));
-            } else {
-                to->valueAt(i)->copyShallow(*child, nodes);
-            }
+// Copies a tree. What is left to copy stands in a list, so trees may be of any depth.
+class JSONData::Copier {
+  public:
+    void copy(const JSONData& from, JSONData& to) {
+        begin(from, to);
+        while (!pending.empty()) {
+            const auto [container, copied] = pending.back();
+            pending.pop_back();
+            copyChildren(*container, *copied);
         }
     }
-    return top;
-}
 
-void JSONData::copyShallow(const JSONData& other, NodeSource& nodes) {
-    setType(other.type);
-    switch (type) {
-        case kObject:
-            value.members.list.reserve(other.value.members.list.size());
-            for (const entry& member : other.value.members.list)
-                adopt(std::string(member.key), nodes.make());
-            break;
-        case kArray:
-            value.elements.reserve(other.value.elements.size());
-            for (int i = 0; i < other.length(); ++i)
-                adopt(nodes.make());
-            break;
-        case kString:
-            value.text = other.value.text;
-            break;
-        default:
-            memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
-            break;
+  private:
+    void begin(const JSONData& from, JSONData& to) {
+        to.setType(from.type);
+        if (from.isContainer()) {
+            pending.emplace_back(&from, &to);
+        } else if (from.type == kString) {
+            to.value.text = from.value.text;
+        } else {
+            to.copyScalar(from);
+        }
     }
+
+    JSONData* beginChild(const JSONData& from) {
+        JSONData* const child = nodes.make();
+        begin(from, *child);
+        return child;
+    }
+
+    void copyChildren(const JSONData& from, JSONData& to) {
+        if (from.type == kArray) {
+            to.value.elements.reserve(from.value.elements.size());
+            for (const JSONData* const element : from.value.elements)
+                to.value.elements.push_back(beginChild(*element));
+        } else {
+            to.value.members.list.reserve(from.value.members.list.size());
+            for (const entry& member : from.value.members.list)
+                to.value.members.list.push_back({member.key, beginChild(*member.value)});
+        }
+    }
+
+    NodeSource nodes{};
+    std::vector<std::pair<const JSONData*, JSONData*>> pending{};
+};
+
+JSONData* JSONData::clone() const {
+    Copier copier;
+    JSONData* const top = new JSONData;
+    top->refCount = 0;
+    copier.copy(*this, *top);
+    return top;
 }
 
 void JSONData::copy(const JSONData& other) {
@@ -349,6 +369,10 @@ void JSONData::copy(const JSONData& other) {
     JSONData* const fresh = other.clone();
     swap(*fresh);
     fresh->release();
+}
+
+void JSONData::copyScalar(const JSONData& other) {
+    memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
 }
 
 void JSONData::swap(JSONData& other) {
@@ -371,7 +395,7 @@ void JSONData::moveFrom(JSONData& other) {
             value.text = std::move(other.value.text);
             break;
         default:
-            memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
+            copyScalar(other);
             break;
     }
     other.destroyValue();

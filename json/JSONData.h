@@ -144,6 +144,7 @@ class JSONData {
     struct MemberIndex;
     struct Slab;
     class NodeSource;
+    class Copier;
     template <typename Source>
     class Parser;
     template <typename Sink>
@@ -181,11 +182,13 @@ class JSONData {
     // True if a move of this node's content would move the bytes at `text`: short texts lie in
     // their string objects.
     bool holdsInPlace(const char* text) const;
-    // Moves the children, with their references, behind those in `children`; none are left here.
+    // Gives up the children. Those that are containers and have no other holder move to `children`,
+    // with their references; releaseAll() releases them, without recursion.
     void moveChildrenTo(std::vector<JSONData*>& children);
+    static void giveUp(JSONData* child, std::vector<JSONData*>& children);
     static void releaseAll(std::vector<JSONData*>& children);
-    // Makes this node, fresh as it is, like `other`, with new fresh nodes for the children.
-    void copyShallow(const JSONData& other, NodeSource& nodes);
+    // Takes the value of a number or a boolean.
+    void copyScalar(const JSONData& other);
 
     struct Members {
         std::vector<entry> list{};
