@@ -55,6 +55,13 @@ namespace {
 // With fewer members a look-up compares all keys.
 constexpr size_t kIndexedFrom = 16;
 
+// Most containers have a few children: without the first two steps of a vector's growth.
+template <typename Child>
+void makeRoom(std::vector<Child>& children) {
+    constexpr size_t kFirst = 4;
+    if (children.empty()) children.reserve(kFirst);
+}
+
 }  // namespace
 
 void JSONData::release() {
@@ -287,8 +294,14 @@ void JSONData::setByIndex(int i, JSONData* newValue) {
 
 void JSONData::adopt(std::string&& key, JSONData* child) {
     Members& members = value.members;
+    makeRoom(members.list);
     members.list.push_back({std::move(key), child});
     if (members.index) members.index->addLast(members.list);
+}
+
+void JSONData::adopt(JSONData* child) {
+    makeRoom(value.elements);
+    value.elements.push_back(child);
 }
 
 void JSONData::erase(int i) {

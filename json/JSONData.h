@@ -171,7 +171,7 @@ class JSONData {
     JSONData* valueAt(int i) const;
     // Appends a member or element whose reference passes to this node.
     void adopt(std::string&& key, JSONData* child);
-    void adopt(JSONData* child) { value.elements.push_back(child); }
+    void adopt(JSONData* child);
     void setMember(std::string&& key, JSONData* newValue);
     void takeString(std::string&& newValue);
     void destroy();

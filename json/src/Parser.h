@@ -266,6 +266,7 @@ class JSONData::Parser {
     bool open(JSONData& node, Type container) {
         source.advance();
         become(node, container);
+        if (opened.empty()) opened.reserve(8);
         opened.push_back(Open{&node});
         return true;
     }

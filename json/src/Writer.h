@@ -15,6 +15,8 @@ struct StringSink {
 
 // What stands behind the backslash in front of which a character is written, 0 if it needs none.
 inline char escapeOf(char character) {
+    // Nearly all.
+    if (character > '"' && character != '\\') return 0;
     switch (character) {
         case '\b':
             return 'b';
