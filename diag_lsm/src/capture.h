@@ -4,9 +4,9 @@
 // ends it. docs/capture.md has the format. Any thread. A failure costs the capture and one warning
 // of the logger "DIAG", never the call that is recorded: results and errno stay as they are.
 //
-// Nothing here holds a lock across a call into the driver. Blocks are written whole, in the order of
-// the calls: of a read its return counts, of the others their begin. So a block that belongs behind a
-// call under way waits in memory, for 10 ms at most. A forked child records nothing.
+// Nothing here holds a lock across a call into the driver. Blocks are written whole, in the order
+// of the calls: of a read its return counts, of the others their begin. So a block that belongs
+// behind a call under way waits in memory, for 10 ms at most. A forked child records nothing.
 #pragma once
 
 #include <cstddef>
