@@ -75,7 +75,7 @@ class Library(unittest.TestCase):
         for compiler in COMPILERS:
             program = os.path.join(self.folder.name, "pkg-" + compiler)
             run(compiler, "-std=c++20", "-I", f"{self.program}/own", f"{self.program}/program.cpp",
-                f"{self.program}/own_names.cpp",                *flags, "-o", program)
+                f"{self.program}/own_names.cpp", *flags, "-o", program)
             self.check(program)
 
     def test_as_a_subproject(self):
@@ -87,6 +87,15 @@ class Library(unittest.TestCase):
         names = {line.split(" ", 2)[2] for line in symbols.splitlines() if re.match(r"[0-9a-f]+ \w ", line)}
         self.assertGreater(len(names), 200)
         self.assertEqual(sorted(name for name in names if not ours.search(name)), [])
+
+    def test_installed_programs_run_against_the_simulated_device(self):
+        for scenario, status in ((), 0), (("start-refused.json",), 1):
+            done = subprocess.run([self.installed("diagsim-run"), *scenario, self.installed("adsppm-check")],
+                                  stdout=subprocess.PIPE, text=True)
+            self.assertEqual(done.returncode, status, done.stdout)
+            self.assertIn("host    start request", done.stdout)
+        done = subprocess.run([self.installed("diagsim-run"), "nothing"], stderr=subprocess.PIPE, text=True)
+        self.assertEqual((done.returncode, done.stderr), (2, "diagsim-run: cannot find nothing\n"))
 
     def test_every_program_names_its_version(self):
         text = run("strings", self.installed("adsppm-check"))

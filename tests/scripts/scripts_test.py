@@ -29,6 +29,7 @@ else
     [ ! -e "$TREE/go" ] || read -r _ <"$TREE/go"
     cp "$CHECKER" build/release/app
     cp "$LIBRARY" build/release/sim/libdiagsim.so
+    cp "${CHECKER%/*/*}/sim/diagsim-run" build/release/sim
 fi""",
     "apt-get": r"""
 case $1${OFFLINE:+ offline} in
