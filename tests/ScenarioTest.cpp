@@ -7,21 +7,36 @@
 namespace diagsim {
 namespace {
 
+// A fault's keys are documented without the request.
+std::string documentedName(const ScenarioKey& key) {
+    const std::string perRequest = "requests.<name>.";
+    return key.name.substr(key.name.rfind(perRequest, 0) == 0 ? perRequest.size() : 0);
+}
+
 TEST(ScenarioTest, TheReadmeDocumentsEveryKey) {
     std::ifstream readme(TESTS_FOLDER "/../sim/README.md");
     std::multiset<std::string> rows;
     for (std::string line; std::getline(readme, line);) {
         if (line.rfind("| `", 0) == 0 && occurrences(line, " |") == 4) rows.insert(line);
     }
-    const std::string perRequest = "requests.<name>.";
     for (const ScenarioKey& key : scenarioKeys()) {
-        const bool strip = key.name.rfind(perRequest, 0) == 0;
-        const std::string name = key.name.substr(strip ? perRequest.size() : 0);
-        const std::string row =
-            "| `" + name + "` | " + key.type + " | " + key.standard + " | " + key.meaning + " |";
+        const std::string row = "| `" + documentedName(key) + "` | " + key.type + " | " +
+                                key.standard + " | " + key.meaning + " |";
         EXPECT_EQ(rows.erase(row), 1u) << row;
     }
     EXPECT_EQ(rows, std::multiset<std::string>()) << "rows without a key";
+}
+
+TEST(ScenarioTest, TheManualPageDocumentsEveryKey) {
+    std::ifstream file(TESTS_FOLDER "/../docs/man/diagsim-scenario.5");
+    std::multiset<std::string> items;
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind(".It Cm ", 0) == 0) items.insert(line.substr(7, line.find(" Pq") - 7));
+    }
+    EXPECT_EQ(items.erase("requests.<name>"), 1u);
+    for (const ScenarioKey& key : scenarioKeys())
+        EXPECT_EQ(items.erase(documentedName(key)), 1u) << key.name;
+    EXPECT_EQ(items, std::multiset<std::string>()) << "items without a key";
 }
 
 TEST(ScenarioTest, ErrorsNameThePlaceAndTheMistake) {
