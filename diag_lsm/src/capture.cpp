@@ -1,62 +1,25 @@
 #include "diag_lsm/src/capture.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
-#include <sys/utsname.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <map>
-#include <string>
-
-#include <tavrik/version.h>
 
 #include "diag_lsm/diag_lsm.h"
 #include "diag_lsm/src/CancellationDisabled.h"
-#include "diag_lsm/src/StaticMutex.h"
-#include "diag_lsm/src/diagnostics.h"
+#include "diag_lsm/src/capture_file.h"
 #include "diag_lsm/src/ioctl_records.h"
 
 inline namespace tavrik_diag_lsm {
 
 namespace {
 
-constexpr uint64_t kDefaultLimit = uint64_t{256} << 20;
-constexpr int64_t kNsPerSecond = 1000000000;
-
-enum State { kUndecided, kOff, kOn };
-
-std::atomic<int> capture_state{kUndecided};
-
-// Constant while the capture is on.
-pid_t capturing_process = 0;
-int64_t wall_offset = 0;  // nanoseconds from the monotonic clock to 1970
-
-// Guards the file, and gives the blocks their order. Nothing is called under it but the file's own
-// system calls.
-StaticMutex capture_mutex;
-int capture_file TAVRIK_GUARDED_BY(capture_mutex) = -1;
-uint64_t capture_length TAVRIK_GUARDED_BY(capture_mutex) = 0;
-uint64_t capture_limit TAVRIK_GUARDED_BY(capture_mutex) = kDefaultLimit;
-
-// Calls under way, but for reads, by the time of their begin; 0: a free place. Further ones are not
-// waited for.
-int64_t under_way[16] TAVRIK_GUARDED_BY(capture_mutex);
-
-// Blocks that wait for a call which began before them, in the order of their times.
-using Waiting = std::multimap<int64_t, std::string>;
-Waiting& waiting() TAVRIK_REQUIRES(capture_mutex) {
-    static Waiting* const blocks = new Waiting;
-    return *blocks;
-}
+constexpr size_t kBlockBegin = 28;  // of the block: up to the packet
+constexpr size_t kEnvelope = 44;    // of the block: all but the packet and its padding
+constexpr size_t kHeader = 32;      // of the packet: all but its data
 
 // Leaves errno to the caller of a recorded call, and keeps the file's calls from being cancellation
 // points.
@@ -70,41 +33,6 @@ class Unnoticed {
   private:
     const int error;
     const CancellationDisabled uncancelled{};
-};
-
-int64_t nanoseconds(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return int64_t{now.tv_sec} * kNsPerSecond + now.tv_nsec;
-}
-
-// Fields of a block, little-endian.
-class Block {
-  public:
-    void field(uint64_t value, int size) {
-        for (int i = 0; i < size; ++i)
-            bytes += static_cast<char>(value >> (8 * i));
-    }
-    void option(unsigned code, const std::string& value) {
-        field(code, 2);
-        field(value.size(), 2);
-        bytes += value;
-        bytes.append((4 - value.size() % 4) % 4, '\0');
-    }
-    // With its type in front and its length at both ends.
-    std::string finished(uint32_t type) const {
-        Block whole;
-        const size_t length = bytes.size() + 16;
-        whole.field(type, 4);
-        whole.field(length, 4);
-        whole.bytes += bytes;
-        whole.field(0, 4);  // no more options
-        whole.field(length, 4);
-        return whole.bytes;
-    }
-
-  private:
-    std::string bytes{};
 };
 
 // Fields of fixed sizes, little-endian; no memory from the heap.
@@ -157,213 +85,58 @@ size_t record_size(unsigned long request) {
     }
 }
 
-// The section: who wrote it, and where.
-std::string section_header() {
-    utsname machine{};
-    uname(&machine);
-    Block block;
-    block.field(0x1A2B3C4D, 4);
-    block.field(1, 2);
-    block.field(0, 2);
-    block.field(~uint64_t{0}, 8);  // nobody knows its length yet
-    block.option(2, machine.machine);
-    block.option(3, std::string(machine.sysname) + ' ' + machine.release + ' ' + machine.version);
-    block.option(4, std::string(program_invocation_short_name) + " " TAVRIK_VERSION);
-    return block.finished(0x0A0D0D0A);
-}
-
-std::string interface_description() {
-    Block block;
-    block.field(147, 2);  // link type: the user's own
-    block.field(0, 2);
-    block.field(0, 4);
-    block.option(2, "/dev/diag");
-    block.option(9, "\x09");  // times are in nanoseconds
-    return block.finished(1);
-}
-
-// Appends one block. Returns why the capture ends; empty: it goes on. Keeps the file at whole
-// blocks.
-std::string append(iovec* parts, int count) TAVRIK_REQUIRES(capture_mutex) {
-    size_t size = 0;
-    for (int i = 0; i < count; ++i)
-        size += parts[i].iov_len;
-    if (capture_length + size > capture_limit) {
-        return "capture ended: limit of " + std::to_string(capture_limit) + " bytes";
-    }
-    ssize_t written = 0;
-    do {
-        written = writev(capture_file, parts, count);
-    } while (written < 0 && errno == EINTR);
-    if (written == static_cast<ssize_t>(size)) {
-        capture_length += size;
-        return {};
-    }
-    const int error = written < 0 ? errno : ENOSPC;
-    if (ftruncate(capture_file, static_cast<off_t>(capture_length)) != 0) errno = error;
-    return std::string("capture ended: ") + strerror(error);
-}
-
-void end_capture() TAVRIK_REQUIRES(capture_mutex) {
-    capture_state.store(kOff, std::memory_order_release);
-    if (capture_file >= 0) close(capture_file);
-    capture_file = -1;
-    waiting().clear();
-}
-
-void warn(const std::string& problem) {
-    if (!problem.empty()) diag_logger()->warnf("%s", problem.c_str());
-}
-
-// Blocks from here on wait: a call that began then has not ended. A call that takes long is not
-// waited for, because blocks that wait are lost when the process is killed.
-int64_t first_to_wait(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
-    constexpr int64_t kLongest = 10000000;
-    int64_t first = INT64_MAX;
-    for (const int64_t begin : under_way) {
-        if (begin != 0 && now - begin < kLongest) first = std::min(first, begin);
-    }
-    return first;
-}
-
-std::string append_waiting(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
-    Waiting& blocks = waiting();
-    const int64_t limit = first_to_wait(now);
-    while (!blocks.empty() && blocks.begin()->first < limit) {
-        std::string& block = blocks.begin()->second;
-        iovec whole = {block.data(), block.size()};
-        const std::string problem = append(&whole, 1);
-        if (!problem.empty()) return problem;
-        blocks.erase(blocks.begin());
-    }
-    return {};
-}
-
-// Nothing is copied unless it has to wait.
-std::string append_in_order(int64_t time, int64_t now, iovec* parts, int count)
-    TAVRIK_REQUIRES(capture_mutex) {
-    if (waiting().empty() && time < first_to_wait(now)) return append(parts, count);
-    std::string block;
-    for (int i = 0; i < count; ++i)
-        block.append(static_cast<const char*>(parts[i].iov_base), parts[i].iov_len);
-    waiting().emplace(time, std::move(block));
-    return append_waiting(now);
-}
-
-void enter(int64_t begin) {
-    StaticMutexLock guard(capture_mutex);
-    int64_t* const place = std::find(std::begin(under_way), std::end(under_way), 0);
-    if (place != std::end(under_way)) *place = begin;
-}
-
-void leave(int64_t begin) TAVRIK_REQUIRES(capture_mutex) {
-    if (begin == 0) return;
-    int64_t* const place = std::find(std::begin(under_way), std::end(under_way), begin);
-    if (place != std::end(under_way)) *place = 0;
-}
-
-// The block of a call that was entered at `begin`, 0 for a read, and ends now; `time` is its own.
-void record(int64_t begin, int64_t time, int64_t now, iovec* parts, int count) {
-    std::string problem;
-    {
-        StaticMutexLock guard(capture_mutex);
-        leave(begin);
-        if (capture_file < 0) return;
-        problem = append_in_order(time, now, parts, count);
-        if (!problem.empty()) end_capture();
-    }
-    warn(problem);
-}
-
-// A pipe would let the recorded program wait for its reader, or end it.
-int open_file(const char* path) {
-    const int file =
-        open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY | O_NONBLOCK | O_CLOEXEC, 0666);
-    struct stat status {};
-    if (file < 0 || fstat(file, &status) != 0) return file;
-    if (!S_ISFIFO(status.st_mode) && (ftruncate(file, 0) == 0 || !S_ISREG(status.st_mode)))
-        return file;
-    close(file);
-    errno = ESPIPE;
-    return -1;
-}
-
-uint64_t limit_from_environment() {
-    const char* const text = secure_getenv("TAVRIK_CAPTURE_LIMIT");
-    if (!text || *text < '0' || *text > '9') return kDefaultLimit;
-    return strtoull(text, nullptr, 10);
-}
-
-void begin_file(const char* path) {
-    std::string problem;
-    {
-        StaticMutexLock guard(capture_mutex);
-        capture_file = open_file(path);
-        if (capture_file < 0) problem = std::string("no capture: ") + path + ": " + strerror(errno);
-        capture_limit = limit_from_environment();
-        std::string header = section_header() + interface_description();
-        iovec whole = {header.data(), header.size()};
-        if (problem.empty()) problem = append(&whole, 1);
-        capturing_process = getpid();
-        wall_offset = nanoseconds(CLOCK_REALTIME) - nanoseconds(CLOCK_MONOTONIC);
-        capture_state.store(kOn, std::memory_order_release);
-        if (!problem.empty()) end_capture();
-    }
-    warn(problem);
-}
-
-bool is_on() {
-    return capture_state.load(std::memory_order_acquire) == kOn && getpid() == capturing_process;
-}
-
 }  // namespace
 
 void capture_begin() {
-    int undecided = kUndecided;
-    if (!capture_state.compare_exchange_strong(undecided, kOff)) return;
+    static std::atomic_flag decided = ATOMIC_FLAG_INIT;
+    if (decided.test_and_set()) return;
     const Unnoticed unnoticed;
     const char* const path = secure_getenv("TAVRIK_CAPTURE");
-    if (path && *path) begin_file(path);
+    if (path && *path) capture_file_begin(path);
 }
 
 CapturedCall::CapturedCall(capture_kind kind_, uint32_t argument_)
-    : kind(kind_), argument(argument_), begin(is_on() ? nanoseconds(CLOCK_MONOTONIC) : -1) {
+    : kind(kind_),
+      argument(argument_),
+      begin(capture_file_is_on() ? capture_clock(CLOCK_MONOTONIC) : -1) {
     // A read has the time of its end: nothing waits for it.
-    if (begin >= 0 && kind != CAPTURE_READ) enter(begin);
+    if (begin >= 0 && kind != CAPTURE_READ) capture_file_enter(begin);
 }
 
 int CapturedCall::end(int result, const void* data, size_t length) {
     if (begin < 0) return result;
     const int error = result < 0 ? errno : 0;
     const Unnoticed unnoticed;
-    const int64_t now = nanoseconds(CLOCK_MONOTONIC);
-    constexpr size_t kEnvelope = 44;  // of the block: all but the packet and its padding
-    constexpr size_t kHeader = 32;    // of the packet: all but its data
+    const int64_t now = capture_clock(CLOCK_MONOTONIC);
+    const bool inbound = kind == CAPTURE_READ;
+    const int64_t time = inbound ? now : begin;
     const size_t padding = (4 - length % 4) % 4;
     const size_t size = kEnvelope + kHeader + length + padding;
 
-    Fields<28 + kHeader> front;
-    const bool inbound = kind == CAPTURE_READ;
-    const int64_t time = inbound ? now : begin;
-    put_block_begin(front, size, wall_offset + time, kHeader + length);
-    front.put(1, 1);
-    front.put(kind, 1);
-    front.put(0, 2);
-    front.put(static_cast<uint64_t>(syscall(SYS_gettid)), 4);
-    front.put(static_cast<uint64_t>(result), 4);
-    front.put(static_cast<uint64_t>(error), 4);
-    front.put(argument, 4);
-    front.put(length, 4);
-    front.put(static_cast<uint64_t>(now - begin), 8);
-
+    Fields<kBlockBegin + kHeader> front;
+    put_block_begin(front, size, capture_file_time(time), kHeader + length);
+    put_header(front, {result, error, now - begin, length});
     Fields<20> behind;
     behind.put(0, static_cast<int>(padding));
     put_block_end(behind, size, inbound);
     iovec parts[] = {{front.bytes, front.length},
                      {const_cast<void*>(data), length},
                      {behind.bytes, behind.length}};
-    record(inbound ? 0 : begin, time, now, parts, 3);
+    capture_file_append(inbound ? 0 : begin, time, now, parts, 3);
     return result;
+}
+
+template <typename FieldsOfHeader>
+void CapturedCall::put_header(FieldsOfHeader& fields, const outcome& ended) const {
+    fields.put(1, 1);
+    fields.put(kind, 1);
+    fields.put(0, 2);
+    fields.put(static_cast<uint64_t>(syscall(SYS_gettid)), 4);
+    fields.put(static_cast<uint64_t>(ended.result), 4);
+    fields.put(static_cast<uint64_t>(ended.error), 4);
+    fields.put(argument, 4);
+    fields.put(ended.length, 4);
+    fields.put(static_cast<uint64_t>(ended.duration), 8);
 }
 
 CapturedIoctl::CapturedIoctl(unsigned long request_, const void* record_)

@@ -38,6 +38,16 @@ class CapturedCall {
     bool isRecorded() const { return begin >= 0; }
 
   private:
+    struct outcome {
+        int result;
+        int error;
+        int64_t duration;
+        size_t length;
+    };
+
+    template <typename FieldsOfHeader>
+    void put_header(FieldsOfHeader& fields, const outcome& ended) const;
+
     const capture_kind kind;
     const uint32_t argument;
     const int64_t begin;  // monotonic nanoseconds; negative: not recorded
