@@ -461,7 +461,7 @@ Driver::Result Driver::replayWrite(const std::string& call, const Bytes& data, T
     const long value = found != nullptr ? found->call->result : 0;
     const int error = found != nullptr ? found->call->error : 0;
     trace_.line(kHost, call + describeResult(value, error));
-    return {value, error};
+    return {value, error, found != nullptr && found->sawRead};
 }
 
 Driver::Result Driver::replayIoctl(unsigned long request, void* argument, Time now) {

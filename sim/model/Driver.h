@@ -48,7 +48,14 @@ class Driver {
 
     // Whether writes wait, before they are taken and after, while something stands unread.
     bool writesBlock() const { return scenario_.write.blocksUntilRead && mayWrite(flags_); }
-    bool writesLinger() const { return scenario_.write.returnsAfterRead; }
+    bool writesLinger() const { return scenario_.write.returnsAfterRead || replay_; }
+
+    // Whether the answers come from a capture. Then a write waits as if it blocked, and lingers if
+    // the recorded one saw a read: the recorded client had read so far.
+    bool replays() const { return replay_.has_value(); }
+    // Lets everything that is queued be due by now.
+    void hasten(Time now);
+
     void tellThatWriteWaits(size_t unread, Time now);
     // A write that was given up while it waited.
     Result abandonWrite(const Bytes& data, int error);
@@ -111,7 +118,6 @@ class Driver {
     Result replayIoctl(unsigned long request, void* argument, Time now);
     const Replay::Recorded* findRecorded(CapturedCall::Kind kind, uint32_t argument,
                                          const Bytes& data, const std::string& call, Time now);
-    void hasten(Time now);
 
     Result registerTables(void* argument);
     Result switchMode(void* argument, Time now);

@@ -45,7 +45,8 @@ void Node::plug(const Scenario& scenario) {
     if (session_) throw std::logic_error("diagsim: plugged in while a client is open");
     driver_ = std::make_unique<Driver>(scenario, trace_);
     const Scenario::Write& write = scenario.write;
-    countsReads_ = scenario.queueLimit > 0 || write.blocksUntilRead || write.returnsAfterRead;
+    countsReads_ = scenario.queueLimit > 0 || write.blocksUntilRead || write.returnsAfterRead ||
+                   scenario.recorded != nullptr;
     trace_.restart();
 }
 
@@ -177,6 +178,7 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
         MutexLock lock(mutex_);
         return isClient(fd) ? driver_->refuseRead() : Driver::Result{-1, EBADF};
     }
+    reader_.store(std::this_thread::get_id(), std::memory_order_relaxed);
     CountedRead counted(*this);
     const ssize_t count = Libc::read(fd, data, length);
     const int error = count < 0 ? errno : 0;
@@ -224,14 +226,23 @@ std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
         if (!write.result) write.result = Driver::Result{-1, EBADF};
         return nullptr;
     }
+    const bool replay = mayWaitInReplay();
     if (!write.result) {
-        const bool waits = driver_->writesBlock() && !goesOn(false);
+        if (replay) driver_->hasten(now());
+        const bool waits = (driver_->writesBlock() || replay) && !goesOn(false);
         if (const auto gate = waits ? makeGate(false) : nullptr) return gate;
         write.result = driver_->write(write.data, now());
         session_->wake();
     }
-    const bool lingers = driver_->writesLinger() && write.result->taken;
+    const bool lingers =
+        driver_->writesLinger() && write.result->taken && (replay || !driver_->replays());
     return lingers && !goesOn(true) ? makeGate(true) : nullptr;
+}
+
+bool Node::mayWaitInReplay() const {
+    const std::thread::id reader = reader_.load(std::memory_order_relaxed);
+    return driver_->replays() && reader != std::thread::id() &&
+           reader != std::this_thread::get_id();
 }
 
 void Node::abandon(PendingWrite& write, int error) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sim/Bytes.h"
@@ -67,6 +68,9 @@ class Node {
         bool taken;
     };
 
+    // Whether this thread may wait in a write of a replay: not the one that has to read meanwhile.
+    bool mayWaitInReplay() const DIAGSIM_REQUIRES(mutex_);
+
     // Whether anything that is due has not been read.
     bool standsUnread() DIAGSIM_REQUIRES(mutex_);
     // Whether a write goes on that has or has not been taken.
@@ -94,8 +98,9 @@ class Node {
     std::atomic<bool> readable_{false};
     std::atomic<unsigned> opens_{0};  // tells one client from the next
     std::atomic<int> clientFd_{-1};
-    std::atomic<bool> anyClosed_{false};    // whether closed_ has sessions; written under mutex_
-    std::atomic<bool> countsReads_{false};  // whether the scenario wants it; written under mutex_
+    std::atomic<std::thread::id> reader_{};  // the thread of the last read(), if it was here
+    std::atomic<bool> anyClosed_{false};     // whether closed_ has sessions; written under mutex_
+    std::atomic<bool> countsReads_{false};   // whether the scenario wants it; written under mutex_
 
     // Guards everything below, and gives the trace its order. Nothing blocks under it.
     mutable Mutex mutex_{};

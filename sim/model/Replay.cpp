@@ -40,6 +40,7 @@ void Replay::addRead(Recorded& to, const CapturedCall& read, int speed) {
     const uint64_t gap = read.time - to.call->time;
     const uint64_t left = gap > to.call->duration ? gap - to.call->duration : 0;
     std::chrono::nanoseconds distance(std::min(left, kLongestNs));
+    if (gap < to.call->duration) to.sawRead = true;
     if (!to.reads.empty() && distance - to.lastGo < kOneGo) {
         distance = to.lastGo;
     }

@@ -22,6 +22,7 @@ class Replay {
     struct Recorded {
         const CapturedCall* call = nullptr;
         std::vector<Later> reads{};
+        bool sawRead = false;               // something was read before it returned
         std::chrono::nanoseconds lastGo{};  // when the last of them came, unscaled
     };
 
