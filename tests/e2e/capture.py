@@ -20,7 +20,7 @@ from preload import preload
 CHECKER, DIAGTAP = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[3])
 PRELOAD, FOLDER = preload(CHECKER, sys.argv[2])
 REMARK = re.compile(r"(=> -?\w+(?: E\w+)?) \(.*\)$")  # of the device on its result
-TRIES = 5
+TRIES = 3  # this machine may be busy
 UNSEEN = re.compile(r"=> (dropped|lost)|write waits|the device is gone")
 
 
@@ -78,13 +78,9 @@ def timeless(report):
     return status, sessions
 
 
-def lingers(scenario):
-    """A replay does not hold up writes, and then answers race with requests."""
-    return not isinstance(scenario, str) and scenario.get("write", {}).get("returns_after_read")
-
-
 class Captures(unittest.TestCase):
-    def check(self, scenario):
+    def check(self, case):
+        scenario = case.scenario
         with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
             first = Run(scenario, folder)
             shown, traced = first.shown(), first.traced()
@@ -94,18 +90,17 @@ class Captures(unittest.TestCase):
             read, sent = of(shown, False), of(traced, False)
             both = min(len(read), len(sent))
             self.assertEqual(read[:both], sent[:both])
-            if lingers(scenario):
-                return
             # Where a stray answer races with the next request, each run ends as it may.
+            if case.status is None:
+                return
             tries = (timeless(Run({"replay": first.capture}, other).report()) for _ in range(TRIES))
             expected = timeless(first.report())
             self.assertTrue(any(report == expected for report in tries), expected)
 
     def test_every_scenario(self):
-        cases = [case.scenario for case in (*fault_cases(), *driver_cases())]
         with concurrent.futures.ThreadPoolExecutor(8) as pool:
-            for scenario, done in [(scenario, pool.submit(self.check, scenario)) for scenario in cases]:
-                with self.subTest(scenario=scenario):
+            for case, done in [(case, pool.submit(self.check, case)) for case in (*fault_cases(), *driver_cases())]:
+                with self.subTest(scenario=case.scenario):
                     done.result()
 
     def test_a_capture_that_fails_costs_one_warning(self):
