@@ -218,11 +218,11 @@ class JSONData::Parser {
 
     // Reads a scalar, or opens an array or object.
     bool readValue(JSONData& node) {
-        Token token;
-        if (!fetchNextType(source, token) || !token.beginsValue()) {
+        const bool found = std::exchange(isFetched, false) || fetchNextType(source, next);
+        if (!found || !next.beginsValue()) {
             return source.peek() != 0 && fail("syntax error: missing value");
         }
-        switch (token.type) {
+        switch (next.type) {
             case kNull:
                 return readNull(node);
             case kBoolean:
@@ -232,7 +232,7 @@ class JSONData::Parser {
             case kLong:
                 return node.parseJsonNumberIntoSelf(source) || fail("syntax error: invalid number");
             default:
-                return open(node, token.type);
+                return open(node, next.type);
         }
     }
 
@@ -313,18 +313,18 @@ class JSONData::Parser {
 
     // In front of a child: its value, behind its key in an object, or the end of its parent.
     bool beginChild(Open& parent, bool& closed, JSONData*& target) {
-        Token token;
-        const bool found = fetchNextType(source, token);
-        closed = token.closes(parent.node->type);
+        const bool found = fetchNextType(source, next);
+        closed = next.closes(parent.node->type);
         if (closed) {
             source.advance();
             return true;
         }
-        if (!found || token.end) {
+        if (!found || next.end) {
             return fail(parent.isArray() ? "syntax error: array not closed"
                                          : "syntax error: object not closed");
         }
-        if (!parent.isArray() && !readKey(token, parent.key)) return false;
+        isFetched = parent.isArray();
+        if (!parent.isArray() && !readKey(next, parent.key)) return false;
         parent.child.reset(nodes.make());
         target = parent.child.get();
         return true;
@@ -344,6 +344,8 @@ class JSONData::Parser {
 
     Source& source;
     const char* const operation;
+    Token next{};            // what was fetched last
+    bool isFetched = false;  // and begins the value that is read next
     NodeSource nodes{};
     std::vector<Open> opened{};
     JSONData retired{};
