@@ -2,7 +2,6 @@
 
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -226,11 +225,7 @@ const std::string* JSONData::getKeyAtIndex(int i) const {
     return &value.members.list[static_cast<size_t>(i)].key;
 }
 
-bool JSONData::booleanValue() const {
-    unsigned char first;
-    std::memcpy(&first, &value, 1);
-    return first != 0;
-}
+bool JSONData::booleanValue() const { return *reinterpret_cast<const unsigned char*>(&value) != 0; }
 
 long long JSONData::longValue() const {
     using Limits = std::numeric_limits<long long>;
@@ -385,7 +380,9 @@ void JSONData::copy(const JSONData& other) {
 }
 
 void JSONData::copyScalar(const JSONData& other) {
-    memcpy(static_cast<void*>(&value), &other.value, sizeof value.integer);
+    if (type == kLong) value.integer = other.value.integer;
+    if (type == kDouble) value.real = other.value.real;
+    if (type == kBoolean) value.boolean = other.value.boolean;
 }
 
 void JSONData::swap(JSONData& other) {
@@ -399,13 +396,13 @@ void JSONData::moveFrom(JSONData& other) {
     setType(other.type);
     switch (type) {
         case kObject:
-            value.members = std::move(other.value.members);
+            std::swap(value.members, other.value.members);
             break;
         case kArray:
-            value.elements = std::move(other.value.elements);
+            value.elements.swap(other.value.elements);
             break;
         case kString:
-            value.text = std::move(other.value.text);
+            value.text.swap(other.value.text);
             break;
         default:
             copyScalar(other);
