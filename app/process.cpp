@@ -10,7 +10,7 @@
 namespace {
 
 // For `strings`: tells the version of a program found on a device.
-[[gnu::used]] const char version[] = "adsppm-check " TAVRIK_VERSION;
+[[gnu::used, gnu::retain]] const char version[] = "adsppm-check " TAVRIK_VERSION;
 
 // Holds the log lines until the process ends. A pipe or a terminal that nobody reads would
 // otherwise block the thread that receives the answers.
