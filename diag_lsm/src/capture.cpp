@@ -21,8 +21,7 @@ constexpr size_t kBlockBegin = 28;  // of the block: up to the packet
 constexpr size_t kEnvelope = 44;    // of the block: all but the packet and its padding
 constexpr size_t kHeader = 32;      // of the packet: all but its data
 
-// Leaves errno to the caller of a recorded call, and keeps the file's calls from being cancellation
-// points.
+// Restores errno for the caller of a recorded call. The file's calls are no cancellation points.
 class Unnoticed {
   public:
     Unnoticed() : error(errno) {}
@@ -67,7 +66,7 @@ void put_block_end(Fields<capacity>& fields, size_t size, bool inbound) {
     fields.put(size, 4);
 }
 
-// Bytes behind the argument of an ioctl; 0 where there are none.
+// The size of the record that an ioctl's argument points to; 0 if there is none.
 size_t record_size(unsigned long request) {
     switch (request) {
         case DIAG_IOCTL_REGISTER:
@@ -99,7 +98,7 @@ CapturedCall::CapturedCall(capture_kind kind_, uint32_t argument_)
     : kind(kind_),
       argument(argument_),
       begin(capture_file_is_on() ? capture_clock(CLOCK_MONOTONIC) : -1) {
-    // A read has the time of its end: nothing waits for it.
+    // A read counts at its return: no block waits for it.
     if (begin >= 0 && kind != CAPTURE_READ) capture_file_enter(begin);
 }
 

@@ -1,12 +1,13 @@
-// A record of all calls on the device node, in the file that the environment names.
+// Records all calls on the device node in the file that the environment names.
 //
-// TAVRIK_CAPTURE=FILE turns it on when the device is first opened; TAVRIK_CAPTURE_LIMIT (bytes)
-// ends it. docs/capture.md has the format. Any thread. A failure costs the capture and one warning
-// of the logger "DIAG", never the call that is recorded: results and errno stay as they are.
+// TAVRIK_CAPTURE=FILE starts the capture when the device is first opened; TAVRIK_CAPTURE_LIMIT
+// (bytes) ends it. docs/capture.md describes the format. Any thread. A failure ends the capture
+// with one warning of the logger "DIAG". It never affects the recorded call: results and errno
+// stay.
 //
-// Nothing here holds a lock across a call into the driver. Blocks are written whole, in the order
-// of the calls: of a read its return counts, of the others their begin. So a block that belongs
-// behind a call under way waits in memory, for 10 ms at most. A forked child records nothing.
+// No lock is held across a call into the driver. Blocks are written whole and in the order of the
+// calls; a read counts at its return, any other call at its begin. Therefore a block that belongs
+// after a call under way waits in memory, for 10 ms at most. A forked child records nothing.
 #pragma once
 
 #include <cstddef>
@@ -22,14 +23,14 @@ enum capture_kind : uint8_t {
     CAPTURE_IOCTL
 };
 
-// Decides, at the first call, whether calls are recorded, and begins the file. Wants descriptors 0
-// to 2 to be taken.
+// The first call decides whether calls are recorded and begins the file. Requires that descriptors
+// 0 to 2 are in use.
 void capture_begin();
 
-// One call on the node: constructed in front of it, ended behind it.
+// One call on the node. Construct it before the call and end it after the call.
 class CapturedCall {
   public:
-    // `argument` is the flags of an open, the request of an ioctl, else 0.
+    // `argument`: the flags of an open, the request of an ioctl, else 0.
     explicit CapturedCall(capture_kind kind, uint32_t argument = 0);
 
     // Records the call with its result, errno and data. Returns the result; keeps errno.
@@ -53,7 +54,7 @@ class CapturedCall {
     const int64_t begin;  // monotonic nanoseconds; negative: not recorded
 };
 
-// One ioctl: also keeps what the argument points to, from before the call and from after it.
+// One ioctl. Also keeps the record that the argument points to, before and after the call.
 class CapturedIoctl {
   public:
     CapturedIoctl(unsigned long request, const void* record);

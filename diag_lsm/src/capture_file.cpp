@@ -31,18 +31,17 @@ std::atomic<bool> capture_on{false};
 pid_t capturing_process = 0;
 int64_t wall_offset = 0;  // nanoseconds from the monotonic clock to 1970
 
-// Guards the file, and gives the blocks their order. Nothing is called under it but the file's own
-// system calls.
+// Guards the file and the order of the blocks. Only the file's own system calls are made under it.
 StaticMutex capture_mutex;
 int capture_file TAVRIK_GUARDED_BY(capture_mutex) = -1;
 uint64_t capture_length TAVRIK_GUARDED_BY(capture_mutex) = 0;
 uint64_t capture_limit TAVRIK_GUARDED_BY(capture_mutex) = kDefaultLimit;
 
-// Calls under way, but for reads, by the time of their begin; 0: a free place. Further ones are not
-// waited for.
+// The begin times of the calls under way, reads excepted; 0: a free place. Blocks do not wait for
+// calls that find no place.
 int64_t under_way[16] TAVRIK_GUARDED_BY(capture_mutex);
 
-// Blocks that wait for a call which began before them, in the order of their times.
+// Blocks that wait for a call that began before them, in the order of their times.
 using Waiting = std::multimap<int64_t, std::string>;
 Waiting& waiting() TAVRIK_REQUIRES(capture_mutex) {
     static Waiting* const blocks = new Waiting;
@@ -103,8 +102,8 @@ std::string interface_description() {
     return block.finished(1);
 }
 
-// Appends one block. Returns why the capture ends; empty: it goes on. Keeps the file at whole
-// blocks.
+// Appends one block; truncates one that was written in part. Returns the reason if the capture
+// ends, else "".
 std::string append(iovec* parts, int count) TAVRIK_REQUIRES(capture_mutex) {
     size_t size = 0;
     for (int i = 0; i < count; ++i)
@@ -136,8 +135,8 @@ void warn(const std::string& problem) {
     if (!problem.empty()) diag_logger()->warnf("%s", problem.c_str());
 }
 
-// Blocks from here on wait: a call that began then has not ended. A call that takes long is not
-// waited for, because blocks that wait are lost when the process is killed.
+// The begin of the oldest call under way: later blocks wait. They do not wait for a long call,
+// because a kill loses waiting blocks.
 int64_t first_to_wait(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
     constexpr int64_t kLongest = 10000000;
     int64_t first = INT64_MAX;
@@ -160,7 +159,7 @@ std::string append_waiting(int64_t now) TAVRIK_REQUIRES(capture_mutex) {
     return {};
 }
 
-// Nothing is copied unless it has to wait.
+// Copies a block only if it has to wait.
 std::string append_in_order(int64_t time, int64_t now, iovec* parts, int count)
     TAVRIK_REQUIRES(capture_mutex) {
     if (waiting().empty() && time < first_to_wait(now)) return append(parts, count);
@@ -177,7 +176,7 @@ void leave(int64_t begin) TAVRIK_REQUIRES(capture_mutex) {
     if (place != std::end(under_way)) *place = 0;
 }
 
-// A pipe would let the recorded program wait for its reader, or end it.
+// Refuses a pipe: it could block the recorded program, or end it by SIGPIPE.
 int open_file(const char* path) {
     const int file =
         open(path, O_WRONLY | O_CREAT | O_APPEND | O_NOCTTY | O_NONBLOCK | O_CLOEXEC, 0666);
