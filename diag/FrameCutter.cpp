@@ -23,6 +23,8 @@ unsigned char* find(unsigned char byte, unsigned char* first, unsigned char* las
 }  // namespace
 
 bool FrameCutter::next(Frame& frame) {
+    // An empty buffer may be null, which memchr does not allow.
+    if (at == end) return false;
     unsigned char* const flag = find(kFrameEnd, at, end);
     if (flag == end) return false;
     unsigned char* const escape = find(kEscapeByte, at, flag);
