@@ -108,6 +108,7 @@ struct Scenario {
     int ioctlEintr = 0;
     Masks masks{};
     ModeForm modeForm = ModeForm::kPointer;
+    int modeResult = 1;
     int withdrawResult = 1;
     Deinit deinit{};
     uint16_t remoteMask = 0;

@@ -384,7 +384,7 @@ Driver::Result Driver::setMode(const std::string& call, int mode, Time now) {
     }
     mode_ = mode;
     restartStrays(now);
-    return succeed(call, 1);
+    return succeed(call, scenario_.modeResult);
 }
 
 Driver::Result Driver::delayedResponseId(void* argument) {

@@ -149,6 +149,8 @@ void visitIoctls(Keys& keys, Scenario& scenario) {
     keys.section("mode_switch", [&](Keys& modeSwitch) {
         modeSwitch.choice("accepts", scenario.modeForm, kModeForms,
                           "the accepted forms of ioctl 7; an argument below 4096 is a value");
+        modeSwitch.number("result", scenario.modeResult, kCount,
+                          "the result of an accepted ioctl 7");
     });
     keys.section("withdraw", [&](Keys& withdraw) {
         withdraw.number("result", scenario.withdrawResult, kInt,
