@@ -2,11 +2,12 @@
 preloaded library, for script/test-device.
 
 usage, in tests/: python3 -m device.device scenarios ROOT
-                  python3 -m device.device judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM
+                  python3 -m device.device judge CONSOLE GUEST_CHECKER CHECKER LIBDIAGSIM DIAGTAP
 
 The first writes the scenarios into the device's root folder. The second reads what init wrote to the
-console; GUEST_CHECKER is the device's program, CHECKER and LIBDIAGSIM are the host's own.
+console; GUEST_CHECKER is the device's program, the others are the host's.
 """
+import base64
 import concurrent.futures
 import json
 import os
@@ -79,7 +80,7 @@ class Console:
     """The output of the guest's init, by section."""
 
     def __init__(self, lines):
-        self.runs, self.unit_tests, self.memory, self.trouble = {}, [], None, []
+        self.runs, self.unit_tests, self.memory, self.trouble, self.capture = {}, [], None, [], []
         run = None
         take = str  # ignores the kernel's lines
         for line in lines:
@@ -95,6 +96,8 @@ class Console:
                 take = run.take_trace
             elif word == "memory":
                 take = self.take_memory
+            elif word == "capture":
+                take = self.capture.append
             elif word == "unit":
                 take = self.unit_tests.append
             elif word == "end":
@@ -133,11 +136,32 @@ def compare(name, guest, host):
             (difference(guest.trace, host.trace, "traffic") if name == "a good device" else ""))
 
 
-def judge(console, hosts, size):
+def report(diagtap, capture):
+    """The steps of a capture with their states."""
+    text = subprocess.run([diagtap, "report", capture, "--format", "json"], stdout=subprocess.PIPE, check=True).stdout
+    return [f"{step['name']}: {step['state']}" for session in json.loads(text)["sessions"] for step in session["steps"]]
+
+
+def replay(lines, checker, preloaded, diagtap):
+    """Replays the device's capture on the host. Why verdict or report differ; empty: they do not."""
+    with tempfile.TemporaryDirectory() as folder:
+        recorded, again = (os.path.join(folder, name) for name in ("recorded", "again"))
+        with open(recorded, "wb") as file:
+            file.write(base64.b64decode("".join(lines)))
+        os.environ["TAVRIK_CAPTURE"] = again
+        host = on_host({"device": {"replay": recorded}}, checker, preloaded)
+        del os.environ["TAVRIK_CAPTURE"]
+        if host.status != 0:
+            return "\n".join([f"exit status {host.status}", *host.lines, *host.trace])
+        return difference(report(diagtap, recorded), report(diagtap, again), "report")
+
+
+def judge(console, hosts, size, replayed):
     results = Results()
+    results.add("a capture of the device, replayed on the host", replayed)
     for name, host in hosts.items():
         results.add(name, compare(name, console.runs.get(name), host))
-    for name, status, most, line in (("first of two", 0, 1, None), ("second of two", 0, 1, None),
+    for name, status, most, line in (("recorded", 0, 1, None), ("first of two", 0, 1, None), ("second of two", 0, 1, None),
                                      ("another server", 1, 1, "diagsimd: /dev/diag is there already"),
                                      ("a name in use", 1, 1, "diagsimd: the kernel refuses to make /dev/diag"),
                                      ("server ended", 1, 3, None), ("server killed", 1, 3, None)):
@@ -155,7 +179,7 @@ def judge(console, hosts, size):
     return results
 
 
-def main(console, guest_checker, checker, library):
+def main(console, guest_checker, checker, library, diagtap):
     with open(console, errors="replace") as file:
         lines = file.read().replace("\r", "").splitlines()
     if "@@ end" not in lines:
@@ -174,7 +198,9 @@ def main(console, guest_checker, checker, library):
         # Time is real here: on a busy machine a run may fail. Repeat it alone.
         if hosts[name].status != case["status"]:
             hosts[name] = run(case)
-    results = judge(Console(lines), hosts, os.path.getsize(guest_checker))
+    console = Console(lines)
+    replayed = replay(console.capture, checker, preloaded, os.path.abspath(diagtap))
+    results = judge(console, hosts, os.path.getsize(guest_checker), replayed)
     print(f"{results.passed} passed, {results.failed} failed")
     return 1 if results.failed else 0
 
