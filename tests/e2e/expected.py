@@ -56,10 +56,13 @@ class Outcome:
 
     def __init__(self, status, output, errors, milliseconds, trace):
         self.status, self.output, self.errors = status, output, errors
-        self.milliseconds, self.trace = milliseconds, []
+        self.milliseconds, self.times, self.trace = milliseconds, [], []
         if os.path.exists(trace):
             with open(trace) as lines:
-                self.trace = [line.split("ms  ", 1)[-1].rstrip("\n") for line in lines]
+                for line in lines:
+                    time, text = line.rstrip("\n").split(" ms  ", 1)
+                    self.times.append(float(time))
+                    self.trace.append(text)
 
     def messages(self):
         lines = [LINE.match(line) for line in self.output.splitlines()]
@@ -69,6 +72,10 @@ class Outcome:
             assert level == ("WARN" if warning else "ERROR"), self.output
             assert logger == ("ADSPPM" if text.startswith("ADSPPM::") else "DIAG"), self.output
         return [line.group(3) for line in lines]
+
+    def time_of(self, text):
+        """The milliseconds since the first open at which the trace shows this."""
+        return next(time for time, line in zip(self.times, self.trace) if text in line)
 
     def acknowledged(self):
         accepted = [line for line in self.trace if "(accepted)" in line and "=> lost" not in line]

@@ -84,8 +84,11 @@ class Run:
         library, home = preloaded
         with tempfile.TemporaryDirectory() as folder:
             trace = os.path.join(folder, "trace")
+            # Half of the runs: a capture must change no verdict.
+            self.captured = random.random() < 0.5
             environment = {**os.environ, "LD_PRELOAD": library, "DIAGSIM_TRACE": trace,
-                           "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder)}
+                           "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder),
+                           "TAVRIK_CAPTURE": os.path.join(folder, "capture") if self.captured else ""}
             begin = time.monotonic()
             # A session of its own keeps the terminal's Ctrl-C away.
             process = subprocess.Popen(CHECKER, env=environment, cwd=home, stdin=subprocess.DEVNULL,
@@ -134,7 +137,7 @@ class Checkers:
 
     def __init__(self, choose, excused):
         self.choose, self.excused, self.lock = choose, excused, threading.Lock()
-        self.runs = self.exits_of_0 = self.wrong = self.late = self.doubtful = 0
+        self.runs = self.captured = self.exits_of_0 = self.wrong = self.late = self.doubtful = 0
         pool = concurrent.futures.ThreadPoolExecutor(2)
         self.slots = [pool.submit(self.work) for _ in range(2)]
 
@@ -164,6 +167,7 @@ class Checkers:
     def count(self, run):
         with self.lock:
             self.runs += 1
+            self.captured += run.captured
             self.exits_of_0 += run.outcome.status == 0
             self.wrong += run.mistake is not None
             if run.mistake:
@@ -177,7 +181,7 @@ class Checkers:
         return not self.wrong and self.doubtful <= max(1, self.runs * MOST_DOUBTFUL)
 
     def counts(self):
-        return f"{self.wrong} wrong, {self.late} late, {self.doubtful} doubtful"
+        return f"{self.captured:,} captured, {self.wrong} wrong, {self.late} late, {self.doubtful} doubtful"
 
     def join(self):
         for slot in self.slots:
