@@ -161,7 +161,8 @@ def judge(console, hosts, size, replayed):
     results.add("a capture of the device, replayed on the host", replayed)
     for name, host in hosts.items():
         results.add(name, compare(name, console.runs.get(name), host))
-    for name, status, most, line in (("recorded", 0, 1, None), ("first of two", 0, 1, None), ("second of two", 0, 1, None),
+    for name, status, most, line in (("recorded", 0, 1, None), ("replayed", 0, 1, None),
+                                     ("first of two", 0, 1, None), ("second of two", 0, 1, None),
                                      ("another server", 1, 1, "diagsimd: /dev/diag is there already"),
                                      ("a name in use", 1, 1, "diagsimd: the kernel refuses to make /dev/diag"),
                                      ("server ended", 1, 3, None), ("server killed", 1, 3, None)):
