@@ -97,6 +97,22 @@ class Library(unittest.TestCase):
         done = subprocess.run([self.installed("diagsim-run"), "nothing"], stderr=subprocess.PIPE, text=True)
         self.assertEqual((done.returncode, done.stderr), (2, "diagsim-run: cannot find nothing\n"))
 
+    def test_the_line_examples_tell_a_pass_from_a_failure(self):
+        line, folder = os.path.join(SOURCE, "examples", "line"), os.path.join(self.folder.name, "line")
+        os.mkdir(folder)
+        path = os.pathsep.join([os.path.dirname(self.installed("diagtap")), os.environ["PATH"]])
+        pytest_case = "import pathlib, test_adsp as case; case.test_metric_collection_starts_and_stops(pathlib.Path('.'))"
+        for name, scenario, status in (("good", "", 0), ("bad", "start-refused.json", 1)):
+            command = ["diagsim-run", *scenario.split(), "adsppm-check"]
+            environment = {**os.environ, "PATH": path, "PYTHONPATH": line, "CHECK": " ".join(command)}
+            for program in (["sh", line + "/check.sh", name, *command], [sys.executable, "-B", "-c", pytest_case]):
+                done = subprocess.run(program, cwd=folder, env=environment, stdout=subprocess.PIPE,
+                                      stderr=subprocess.PIPE, text=True)
+                self.assertEqual(done.returncode, status, done)
+            self.assertEqual("start refused" in done.stderr, status == 1, done)
+            self.assertEqual(sorted(os.listdir(os.path.join(folder, name))),
+                             ["junit.xml", "log.txt", "report.json", "run.pcapng"])
+
     def test_every_program_names_its_version(self):
         text = run("strings", self.installed("adsppm-check"))
         self.assertRegex(text, r"(?m)^adsppm-check \d+\.\d+\.\d+$")
