@@ -133,7 +133,9 @@ class Reader {
         const auto interface = static_cast<size_t>(wordAt(body, 0, 4));
         const auto length = static_cast<size_t>(wordAt(body, 12, 4));
         if (interface >= resolutions_.size()) return fail("packet of an unknown interface");
-        if (body.size() < kPacketHeader + length) return fail("packet longer than its block");
+        // Not a sum, which a size of 32 bits would not hold.
+        if (body.size() < kPacketHeader || length > body.size() - kPacketHeader)
+            return fail("packet longer than its block");
         const uint64_t stamp = wordAt(body, 4, 4) << 32 | wordAt(body, 8, 4);
         const auto begin = body.begin() + kPacketHeader;
         takeCall(Bytes(begin, begin + static_cast<std::ptrdiff_t>(length)),
