@@ -53,6 +53,14 @@ class Run(Outcome):
                              (time.monotonic() - begin) * 1000, trace)
 
 
+def share_of_a_processor():
+    """The part of a processor that this process gets when it wants all of it."""
+    begin, used = time.monotonic(), time.process_time()
+    while time.monotonic() < begin + 0.5:
+        pass
+    return (time.process_time() - used) / (time.monotonic() - begin)
+
+
 class Checker(unittest.TestCase):
     alone = threading.Lock()
 
@@ -160,11 +168,17 @@ class Checker(unittest.TestCase):
 
     @unittest.skipIf(SLOW, "time is no measure here")
     def test_no_wait_costs_more_than_its_answer_took(self):
-        for attempt in range(3):
-            median = statistics.median(Run().milliseconds - PAUSE for _ in range(15))
-            if median <= 5:
+        # From the first open to the last close: starting a process is the machine's matter. A wait
+        # that costs too much does so in every run, a busy machine only in most.
+        beyond = []
+        while len(beyond) < 60:
+            beyond.append(Run().times[-1] - PAUSE)
+            if sum(time <= 5 for time in beyond) == 5:
                 return
-        self.fail(f"median of {median:.1f} ms beyond the pause")
+        if share_of_a_processor() < 0.8:
+            self.skipTest("the machine is too busy to measure milliseconds")
+        self.fail(f"{min(beyond):.1f} to {max(beyond):.1f} ms beyond the pause, "
+                  f"median {statistics.median(beyond):.1f}")
 
     @unittest.skipIf(SLOW and not EMULATOR, "sanitizers bring their own libraries")
     def test_links_nothing_but_the_standard_libraries(self):
