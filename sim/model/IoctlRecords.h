@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
+
+#include "sim/Bytes.h"
 
 namespace diagsim {
 
@@ -37,5 +40,27 @@ struct RealTimeVote {
     uint8_t vote;
     uint8_t unused;
 };
+
+// The object at an address that needs no alignment.
+template <typename T>
+T readFrom(const void* address) {
+    T value;
+    std::memcpy(&value, address, sizeof value);
+    return value;
+}
+
+// The object as it lies in memory.
+template <typename T>
+Bytes bytesOf(const T& value) {
+    Bytes bytes(sizeof value);
+    std::memcpy(bytes.data(), &value, sizeof value);
+    return bytes;
+}
+
+// What the client hands to the ioctls that tell the driver something; of the others nothing.
+Bytes recordOf(unsigned long request, void* argument);
+
+// Stores what the driver wrote in a recorded ioctl, which stands behind the client's own record.
+void storeAnswer(unsigned long request, void* argument, const Bytes& data);
 
 }  // namespace diagsim
