@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "log/LogAdapter.h"
+#include "log/Message.h"
 #include "runtime/Lock.h"
 
 namespace tavrik {
@@ -215,9 +216,8 @@ void Logger::tracef(const char* fmt, ...) {
 
 int Logger::vlog(const LogLevel& messageLevel, const char* fmt, va_list args) {
     char message[2048];
-    message[0] = '\0';  // what a failing vsnprintf leaves
-    if (fmt != nullptr) vsnprintf(message, 2047, fmt, args);
-    message[2047] = '\0';
+    message[0] = '\0';
+    if (fmt != nullptr) formatMessage(message, 2047, fmt, args);
     return log(messageLevel, message);
 }
 

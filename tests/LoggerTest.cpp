@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <ctime>
 #include <functional>
 #include <regex>
@@ -173,6 +174,19 @@ TEST(LoggerTest, ALineHasTimeNameLevelAndMessage) {
     ASSERT_TRUE(std::regex_match(lines, match, expected)) << lines;
     EXPECT_EQ(match.length(1), 2046);
     EXPECT_TRUE(before <= lines.substr(0, 15) && lines.substr(0, 15) <= now()) << lines;
+}
+
+TEST(LoggerTest, MessagesAreFormattedAsByPrintf) {
+    Recorder recorder;
+    Logger* const logger = Logger::getLogger("Format");
+    logger->errorf("%d %i %u %s%%|", INT_MIN, -7, UINT_MAX, "text");
+    logger->errorf("%s %d %5.1f|%-3d|%ld", "rest", 3, 2.5, 4, LONG_MIN);
+    const char* volatile nothing = nullptr;  // unknown to the compiler, which would warn
+    logger->errorf("%s %s", "null", nothing);
+    EXPECT_EQ(recorder.take(),
+              "ERROR Format -2147483648 -7 4294967295 text%|+\n"
+              "ERROR Format rest 3   2.5|4  |" +
+                  std::to_string(LONG_MIN) + "+\nERROR Format null (null)+\n");
 }
 
 TEST(LoggerTest, BufferedLinesWaitForAFlush) {
