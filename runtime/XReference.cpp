@@ -38,11 +38,8 @@ void XReference::queue(Change change, SelfDestructingResource* resource) {
 }
 
 void XReference::visit(Visitor& visitor) {
-    LockGuard guard(setLock);
-    maintenance();
-    for (SelfDestructingResource* const member : members) {
-        if (visitor.visitReference(member)) return;
-    }
+    visitWith(
+        [&visitor](SelfDestructingResource* member) { return visitor.visitReference(member); });
 }
 
 unsigned XReference::getSize() {
@@ -73,8 +70,7 @@ bool XReference::isMember(const SelfDestructingResource* resource) const {
     return std::binary_search(members.begin(), members.end(), resource, kInOrder);
 }
 
-void XReference::maintenance() {
-    if (!changed.load(std::memory_order_acquire)) return;
+void XReference::applyChanges() {
     LockGuard guard(pendingLock);
     applyRemoves();
     applyAdds();

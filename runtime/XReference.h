@@ -42,6 +42,16 @@ class XReference {
     // Changes queued during the walk affect the next one.
     void visit(Visitor& visitor) TAVRIK_EXCLUDES(setLock, pendingLock);
 
+    // As visit(), with a function object in the visitor's place: bool visitor(resource).
+    template <typename Function>
+    void visitWith(Function visitor) TAVRIK_EXCLUDES(setLock, pendingLock) {
+        LockGuard guard(setLock);
+        maintenance();
+        for (SelfDestructingResource* const member : members) {
+            if (visitor(member)) return;
+        }
+    }
+
     // Apply the queued changes. getSize() returns the number of members.
     unsigned getSize() TAVRIK_EXCLUDES(setLock, pendingLock);
     void optimize() TAVRIK_EXCLUDES(setLock, pendingLock);
@@ -66,7 +76,10 @@ class XReference {
     }
 
     // Apply the queued changes.
-    void maintenance() TAVRIK_REQUIRES(setLock);
+    void maintenance() TAVRIK_REQUIRES(setLock) {
+        if (changed.load(std::memory_order_acquire)) applyChanges();
+    }
+    void applyChanges() TAVRIK_REQUIRES(setLock);
     void applyRemoves() TAVRIK_REQUIRES(setLock, pendingLock);
     void applyAdds() TAVRIK_REQUIRES(setLock, pendingLock);
     bool isMember(const SelfDestructingResource* resource) const TAVRIK_REQUIRES(setLock);

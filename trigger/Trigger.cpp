@@ -77,15 +77,10 @@ void Trigger::publish(TriggerMetric& metric, const char* metricName, const char*
 
 template <auto notify>
 void Trigger::tellSubscribers() {
-    struct Teller : XReference::Visitor {
-        explicit Teller(Trigger* changed) : trigger(changed) {}
-        bool visitReference(SelfDestructingResource* resource) override {
-            (static_cast<Listener*>(resource)->*notify)(trigger);
-            return false;
-        }
-        Trigger* const trigger;
-    } teller(this);
-    subscribers.visit(teller);
+    subscribers.visitWith([this](SelfDestructingResource* resource) {
+        (static_cast<Listener*>(resource)->*notify)(this);
+        return false;
+    });
 }
 
 void Trigger::setValue(int newValue) {
