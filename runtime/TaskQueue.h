@@ -162,19 +162,29 @@ class TaskQueue : public Runnable {
         }
     }
 
+    // Producers and the drain change their own fields, which lie at least this far apart, so that no
+    // processor takes the other's cache line away with each entry.
+    static constexpr size_t kCacheLine = 64;
+
     // Changed under the lock, read anywhere.
     std::atomic<bool> running{false};
 
     ThreadGroup* group TAVRIK_GUARDED_BY(lock);  // null once closed
-    std::deque<T> queueA;  // the input queue is guarded by the lock, the other one
-    std::deque<T> queueB;  // belongs to the drain
     std::deque<T>* input TAVRIK_GUARDED_BY(lock) = &queueA;
     int blockedProducers TAVRIK_GUARDED_BY(lock) = 0;
     const int limit;
+    // For the metrics, as `drained` and `maxSize`: the number of entries since the beginning,
+    // modulo 2^32. Written under the lock.
+    std::atomic<unsigned> added{0};
 
-    // For the metrics. Numbers of entries since the beginning, modulo 2^32.
-    std::atomic<unsigned> added{0};    // written under the lock
-    std::atomic<unsigned> drained{0};  // written by the drain
+    // The input queue is guarded by the lock, the other one belongs to the drain.
+    std::deque<T> queueA;
+    [[maybe_unused]] char gap[kCacheLine];
+    std::deque<T> queueB;
+    [[maybe_unused]] char secondGap[kCacheLine];
+
+    // Written by the drain.
+    std::atomic<unsigned> drained{0};
     std::atomic<int> maxSize{0};
 };
 
