@@ -169,7 +169,11 @@ class Captures(unittest.TestCase):
             done = diagtap("run", "-o", kept, "--", "sh", "-c", "echo $TAVRIK_CAPTURE; exit 3")
             self.assertEqual((done.returncode, done.stdout), (3, kept + "\n"))
             self.assertEqual(diagtap("run", "--", "sh", "-c", "kill -9 $$").returncode, 137)
-            self.assertEqual(diagtap("run", "--", folder + "/missing").returncode, 127)
+            for program, status, reason in ((folder + "/missing", 127, "No such file or directory"),
+                                            (folder, 126, "Permission denied")):
+                done = diagtap("run", "--", program)
+                self.assertEqual((done.returncode, done.stderr.splitlines()[0]),
+                                 (status, f"diagtap: cannot run {program}: {reason}"))
 
 
 if __name__ == "__main__":
