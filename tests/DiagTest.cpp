@@ -1,4 +1,5 @@
 // The DIAG session: connection, request queue, response hand-over, frames, log masks.
+#include <future>
 #include <thread>
 
 #include "diag_lsm/diag_lsm.h"
@@ -244,6 +245,26 @@ TEST_F(Session, LogRecordsThatDoNotFitAreDropped) {
     EXPECT_EQ(warnings(foreign), "") << "a code without a listener";
     EXPECT_TRUE(log.take().empty());
     EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+}
+
+// The reader is held up, so that the first write waits for its response to be read.
+TEST_F(Session, ARequestThatCameDuringAWriteIsSentBehindIt) {
+    struct Gate : DIAG::LogListener {
+        void onLog(const unsigned char*) override { opened.wait(); }
+        std::promise<void> open;
+        std::future<void> opened = open.get_future();
+    } gate;
+    plug(R"({"write": {"returns_after_read": true}})");
+    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &gate));
+    device().deliverFrame(packet(92, 92));
+    Answer first, second;
+    std::thread caller([&first] { EXPECT_TRUE(send(first)); });
+    EXPECT_TRUE(seen("host    loopback request"));
+    EXPECT_TRUE(send(second));
+    gate.open.set_value();
+    caller.join();
+    EXPECT_TRUE(DIAG::instance()->awaitResponse(second));
+    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &gate));
 }
 
 // --- Log masks --------------------------------------------------------------------------------
