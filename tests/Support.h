@@ -1,8 +1,10 @@
 // Helpers of tests that do not need the simulated device.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <limits>
 #include <string>
 
 #include "metric/MetricRegistry.h"
@@ -15,6 +17,14 @@ inline bool setStackSize(size_t size) {
     pthread_attr_setstacksize(&attributes, size);
     return pthread_setattr_default_np(&attributes) == 0;
 }
+
+// While it lives, no thread can be created: the stack would not fit into the address space.
+struct NoNewThreads {
+    NoNewThreads() {
+        EXPECT_TRUE(setStackSize(std::numeric_limits<size_t>::max() / 65536 * 49152));
+    }
+    ~NoNewThreads() { EXPECT_TRUE(setStackSize(1 << 20)); }
+};
 
 // The calling thread's name.
 inline std::string threadName() {

@@ -5,8 +5,8 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <future>
-#include <limits>
 
 #include "runtime/ThreadGroup.h"
 #include "runtime/XReference.h"
@@ -14,7 +14,8 @@
 #include "tests/Support.h"
 
 // The machine may refuse a priority. The tests check what was requested.
-static Collector<std::pair<int, int>> priorities;
+using Priorities = std::vector<std::pair<int, int>>;
+static Collector<Priorities::value_type> priorities;
 extern "C" int pthread_setschedparam(pthread_t, int policy,
                                      const sched_param* parameters) noexcept {
     priorities.put({policy, parameters->sched_priority});
@@ -23,20 +24,6 @@ extern "C" int pthread_setschedparam(pthread_t, int policy,
 
 namespace tavrik {
 namespace {
-
-class ThreadTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        // A sanitizer may start a thread of its own with the process's first one.
-        std::string first;
-        std::thread([&] { first = "/proc/self/task/" + std::to_string(gettid()); }).join();
-        ASSERT_TRUE(eventually([&] { return access(first.c_str(), F_OK) != 0; }));
-        threadsBefore = runningThreads();
-    }
-    bool allThreadsEnd() const { return threadsComeTo(threadsBefore); }
-
-    long threadsBefore = 0;
-};
 
 // Runs until the test sets `finish`.
 struct Task : Runnable {
@@ -55,6 +42,31 @@ struct Task : Runnable {
     std::atomic<int>* const deletions;
 };
 
+class ThreadTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        // A sanitizer may start a thread of its own with the process's first one.
+        std::string first;
+        std::thread([&] { first = "/proc/self/task/" + std::to_string(gettid()); }).join();
+        ASSERT_TRUE(eventually([&] { return access(first.c_str(), F_OK) != 0; }));
+        threadsBefore = runningThreads();
+        priorities.take();
+    }
+    bool allThreadsEnd() const { return threadsComeTo(threadsBefore); }
+    // Returns when the thread runs `task`.
+    void start(Thread* thread) {
+        thread->start();
+        task.began.get_future().wait();
+    }
+    void finish() {
+        task.finish.set_value();
+        EXPECT_TRUE(allThreadsEnd());
+    }
+
+    long threadsBefore = 0;
+    Task task;
+};
+
 // Counts its references. The test owns it.
 struct Member : SelfDestructingResource {
     void reserve() override { ++references; }
@@ -64,6 +76,14 @@ struct Member : SelfDestructingResource {
 
 class XReferenceTest : public testing::Test, protected XReference::Visitor {
   protected:
+    void add(std::initializer_list<Member*> resources) {
+        for (Member* const resource : resources)
+            set.add(resource);
+    }
+    void remove(std::initializer_list<Member*> resources) {
+        for (Member* const resource : resources)
+            set.remove(resource);
+    }
     // Ends the first visit at `a`; removes `a` and adds `c` at the same point of the second visit.
     bool visitReference(SelfDestructingResource* resource) override {
         visited += "abc"[static_cast<Member*>(resource) - a];
@@ -83,32 +103,40 @@ using Counts = std::vector<int>;
 
 }  // namespace
 
-TEST_F(XReferenceTest, AMemberHoldsOneReference) {
-    for (Member* const member : {a, a, b})
-        set.add(member);
-    for (Member* const member : {b, b, c})
-        set.remove(member);
+TEST_F(XReferenceTest, AMemberAndAPendingChangeHoldOneReferenceEach) {
+    add({a, a, b});
+    remove({b, b, c});
     EXPECT_EQ(references(), (Counts{1, 1, 1}));
     EXPECT_EQ(set.getSize(), 1u);
     EXPECT_EQ(references(), (Counts{1, 0, 0}));
     set.add(a);
-    set.remove(b);
-    set.add(b);
-    EXPECT_EQ(references(), (Counts{2, 1, 0}));
-    EXPECT_EQ(set.getSize(), 2u);
-    EXPECT_EQ(references(), (Counts{1, 1, 0}));
+    EXPECT_EQ(references(), (Counts{2, 0, 0}));
+    EXPECT_EQ(set.getSize(), 1u);
+    EXPECT_EQ(references(), (Counts{1, 0, 0}));
+}
 
-    set.remove(a);
-    set.add(c);
-    set.remove(c);
+TEST_F(XReferenceTest, TheLaterOfOppositeChangesCounts) {
+    remove({b});
+    add({b, c});
+    remove({c});
+    EXPECT_EQ(references(), (Counts{0, 1, 1}));
+    EXPECT_EQ(set.getSize(), 1u);
+    EXPECT_EQ(references(), (Counts{0, 1, 0}));
+}
+
+TEST_F(XReferenceTest, ClearKeepsTheReferencesOfPendingRemovals) {
+    add({a, b});
+    EXPECT_EQ(set.getSize(), 2u);
+    remove({a});
+    add({c});
+    remove({c});
     set.clear();
-    EXPECT_EQ(references(), (Counts{1, 0, 1})) << "pending removals keep their references";
+    EXPECT_EQ(references(), (Counts{1, 0, 1}));
     EXPECT_EQ(set.getSize(), 0u);
 }
 
 TEST_F(XReferenceTest, AVisitSeesTheMembersAtItsStart) {
-    for (Member* const member : {b, a})
-        set.add(member);
+    add({b, a});
     for (const std::string all : {"a", "aab", "aabbc"}) {
         set.visit(*this);
         EXPECT_EQ(visited, all);
@@ -116,48 +144,56 @@ TEST_F(XReferenceTest, AVisitSeesTheMembersAtItsStart) {
     EXPECT_EQ(references(), (Counts{0, 1, 1}));
 }
 
-TEST_F(ThreadTest, AThreadRunsOnceAndDeletesItself) {
-    Task task;
+TEST_F(ThreadTest, AThreadRunsOnceUnderItsName) {
     Thread* const thread = new Thread("thread with a long name", &task);
-    Logger::getLogger("Thread")->setLevel(*LogLevel::valueOf("DEBUG"));
-    const std::string output = outputOf([&] {
-        thread->setPriority(Thread::Priority(1));
-        thread->start();
-        thread->start();
-        task.began.get_future().wait();
-        EXPECT_EQ(task.name, "thread with a l");
-        thread->setPriority(Thread::Priority(5));
-        thread->setPriority(Thread::Priority(0));
-        task.finish.set_value();
-        EXPECT_TRUE(allThreadsEnd());
-    });
-    EXPECT_EQ(priorities.take(),
-              (std::vector<std::pair<int, int>>{{SCHED_FIFO, 23}, {SCHED_IDLE, 1}}));
-    EXPECT_EQ(occurrences(output, "\n"), 5);
-    for (const std::string message :
-         {"Creating Thread", "Thread Created successfully", "setPriority 5", "setPriority 0",
-          "deleting threadinfo in destructor this is [0x"})
-        EXPECT_EQ(occurrences(output, "[Thread]: DEBUG " + message), 1) << message;
-
-    Thread* const ended = new Thread("ended");
-    ended->reserve();
-    ended->start();
-    EXPECT_TRUE(allThreadsEnd());
-    ended->setPriority(Thread::Priority(5));
-    EXPECT_TRUE(priorities.take().empty()) << "the thread has ended";
-    EXPECT_TRUE(ended->release());
+    start(thread);
+    thread->start();
+    EXPECT_EQ(task.name, "thread with a l");
+    finish();
 }
 
+TEST_F(ThreadTest, ARunningThreadGetsItsPriorities) {
+    Thread* const thread = new Thread("prioritised", &task);
+    thread->reserve();
+    thread->setPriority(Thread::Priority(1));
+    start(thread);
+    thread->setPriority(Thread::Priority(5));
+    thread->setPriority(Thread::Priority(0));
+    finish();
+    thread->setPriority(Thread::Priority(6));
+    EXPECT_EQ(priorities.take(), (Priorities{{SCHED_FIFO, 23}, {SCHED_IDLE, 1}}));
+    EXPECT_TRUE(thread->release());
+}
+
+TEST_F(ThreadTest, AThreadTracesItsStepsAndItsDeletion) {
+    Logger::getLogger("Thread")->setLevel(*LogLevel::valueOf("DEBUG"));
+    const std::string output = outputOf([&] {
+        Thread* const thread = new Thread("traced", &task);
+        thread->setPriority(Thread::Priority(1));
+        start(thread);
+        thread->start();
+        thread->setPriority(Thread::Priority(5));
+        finish();
+    });
+    EXPECT_EQ(occurrences(output, "\n"), 4) << output;
+    for (const std::string message :
+         {"Creating Thread", "Thread Created successfully", "setPriority 5",
+          "deleting threadinfo in destructor this is [0x"})
+        EXPECT_EQ(occurrences(output, "[Thread]: DEBUG " + message), 1) << message;
+}
+
+// Notes whether the thread that started it deletes it.
+struct Brief : Thread {
+    explicit Brief(std::atomic<int>* counter)
+        : Thread("brief"), starter(gettid()), deletedByStarter(counter) {}
+    ~Brief() override {
+        if (gettid() == starter) ++*deletedByStarter;
+    }
+    const pid_t starter;
+    std::atomic<int>* const deletedByStarter;
+};
+
 TEST_F(ThreadTest, AStarterNeverDeletesItsThread) {
-    struct Brief : Thread {
-        explicit Brief(std::atomic<int>* counter)
-            : Thread("brief"), starter(gettid()), deletedByStarter(counter) {}
-        ~Brief() override {
-            if (gettid() == starter) ++*deletedByStarter;
-        }
-        const pid_t starter;
-        std::atomic<int>* const deletedByStarter;
-    };
     std::atomic<int> deletedByStarter{0};
     for (int i = 0; i < 5000; ++i)
         (new Brief(&deletedByStarter))->start();
@@ -165,106 +201,141 @@ TEST_F(ThreadTest, AStarterNeverDeletesItsThread) {
     EXPECT_EQ(deletedByStarter, 0);
 }
 
-TEST_F(ThreadTest, EveryStopWaitsForTheTask) {
-    Task task;
+TEST_F(ThreadTest, StopsAndAssignmentsWaitForTheTask) {
     ThreadGroup group("Stopped");
     ThreadGroup::WorkerThread* const worker = group.getWorker();
     worker->assign(&task, false);
     task.began.get_future().wait();
     std::atomic<bool> finishing{false};
-    std::atomic<pid_t> ids[3]{};
     std::vector<std::thread> callers;
-    for (const int call : {0, 1, 2}) {
+    for (const std::string call : {"stop", "stop", "assign"}) {
+        std::atomic<pid_t> id{0};
         callers.emplace_back([&, call] {
-            ids[call] = gettid();
-            call == 2 ? worker->assign(&task, false) : worker->stop();
-            EXPECT_TRUE(finishing) << "call " << call << " returned while the task ran";
+            id = gettid();
+            call == "stop" ? worker->stop() : worker->assign(&task, false);
+            EXPECT_TRUE(finishing) << call << " returned while the task ran";
         });
+        EXPECT_TRUE(eventually([&] { return id != 0 && isAtRest(id); })) << call;
     }
-    for (const std::atomic<pid_t>& id : ids)
-        EXPECT_TRUE(eventually([&] { return id != 0 && isAtRest(id); }));
     finishing = true;
-    task.finish.set_value();
+    finish();
     for (std::thread& caller : callers)
         caller.join();
-    group.close();
 }
 
-TEST_F(ThreadTest, AFailedThreadCreationBlocksNobody) {
-    std::atomic<int> deleted{0};
-    ThreadGroup group("Failing");
-    // The stack would not fit into the address space.
-    ASSERT_TRUE(setStackSize(std::numeric_limits<size_t>::max() / 65536 * 49152));
-    testing::internal::CaptureStderr();
-    ThreadGroup::WorkerThread* const worker = group.getWorker();
-    worker->start();
-    Task never;
-    EXPECT_FALSE(group.trySpawn(&never));
-    EXPECT_TRUE(setStackSize(1 << 20));
+// A group with a worker whose thread could not be created.
+class FailedThreadTest : public ThreadTest {
+  protected:
+    void SetUp() override {
+        ThreadTest::SetUp();
+        testing::internal::CaptureStderr();
+        const NoNewThreads refused;
+        worker = group.getWorker();
+        worker->start();
+        EXPECT_FALSE(group.trySpawn(&task));
+        printed = testing::internal::GetCapturedStderr();
+    }
+    void TearDown() override {
+        group.close();
+        EXPECT_TRUE(worker->release()) << "a reference for the missing thread is left";
+    }
+
+    ThreadGroup group{"Failing"};
+    ThreadGroup::WorkerThread* worker = nullptr;
+    std::string printed;
+};
+
+TEST_F(FailedThreadTest, EachAttemptIsPrinted) {
     const std::string message = "Thread::start()  pthread_create failed\n";
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), message + message);
+    EXPECT_EQ(printed, message + message) << "of the worker and of trySpawn()";
+}
+
+TEST_F(FailedThreadTest, SettingItsPriorityDoesNothing) {
     worker->setPriority(Thread::Priority(5));
-    EXPECT_TRUE(priorities.take().empty());
+    EXPECT_EQ(priorities.take(), Priorities{});
+}
+
+TEST_F(FailedThreadTest, ItsWorkerDropsTasks) {
+    std::atomic<int> deleted{0};
     worker->assign(new Task(&deleted), true);
     worker->assign(new Task(&deleted), true);
     group.close();
     EXPECT_EQ(deleted, 2);
-    EXPECT_TRUE(worker->release()) << "a reference for the missing thread is left";
 }
 
-TEST_F(ThreadTest, AGroupReusesTheLastReturnedWorker) {
-    const auto expectMetrics = [](const std::string& busy, const std::string& count) {
+class ThreadGroupTest : public ThreadTest {
+  protected:
+    // Spawns a task; returns the thread that runs it.
+    pid_t spawn(size_t index) {
+        group->spawn(&tasks[index], true);
+        const pid_t thread = tasks[index].began.get_future().get();
+        EXPECT_EQ(tasks[index].name, "Pool Worker");
+        return thread;
+    }
+    // Ends a task; waits until the metrics are these.
+    void finish(size_t index, const std::string& busy, const std::string& count) {
+        tasks[index].finish.set_value();
+        expectMetrics(busy, count);
+    }
+    static std::string metrics() {
+        return metric("Pool", "Busy Count") + metric("Pool", "Worker Count");
+    }
+    static void expectMetrics(const std::string& busy, const std::string& count) {
         const std::string expected =
             "Thread Group|the number of thread group worker threads that are in use.|" + busy +
             "Thread Group|the number of worker threads allocated for thread group|" + count;
-        const auto found = [] {
-            return metric("Pool", "Busy Count") + metric("Pool", "Worker Count");
-        };
-        EXPECT_TRUE(eventually([&] { return found() == expected; })) << found();
-    };
-    std::array<Task, 4> tasks;
-    std::array<pid_t, 4> threads{};
-    {
-        ThreadGroup group("Pool");
-        const auto spawn = [&](size_t task) {
-            group.spawn(&tasks[task], true);
-            threads[task] = tasks[task].began.get_future().get();
-            EXPECT_EQ(tasks[task].name, "Pool Worker");
-        };
-        for (const size_t task : {0u, 1u, 2u})
-            spawn(task);
-        EXPECT_TRUE(threadsComeTo(threadsBefore + 3));
-        for (const size_t task : {0u, 1u}) {
-            tasks[task].finish.set_value();
-            expectMetrics(task == 0 ? "2" : "1", "3");
-        }
-        spawn(3);
-        EXPECT_EQ(threads[3], threads[1]);
-        for (const size_t task : {2u, 3u})
-            tasks[task].finish.set_value();
-        expectMetrics("0", "3");
-        group.close();
-        expectMetrics("0", "0");
-        EXPECT_TRUE(allThreadsEnd());
-        Task neverRun;
-        group.spawn(&neverRun, true);
-        EXPECT_EQ(group.getWorker(), nullptr);
+        EXPECT_TRUE(eventually([&] { return metrics() == expected; }))
+            << metrics() << " instead of " << expected;
     }
-    EXPECT_EQ(metric("Pool", "Busy Count") + metric("Pool", "Worker Count"), "");
+
+    std::array<Task, 4> tasks;
+    std::unique_ptr<ThreadGroup> group = std::make_unique<ThreadGroup>("Pool");
+};
+
+TEST_F(ThreadGroupTest, ATaskGetsTheWorkerThatReturnedLast) {
+    spawn(0);
+    const pid_t second = spawn(1);
+    spawn(2);
+    EXPECT_TRUE(threadsComeTo(threadsBefore + 3));
+    finish(0, "2", "3");
+    finish(1, "1", "3");
+    EXPECT_EQ(spawn(3), second);
+    finish(2, "1", "3");
+    finish(3, "0", "3");
 }
 
+TEST_F(ThreadGroupTest, AClosedGroupRunsNothing) {
+    spawn(0);
+    spawn(1);
+    finish(0, "1", "2");
+    finish(1, "0", "2");
+    group->close();
+    expectMetrics("0", "0");
+    EXPECT_TRUE(allThreadsEnd());
+    group->spawn(&tasks[2], true);
+    EXPECT_EQ(group->getWorker(), nullptr);
+}
+
+TEST_F(ThreadGroupTest, ItsMetricsEndWithTheGroup) {
+    expectMetrics("0", "0");
+    group.reset();
+    EXPECT_EQ(metrics(), "");
+}
+
+// A task that spawns itself again.
+struct Chain : Runnable {
+    void run() override {
+        ++inside;
+        ++runs;
+        group->spawn(this, false);
+        --inside;
+    }
+    ThreadGroup* group = nullptr;
+    std::atomic<int> runs{0};
+    std::atomic<int> inside{0};
+};
+
 TEST_F(ThreadTest, ADestroyedGroupEndsRespawningTasks) {
-    struct Chain : Runnable {
-        void run() override {
-            ++inside;
-            ++runs;
-            group->spawn(this, false);
-            --inside;
-        }
-        ThreadGroup* group = nullptr;
-        std::atomic<int> runs{0};
-        std::atomic<int> inside{0};
-    };
     long kilobytes = 0;
     for (int trial = 0; trial < 250; ++trial) {
         Chain chain;
