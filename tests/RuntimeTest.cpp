@@ -17,9 +17,6 @@
 namespace tavrik {
 namespace {
 
-using std::chrono::milliseconds;
-using WallClock = std::chrono::system_clock;
-
 class RuntimeTest : public testing::Test {
   protected:
     void TearDown() override { join(); }
@@ -31,6 +28,20 @@ class RuntimeTest : public testing::Test {
         start(std::move(body));
         while (rw.waitersForTesting() == before)
             std::this_thread::yield();
+    }
+    void startBlockedReader(std::function<void()> body) {
+        startBlocked([this, body = std::move(body)] {
+            rw.readLock();
+            body();
+            rw.readUnlock();
+        });
+    }
+    void startBlockedWriter(std::function<void()> body) {
+        startBlocked([this, body = std::move(body)] {
+            rw.writeLock();
+            body();
+            rw.writeUnlock();
+        });
     }
     void join() {
         for (std::thread& thread : threads)
@@ -45,27 +56,38 @@ class RuntimeTest : public testing::Test {
         return locked;
     }
 
+    // The milliseconds that a call takes on the wall clock.
+    static long timed(const std::function<void()>& call) {
+        const auto start = std::chrono::system_clock::now();
+        call();
+        const auto passed = std::chrono::system_clock::now() - start;
+        return static_cast<long>(passed / std::chrono::milliseconds(1));
+    }
+
+    Lock lock;
     RWLock rw;
     std::vector<std::thread> threads;
 };
 
-// The deadline's nanoseconds overflow into the next second. Without the carry, the wait would fail
-// with a message or return at once.
-TEST_F(RuntimeTest, ATimedWaitMayCrossASecond) {
-    Lock lock;
+TEST_F(RuntimeTest, AGuardReleasesALockThatItRetook) {
     {
         LockGuard guard(lock);
         guard.unlock();
         guard.lock();
     }
+    LockGuard other(lock);  // else it blocks
+}
+
+// The deadline's nanoseconds overflow into the next second. Without the carry, the wait would fail
+// with a message or return at once.
+TEST_F(RuntimeTest, ATimedWaitMayCrossASecond) {
     LockGuard guard(lock);
     testing::internal::CaptureStderr();
-    const WallClock::time_point start = WallClock::now();
-    const auto sinceEpoch = std::chrono::duration_cast<milliseconds>(start.time_since_epoch());
-    const int delay = 2010 - static_cast<int>(sinceEpoch.count() % 1000);
-    lock.wait(delay);
-    EXPECT_GE(WallClock::now() - start, milliseconds(delay - 1));
-    EXPECT_LT(WallClock::now() - start, milliseconds(delay + 900));
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    const int delay = 2010 - static_cast<int>(sinceEpoch / std::chrono::milliseconds(1) % 1000);
+    const long passed = timed([&] { lock.wait(delay); });
+    EXPECT_GE(passed, delay - 1);
+    EXPECT_LT(passed, delay + 900);
     lock.wait(0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
@@ -76,19 +98,14 @@ TEST_F(RuntimeTest, ReadersEnterTogetherAfterAWriter) {
     for (int trial = 0; trial < 200; ++trial) {
         std::atomic<int> inside{0};
         rw.writeLock();
-        for (int i = 0; i < 4; ++i)
-            startBlocked([&, i] {
-                if (i % 2 == 0) {
-                    rw.writeLock();
-                    rw.writeUnlock();
-                } else {
-                    rw.readLock();
-                    ++inside;
-                    while (inside < 2)
-                        std::this_thread::yield();
-                    rw.readUnlock();
-                }
+        for (int pair = 0; pair < 2; ++pair) {
+            startBlockedWriter([] {});
+            startBlockedReader([&] {
+                ++inside;
+                while (inside < 2)
+                    std::this_thread::yield();
             });
+        }
         EXPECT_EQ(inside, 0);
         rw.writeUnlock();
         join();
@@ -96,15 +113,10 @@ TEST_F(RuntimeTest, ReadersEnterTogetherAfterAWriter) {
 }
 
 TEST_F(RuntimeTest, ReadersOvertakeAWaitingWriter) {
-    std::atomic<int> holders{2};
+    std::atomic<int> holders{3};
     rw.readLock();
     rw.readLock();
-    startBlocked([&] {
-        rw.writeLock();
-        EXPECT_EQ(holders, 0);
-        rw.writeUnlock();
-    });
-    ++holders;
+    startBlockedWriter([&] { EXPECT_EQ(holders, 0); });
     EXPECT_TRUE(rw.tryReadLock());
     EXPECT_FALSE(isFree());
     while (holders > 0) {
@@ -112,8 +124,9 @@ TEST_F(RuntimeTest, ReadersOvertakeAWaitingWriter) {
         rw.readUnlock();
     }
     join();
+}
 
-    // A surplus unlock leaves the counts at zero.
+TEST_F(RuntimeTest, ASurplusUnlockLeavesTheCountsAtZero) {
     rw.readUnlock();
     EXPECT_TRUE(rw.tryWriteLock());
     EXPECT_FALSE(rw.tryReadLock());
@@ -141,11 +154,7 @@ TEST_F(RuntimeTest, PromotionWaitsForTheOtherReaders) {
 TEST_F(RuntimeTest, DemotionWakesNoWaiter) {
     std::atomic<bool> entered{false};
     rw.writeLock();
-    startBlocked([&] {
-        rw.readLock();
-        entered = true;
-        rw.readUnlock();
-    });
+    startBlockedReader([&] { entered = true; });
     rw.demoteToReadLock();
     rw.readerWait(50);  // would let a woken reader enter
     EXPECT_TRUE(rw.tryReadLock());
@@ -160,19 +169,15 @@ TEST_F(RuntimeTest, DemotionWakesNoWaiter) {
 
 TEST_F(RuntimeTest, PublicWaitsRetakeTheLock) {
     bool changed = false;
-    startBlocked([&] {
-        rw.readLock();
+    startBlockedReader([&] {
         rw.readerWait();
         EXPECT_TRUE(changed);
         EXPECT_FALSE(isFree());
-        rw.readUnlock();
     });
-    startBlocked([&] {
-        rw.writeLock();
+    startBlockedWriter([&] {
         rw.writerWait();
         EXPECT_TRUE(changed);
         EXPECT_FALSE(rw.tryReadLock());
-        rw.writeUnlock();
     });
     EXPECT_TRUE(rw.tryWriteLock());
     changed = true;
@@ -182,19 +187,18 @@ TEST_F(RuntimeTest, PublicWaitsRetakeTheLock) {
         std::this_thread::yield();
     rw.notifyAll();
     join();
-    startBlocked([&] {
-        rw.readLock();
-        rw.readerWait(1000000);
-        rw.readUnlock();
-    });
+}
+
+TEST_F(RuntimeTest, ANotificationEndsATimedWait) {
+    startBlockedReader([&] { rw.readerWait(1000000); });
     rw.notify();
     join();
+}
 
-    rw.notifyAll();  // nobody waits: must not end the wait below
+TEST_F(RuntimeTest, ANotificationWithoutAWaiterEndsNoWait) {
+    rw.notifyAll();
     rw.readLock();
-    const WallClock::time_point start = WallClock::now();
-    rw.readerWait(30);
-    EXPECT_GE(WallClock::now() - start, milliseconds(29));
+    EXPECT_GE(timed([&] { rw.readerWait(30); }), 29);
     EXPECT_FALSE(isFree());
     rw.readUnlock();
 }
@@ -206,18 +210,14 @@ TEST_F(RuntimeTest, WritersExcludeEverybodyUnderLoad) {
         start([&, thread] {
             for (int i = 0; i < 300; ++i) {
                 const int turn = (thread + i) % 4;
-                if (turn == 0) {
-                    rw.readLock();
-                    EXPECT_EQ(left, right);
-                    rw.readUnlock();
-                    continue;
-                }
+                if (turn == 0) rw.readLock();
                 if (turn == 1) rw.writeLock(), rw.notify();
                 if (turn == 2) rw.readLock(), rw.promoteToWriteLock(), rw.writerWait(1);
                 while (turn == 3 && !rw.tryWriteLock())
                     std::this_thread::yield();
-                ++left, ++right;
-                rw.writeUnlock();
+                EXPECT_EQ(left, right);
+                if (turn != 0) ++left, ++right;
+                turn == 0 ? rw.readUnlock() : rw.writeUnlock();
             }
         });
     join();
