@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -115,10 +116,13 @@ const std::string kObject = contents("object.json");
 const std::string kDocument =
     "//\n[" + kObject + "," + kObject + "," + kObject + "," + kObject + "]";
 
-TEST(JsonTest, BothParsersAgreeOnAnyText) {
+TEST(JsonTest, ADocumentIsReadToItsEndAndNoFurther) {
     EXPECT_EQ(read(kDocument + "//]x"), read(kDocument) + "//]x");
     for (size_t size = 0; size < kDocument.size(); ++size)
         EXPECT_THAT(read(kDocument.substr(0, size)), testing::HasSubstr("!")) << size;
+}
+
+TEST(JsonTest, BothParsersAgreeOnAnyText) {
     std::mt19937 random(4);
     for (int i = 0; i < 100000 && !testing::Test::HasFailure(); ++i) {
         std::string text(random() % 3, '[');
@@ -165,25 +169,32 @@ TEST(JsonTest, AgreesWithAnotherLibrary) {
     }
 }
 
-TEST(JsonTest, DepthIsUnlimited) {
-    setenv("ENV", "value", 1);
-    const auto nested = [](size_t depth, const std::string& text) {
-        return std::string(depth, '[') + text + std::string(depth, ']');
-    };
+constexpr size_t kDepth = 300000;
+std::string nested(const std::string& text) {
+    return std::string(kDepth, '[') + text + std::string(kDepth, ']');
+}
+// Runs code whose recursion would overflow the stack.
+void onASmallStack(const std::function<void()>& code) {
     ASSERT_TRUE(setStackSize(256 << 10));
-    std::thread([&] {
-        constexpr size_t kDepth = 300000;
-        EXPECT_EQ(read(std::string(kDepth, '[')), "[]!array not closed");
-        JSOM top = parsed(nested(kDepth, "\"${ENV}\""));
-        JSOM other;
+    std::thread(code).join();
+}
+
+TEST(JsonTest, AnUnclosedTextMayHaveAnyDepth) {
+    onASmallStack([] { EXPECT_EQ(read(std::string(kDepth, '[')), "[]!array not closed"); });
+}
+
+TEST(JsonTest, ATreeMayHaveAnyDepth) {
+    setenv("ENV", "value", 1);
+    onASmallStack([] {
+        JSOM top = parsed(nested("\"${ENV}\"")), other;
         std::string text, pretty;
         top.expandValues();
         (other = top).toCompactString(text);
         other.toString(pretty);
-        EXPECT_TRUE(text == nested(kDepth, "\"value\""));
+        EXPECT_TRUE(text == nested("\"value\""));
         EXPECT_TRUE(text == compact(top));
         EXPECT_EQ(pretty.size(), text.size() + 2 * kDepth * 51 - 50 * 50);
-    }).join();
+    });
 }
 
 TEST(JsonTest, ParsesTheGrammar) {
@@ -191,58 +202,102 @@ TEST(JsonTest, ParsesTheGrammar) {
     EXPECT_EQ(read("\xFF") + read("\t\r\n1." + std::string(70, '0') + "5"), "!missing value1d|");
 }
 
-TEST(JsonTest, ANodeMayBeSetFromItsOwnContents) {
+// `node` is an array of `child`, a text.
+class NodeTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        child->setString(text);
+        node.setByIndex(0, child);
+        child->release();
+    }
+
+    const std::string text = R"("a quoted text that is too long to stand in a string object")";
     JSONData other, node;
     JSONData* const child = new JSONData;
-    const std::string text = R"("a quoted text that is too long to stand in a string object")";
-    child->setString(text);
-    for (int i = 0; i < 70000; ++i)
+};
+
+TEST_F(NodeTest, AChildMayHaveManyParents) {
+    for (int i = 1; i < 70000; ++i)
         node.setByIndex(i, child);
-    child->release();
     while (node.length() > 1)
         node.erase(node.length() - 1);
-    node.setByKey("key", child);
+    EXPECT_EQ(*node.getByIndex(0)->stringValue(), text);
+}
+
+TEST_F(NodeTest, AnIndexBeyondTheEndIsPrinted) {
+    StderrCapture printed;
+    node.setByIndex(2, child);
+    EXPECT_EQ(printed.take(), "JSONData::setByIndex(): index out of range\n");
+}
+
+TEST_F(NodeTest, ANodeMayChangeItsTypeForItsOwnChild) {
+    node.setByKey("key", node.getByIndex(0));
     node.setByIndex(0, node.getByKey("key"));
-    {
-        StderrCapture printed;
-        node.setByIndex(2, child);
-        EXPECT_EQ(printed.take(), "JSONData::setByIndex(): index out of range\n");
-    }
-    child->copy(node);
-    node.setByKey(*child->getByIndex(0)->stringValue(), &other);
-    other.copy(node);
-    node.copy(other);
-    node.copy(node);
+    EXPECT_EQ(compact(JSOM(&node)), "[" + compact(JSOM(child)) + "]");
+    node.setByKey(*child->stringValue(), &other);
+    EXPECT_EQ(*node.getKeyAtIndex(0), text);
     node.setString(*node.getKeyAtIndex(0));
     EXPECT_EQ(*node.stringValue(), text);
+}
+
+TEST_F(NodeTest, ANodeMayBecomeACopyOfItselfAParentOrAChild) {
+    const std::string before = compact(JSOM(&node));
+    child->copy(node);
+    node.copy(node);
+    EXPECT_EQ(compact(JSOM(&node)), "[" + before + "]");
+    node.copy(*node.getByIndex(0));
+    EXPECT_EQ(compact(JSOM(&node)), before);
+}
+
+TEST_F(NodeTest, AResetNodeMayBeSetAgain) {
+    node.setString(text);
     node.reset();
     EXPECT_EQ(node.getType(), JSONData::kNone);
     node.setString(text);
     EXPECT_EQ(*node.stringValue(), text);
 }
 
-TEST(JsonTest, FailuresPrintOneLineAndReturnTheErrorHandle) {
-    const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
-    const char *const path = file.c_str(), *const null = nullptr;
+// Checks that `code` prints one line and returns the error handle.
+void expectFailure(const std::string& line, const std::function<JSOM()>& code) {
+    StderrCapture printed;
+    const JSOM result = code();
+    EXPECT_TRUE(result == JSOM::JERROR) << line;
+    EXPECT_FALSE(result != JSOM::JERROR) << line;
+    EXPECT_EQ(printed.take(), line + "\n");
+}
+
+class JsonHandleTest : public testing::Test {
+  protected:
     JSONData node;
-    JSOM list = parsed("[1,2]"), none(static_cast<JSONData*>(nullptr)), lost(nullptr, &node);
+    JSOM list = parsed("[1,2]"), none{static_cast<JSONData*>(nullptr)}, lost{nullptr, &node};
+};
+
+TEST_F(JsonHandleTest, AMissingElementIsAFailure) {
+    const char* const null = nullptr;
+    const std::string key;
+    expectFailure("JSOM::operator[](int32_t): index out of bounds", [&] { return list[5]; });
+    expectFailure("JSOM::at(int32_t): index out of bounds", [&] { return list.at(-2); });
+    expectFailure("JSOM::operator[](char *): null key pointer", [&] { return list[null]; });
+    expectFailure("JSOM::at(string &): null reference error", [&] { return none.at(key); });
+    expectFailure("JSOM::at(char *): internal error, no info", [&] { return lost.at("a"); });
+}
+
+TEST_F(JsonHandleTest, TheErrorHandleCannotBeSet) {
+    expectFailure("JSOM::operator[](int32_t): null reference error",
+                  [&] { return JSOM::JERROR = list; });
+    expectFailure("JSOM::setString(char *): null reference error",
+                  [] { return JSOM::JERROR.setString(""), JSOM::JERROR; });
+}
+
+TEST_F(JsonHandleTest, AFaultyTextIsAFailure) {
     std::istringstream in("[");
+    expectFailure("JSONData::setFromStream(): syntax error: array not closed",
+                  [&] { return list.fromStream(in); });
+    EXPECT_TRUE(list.fromString(static_cast<const char*>(nullptr)) == JSOM::JERROR);
+}
+
+TEST_F(JsonHandleTest, OtherHandlesAreNotTheErrorHandle) {
     std::istream closed(nullptr);
-    ASSERT_EQ(mkfifo(path, 0600), 0);
-    {
-        StderrCapture printed;
-        EXPECT_FALSE(list.toFile("/"));
-        int number = 0;
-        for (const JSOM& result :
-             {(JSOM::JERROR = list), list.fromFile("/"), list.fromFile("/none"),
-              list.fromFile(path), list[5], list.at(-2), list[null], none.at(file), lost.at("a"),
-              list.fromString(null), list.fromStream(in)}) {
-            EXPECT_TRUE(result == JSOM::JERROR) << "result " << number;
-            EXPECT_FALSE(result != JSOM::JERROR) << "result " << number++;
-        }
-        JSOM::JERROR.setString("");
-        EXPECT_EQ(printed.take(), contents("failures.txt"));
-    }
     int number = 0;
     for (const JSOM& other :
          {list, none, lost, list[2], JSOM(), JSOM::BLANK, list.fromStream(closed)}) {
@@ -250,27 +305,50 @@ TEST(JsonTest, FailuresPrintOneLineAndReturnTheErrorHandle) {
         EXPECT_FALSE(JSOM::JERROR == other) << "handle " << number;
         EXPECT_FALSE(other != other) << "handle " << number++;
     }
-    EXPECT_EQ(unlink(path), 0);
 }
 
-TEST(JsonTest, WritesAndReadsFiles) {
+TEST_F(JsonHandleTest, AMissingValueReadsAsTheDefault) {
+    EXPECT_EQ(list["a"].stringValue("d") + compact(list[-1]) + compact(list), "d[1,2]");
+}
+
+// Each test leaves no descriptor open.
+class JsonFileTest : public testing::Test {
+  protected:
+    void TearDown() override {
+        EXPECT_EQ(nextDescriptor(), unused) << "a descriptor is left open";
+        unlink(path);
+    }
+    static int nextDescriptor() {
+        const int next = dup(2);
+        close(next);
+        return next;
+    }
+
+    const int unused = nextDescriptor();
     const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
     const char* const path = file.c_str();
-    const int unused = dup(2);
-    close(unused);
     JSOM list = parsed("[1,2]");
+};
+
+TEST_F(JsonFileTest, FilesAreWrittenAndRead) {
     EXPECT_TRUE(JSOM().toFile(path));
     EXPECT_TRUE(list.fromFile(path) == JSOM::JERROR) << "the file is empty";
     EXPECT_TRUE(list.toFile(path));
     EXPECT_EQ(compact(JSOM().fromFile(path)), "[1,2]");
-    EXPECT_EQ(list["a"].stringValue("d") + compact(list[-1]) + compact(list), "d[1,2]");
-    const int next = dup(2);
-    EXPECT_EQ(next, unused) << "a descriptor is left open";
-    close(next);
-    EXPECT_EQ(unlink(path), 0);
 }
 
-TEST(JsonTest, ConvertsAndPrintsValues) {
+TEST_F(JsonFileTest, OtherThanRegularFilesAreFailures) {
+    ASSERT_EQ(mkfifo(path, 0600), 0);
+    const std::string head = "JSOM::fromFile(): could not ";
+    expectFailure(head + "read file", [&] { return list.fromFile("/"); });
+    expectFailure(head + "open file '/none'", [&] { return list.fromFile("/none"); });
+    expectFailure(head + "read file", [&] { return list.fromFile(path); });
+    StderrCapture printed;
+    EXPECT_FALSE(list.toFile("/"));
+    EXPECT_EQ(printed.take(), "JSOM::toFile(): could not write file\n");
+}
+
+TEST(JsonTest, ValuesConvert) {
     setenv("ENV", "${HOME}", 1);
     // The value as integer, decimal, boolean with either default and string; then the tree.
     const auto readings = [](const std::string& text) {
@@ -282,14 +360,21 @@ TEST(JsonTest, ConvertsAndPrintsValues) {
         return out.str();
     };
     expectEach(readings, "readings.txt");
-    // Takes "PRECISION NUMBER"; returns the text and the integer part.
-    const auto written = [](const std::string& text) {
-        JSOM number;
-        number.setDouble(std::stod(text.substr(text.find(' '))));
-        return compact(number, std::stoi(text)) + ' ' + std::to_string(number.longValue(7));
-    };
+}
+
+// Takes "PRECISION NUMBER"; returns the text and the integer part.
+std::string written(const std::string& text) {
+    JSOM number;
+    number.setDouble(std::stod(text.substr(text.find(' '))));
+    return compact(number, std::stoi(text)) + ' ' + std::to_string(number.longValue(7));
+}
+
+TEST(JsonTest, NumbersArePrintedWithAPrecision) {
     expectEach(written, "numbers.txt");
     EXPECT_EQ(std::stod(written("1074 1e300")), 1e300);
+}
+
+TEST(JsonTest, PrettyTextIsAppendedAndIndented) {
     std::string pretty = "appended: ";
     parsed(R"({"a":[1,2],"b":[],"c":{}})").toString(pretty);
     EXPECT_EQ(pretty, "appended: {\n \"a\": [\n  1,\n  2\n ],\n \"b\": [\n ],\n \"c\": {\n }\n}");
