@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <functional>
 #include <limits>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "metric/MetricRegistry.h"
 
@@ -31,6 +34,15 @@ inline std::string threadName() {
     char name[16] = "";
     pthread_getname_np(pthread_self(), name, sizeof name);
     return name;
+}
+
+// Runs `body` on `count` threads, which it numbers from 0. Returns when they have ended.
+inline void inParallel(int count, const std::function<void(int thread)>& body) {
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < count; ++thread)
+        threads.emplace_back(body, thread);
+    for (std::thread& thread : threads)
+        thread.join();
 }
 
 // "category|description|value" of each registered metric with this instance and name. Collects no

@@ -1,8 +1,7 @@
 // Triggers, their registry and the queues behind them.
 #include <atomic>
+#include <functional>
 #include <future>
-#include <limits>
-#include <map>
 
 #include "log/Time.h"
 #include "runtime/SelfDestructingObject.h"
@@ -54,6 +53,10 @@ class TriggerTest : public testing::Test {
         trigger.reset();
         EXPECT_TRUE(listener->release()) << "the trigger has given its reference back";
     }
+    void set(std::initializer_list<int> values) {
+        for (const int value : values)
+            trigger->setValue(value);
+    }
     // Enables the trigger and blocks its worker at a value until the listener is opened.
     void holdAt(int value) {
         listener->held = value;
@@ -76,20 +79,25 @@ class TriggerTest : public testing::Test {
 
 TEST_F(TriggerTest, ADisabledTriggerAppliesValuesSilently) {
     trigger->setValue(0);
-    EXPECT_EQ(trigger->getSetCount(), 1);
     EXPECT_EQ(trigger->getChangeCount(), 0);
-    const double before = getNow();
     EXPECT_EQ(trigger->getPreviousValue(), 0);
+    set({5, 6});
+    EXPECT_EQ(trigger->getValue(), 6);
+    EXPECT_EQ(trigger->getPreviousValue(), 5);
+    EXPECT_EQ(trigger->getSetCount(), 3);
+    EXPECT_EQ(trigger->getChangeCount(), 2);
+    EXPECT_EQ(notes.take(), Texts{});
+}
+
+TEST_F(TriggerTest, AChangeHasItsTimeAndTheTimeOfTheOneBefore) {
+    const double before = getNow();
     trigger->setValue(5);
     EXPECT_EQ(trigger->getPreviousTime(), 0.0);
     const double first = trigger->getTime();
-    EXPECT_TRUE(before <= first && first <= getNow());
+    EXPECT_GE(first, before);
+    EXPECT_LE(first, getNow());
     trigger->setValue(6);
-    EXPECT_EQ(trigger->getValue(), 6);
-    EXPECT_EQ(trigger->getPreviousValue(), 5);
     EXPECT_EQ(trigger->getPreviousTime(), first);
-    EXPECT_EQ(trigger->getChangeCount(), 2);
-    EXPECT_EQ(notes.take(), Texts{});
 }
 
 TEST_F(TriggerTest, EnablingIsAnnouncedOnTheCallersThread) {
@@ -106,11 +114,18 @@ TEST_F(TriggerTest, EnablingIsAnnouncedOnTheCallersThread) {
 TEST_F(TriggerTest, ChangesReachListenersInOrder) {
     trigger->setEnabled(true);
     notes.take();
-    for (const int value : {1, 2, 3, 3, 4, 3})
-        trigger->setValue(value);
+    set({1, 2, 3, 3, 4, 3});
     EXPECT_EQ(heard(),
               (Texts{"Default Worker: 0 to 1", "Default Worker: 1 to 2", "Default Worker: 2 to 3",
                      "Default Worker: 3 to 4", "Default Worker: 4 to 3"}));
+    EXPECT_EQ(trigger->getChangeCount(), 5);
+    EXPECT_EQ(trigger->getSetCount(), 6);
+}
+
+TEST_F(TriggerTest, AQuietValueIsNoRequest) {
+    trigger->setValue(3);
+    trigger->setEnabled(true);
+    notes.take();
     for (const int value : {9, 9})
         trigger->setValueQuietly(value);
     trigger->setValue(3);
@@ -118,27 +133,25 @@ TEST_F(TriggerTest, ChangesReachListenersInOrder) {
     EXPECT_EQ(trigger->getValue(), 9);
     trigger->setValue(9);
     EXPECT_EQ(heard(), Texts{"Default Worker: 9 to 9"});
-    EXPECT_EQ(trigger->getChangeCount(), 7);
-    EXPECT_EQ(trigger->getSetCount(), 10);
+    EXPECT_EQ(trigger->getChangeCount(), 3);
+    EXPECT_EQ(trigger->getSetCount(), 5);
 }
 
 TEST_F(TriggerTest, TheNotifierAppliesUnsubscriptions) {
-    Notes otherNotes;
-    trigger->subscribe(new Recorder(otherNotes));
-    Recorder* const other = new Recorder(otherNotes);
-    trigger->subscribe(other);
+    Notes stayed, left;
+    Recorder* const leaving = new Recorder(left);
+    trigger->subscribe(new Recorder(stayed));
+    trigger->subscribe(leaving);
     holdAt(1);
-    trigger->unsubscribe(other);
+    trigger->unsubscribe(leaving);
     trigger->setValue(2);
     listener->open.set_value();
     heard();
-    const Texts all = otherNotes.take();
-    EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 0 to 1"), 2);
-    EXPECT_EQ(std::count(all.begin(), all.end(), "Default Worker: 1 to 2"), 1);
-    EXPECT_EQ(std::count(all.begin(), all.end(), "gone"), 1);
+    EXPECT_THAT(left.take(), testing::ElementsAre(testing::_, "Default Worker: 0 to 1", "gone"));
     EXPECT_EQ(trigger->getChangeCount(), 2) << "unsubscribing is no change";
     trigger.reset();
-    EXPECT_EQ(otherNotes.take(), Texts{"gone"});
+    EXPECT_THAT(stayed.take(), testing::ElementsAre(testing::_, "Default Worker: 0 to 1",
+                                                    "Default Worker: 1 to 2", "gone"));
 }
 
 // If the trigger is enabled after the value is set, listeners see the value at the enabling;
@@ -154,10 +167,9 @@ TEST_F(TriggerTest, NoValueIsLostBetweenSettingAndEnabling) {
     }
 }
 
-TEST_F(TriggerTest, MetricsCountChanges) {
+TEST_F(TriggerTest, MetricsCountChangesUntilTheTriggerIsDeleted) {
     holdAt(1);
-    for (const int value : {2, 3, 4, 4})
-        trigger->setValue(value);
+    set({2, 3, 4, 4});
     EXPECT_EQ(number("Queue Size"), 4);
     listener->open.set_value();
     heard();
@@ -169,117 +181,136 @@ TEST_F(TriggerTest, MetricsCountChanges) {
         {"Subscriber Count", "Trigger|the number of subscribers for trigger events.|1"}};
     for (const auto& each : expected)
         EXPECT_EQ(metric("tested", each.first), each.second);
-
-    for (int value = 101; value <= 200; ++value)
-        trigger->setValue(value);
     trigger.reset();
-    EXPECT_EQ(notes.take().size(), 100u) << "the destructor delivers what is queued";
     for (const auto& each : expected)
         EXPECT_EQ(metric("tested", each.first), "");
 }
 
-// Four threads set values of their own. Four set the same few values: if the order of queueing
-// differed from the order of requests, two equal values would follow each other, or the last value
-// would be wrong.
-TEST_F(TriggerTest, ConcurrentSettersKeepTheOrderOfValues) {
-    struct Log : Trigger::Listener {
-        void reserve() override {}
-        bool release() override { return false; }
-        void onTriggerValueChange(Trigger* changed) override {
-            EXPECT_EQ(changed->getPreviousValue(), values.back());
-            values.push_back(changed->getValue());
-        }
-        std::vector<int> values{0};
-    } log;
-    constexpr int count = kSanitized ? 1000 : 10000;
-    trigger->subscribe(&log);
+TEST_F(TriggerTest, TheDestructorDeliversWhatIsQueued) {
     trigger->setEnabled(true);
-    std::vector<std::thread> setters;
-    for (int thread = 1; thread <= 8; ++thread)
-        setters.emplace_back([&, thread] {
-            for (int i = 1; i <= count; ++i)
-                trigger->setValue(thread <= 4 ? thread * 1000000 + i : i % 3);
+    for (int value = 1; value <= 100; ++value)
+        trigger->setValue(value);
+    trigger.reset();
+    EXPECT_EQ(notes.take().size(), 1u + 100u) << "the enabling and the changes";
+}
+
+// Records the values of a trigger, which eight threads set. The test owns it.
+class ConcurrentSetters : public TriggerTest, protected Trigger::Listener {
+  protected:
+    static constexpr int kCount = kSanitized ? 1000 : 10000;  // of each thread
+
+    void setOnEachThread(const std::function<int(int thread, int i)>& value) {
+        trigger->subscribe(this);
+        trigger->setEnabled(true);
+        inParallel(8, [&](int thread) {
+            for (int i = 0; i < kCount; ++i)
+                trigger->setValue(value(thread, i));
         });
-    for (std::thread& setter : setters)
-        setter.join();
-    const Texts all = heard();
-    EXPECT_EQ(all.size(), log.values.size()) << "the first text is the enabling";
-    EXPECT_EQ(std::adjacent_find(log.values.begin(), log.values.end()), log.values.end());
-    EXPECT_EQ(log.values.back(), trigger->getRequestedValue());
-    std::map<int, int> last;
-    for (const int value : log.values) {
-        if (value < 1000000) continue;
-        EXPECT_EQ(value % 1000000, ++last[value / 1000000]);
+        EXPECT_EQ(heard().size(), values.size()) << "the first text is the enabling";
     }
-    EXPECT_EQ(last, (std::map<int, int>{{1, count}, {2, count}, {3, count}, {4, count}}));
-    const int changes = static_cast<int>(log.values.size()) - 1;
-    EXPECT_EQ(number("Set Count"), 8 * count);
+    void reserve() override {}
+    bool release() override { return false; }
+    void onTriggerValueChange(Trigger* changed) override {
+        EXPECT_EQ(changed->getPreviousValue(), values.back());
+        values.push_back(changed->getValue());
+    }
+
+    std::vector<int> values{0};
+};
+
+TEST_F(ConcurrentSetters, KeepTheOrderOfTheirOwnValues) {
+    setOnEachThread([](int thread, int i) { return thread * 1000000 + i + 1; });
+    int last[8] = {};
+    for (size_t i = 1; i < values.size(); ++i)
+        ASSERT_EQ(values[i] % 1000000, ++last[values[i] / 1000000]) << values[i];
+    EXPECT_THAT(last, testing::Each(kCount));
+}
+
+// If the order of queueing differed from the order of requests, two equal values would follow each
+// other, or the last value would be wrong.
+TEST_F(ConcurrentSetters, NeverRepeatAValue) {
+    setOnEachThread([](int, int i) { return i % 3; });
+    EXPECT_EQ(std::adjacent_find(values.begin(), values.end()), values.end());
+    EXPECT_EQ(values.back(), trigger->getRequestedValue());
+}
+
+TEST_F(ConcurrentSetters, AreCounted) {
+    setOnEachThread([](int, int i) { return i % 3; });
+    const int changes = static_cast<int>(values.size()) - 1;
+    EXPECT_EQ(number("Set Count"), 8 * kCount);
     EXPECT_EQ(number("Change Count"), changes);
     EXPECT_LE(number("Max Queue Size"), changes);
     EXPECT_GE(number("Max Queue Size"), 1);
-    trigger.reset();  // before its listeners
 }
 
-TEST(TaskQueueTest, ProducersWaitForRoomUntilClose) {
-    // Blocks its drain at the first entry until `goOn` is set.
-    struct Entries : TaskQueue<int> {
-        explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
-        ~Entries() override { close(); }
-        void exec(const int& entry, int index, int count) override {
-            if (all.empty()) {
-                began.set_value();
-                goOn.get_future().wait();
-            }
-            all.push_back(entry);
-            EXPECT_TRUE(index >= 1 && index <= count && count <= 2);
-        }
-        std::promise<void> began;
-        std::promise<void> goOn;
-        std::vector<int> all;
-    };
-    for (const bool closing : {false, true}) {
-        ThreadGroup workers("Queue");
-        Entries queue(&workers);
+// Records its entries. The drain waits at entry 0 until `goOn` is set.
+struct Entries : TaskQueue<int> {
+    explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
+    ~Entries() override { close(); }
+    void exec(const int& entry, int index, int count) override {
+        EXPECT_TRUE(index >= 1 && index <= count) << index << " of " << count;
+        most = std::max(most, count);
+        if (entry == 0) began.set_value(), goOn.get_future().wait();
+        all.put(entry);
+    }
+    std::promise<void> began, goOn;
+    Collector<int> all;
+    int most = 0;  // entries that were drained at a time
+};
+
+class TaskQueueTest : public testing::Test {
+  protected:
+    // Fills the queue behind a waiting drain; adds entries on three threads.
+    void produce(int count) {
         queue.add(0);
         queue.began.get_future().wait();
         for (const int entry : {1, 2})
             queue.add(entry);
-        std::thread producers[3];
         for (std::thread& producer : producers)
-            producer = std::thread([&] {
-                for (int entry = 0; entry < (closing ? 1 : 200); ++entry)
+            producer = std::thread([=] {
+                for (int entry = 1; entry <= count; ++entry)
                     queue.add(entry);
             });
-        std::thread closer([&] { closing ? queue.close() : queue.goOn.set_value(); });
+    }
+    void join() {
         for (std::thread& producer : producers)
             producer.join();
-        if (closing) queue.goOn.set_value();
-        closer.join();
-        queue.close();
-        EXPECT_EQ(queue.all.size(), closing ? 3u : 603u);
     }
+
+    ThreadGroup workers{"Queue"};
+    Entries queue{&workers};
+    std::thread producers[3];
+};
+
+TEST_F(TaskQueueTest, ProducersWaitForRoom) {
+    produce(200);
+    queue.goOn.set_value();
+    join();
+    queue.close();
+    EXPECT_EQ(queue.all.take().size(), 603u);
+    EXPECT_EQ(queue.most, 2);
 }
 
-TEST(TaskQueueTest, AFailedDrainIsRetried) {
-    struct Entries : TaskQueue<int> {
-        explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
-        ~Entries() override { close(); }
-        void exec(const int& entry, int, int) override { all.put(entry); }
-        Collector<int> all;
-    };
-    ThreadGroup workers("Queue");
-    Entries queue(&workers);
+TEST_F(TaskQueueTest, CloseReleasesProducersAndDrainsTheQueue) {
+    produce(1);
+    std::thread closer([&] { queue.close(); });
+    join();
+    queue.goOn.set_value();
+    closer.join();
+    EXPECT_EQ(queue.all.take(), (std::vector<int>{0, 1, 2}));
+}
+
+TEST_F(TaskQueueTest, AFailedDrainIsRetried) {
     Entries deaf(&workers);
     testing::internal::CaptureStderr();
-    ASSERT_TRUE(setStackSize(std::numeric_limits<size_t>::max() / 65536 * 49152));
-    for (const int entry : {1, 2, 3}) {
-        queue.add(entry);
-        deaf.add(entry);
+    {
+        const NoNewThreads refused;
+        for (const int entry : {1, 2, 3})
+            queue.add(entry), deaf.add(entry);
     }
-    ASSERT_TRUE(setStackSize(1 << 20));
     testing::internal::GetCapturedStderr();
     deaf.close();
-    EXPECT_TRUE(deaf.all.take().empty());
+    EXPECT_EQ(deaf.all.take(), std::vector<int>{});
     queue.add(4);
     EXPECT_EQ(queue.all.waitFor(4), (std::vector<int>{1, 2, 3, 4}));
 }
