@@ -15,6 +15,7 @@
 #include "log/LogAdapterStore.h"
 #include "log/Logger.h"
 #include "log/Time.h"
+#include "tests/Support.h"
 
 namespace tavrik {
 namespace {
@@ -76,15 +77,10 @@ void logAtEveryLevel(Logger& logger) {
 
 // The thread sanitizer reports a level that is not published properly.
 TEST(LoggerTest, LevelsMayBeInitialisedByAnyThread) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            if (!LogLevel::LVL_OFF) LogLevel::_init();
-            EXPECT_EQ(LogLevel::LVL_ALL->getLevel(), 8);
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    inParallel(4, [](int) {
+        if (!LogLevel::LVL_OFF) LogLevel::_init();
+        EXPECT_EQ(LogLevel::LVL_ALL->getLevel(), 8);
+    });
     EXPECT_EQ(Logger::getLogger(nullptr), Logger::getLogger(""));
 }
 
@@ -119,7 +115,7 @@ TEST(LoggerTest, DefaultLevelAppliesToLaterLoggers) {
     EXPECT_EQ(level->getName(), "TRACE");
 }
 
-TEST(LoggerTest, LoggerAndMasterLevelsFilterLines) {
+TEST(LoggerTest, ALoggersLevelFiltersLines) {
     Recorder adapter;
     Logger logger("f", *LogLevel::valueOf("INFO"));
     logAtEveryLevel(logger);
@@ -127,18 +123,29 @@ TEST(LoggerTest, LoggerAndMasterLevelsFilterLines) {
     logger.setLevel(*LogLevel::LVL_UNKNOWN);
     logAtEveryLevel(logger);
     EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\nDEBUG f 5+\nTRACE f 6+\n");
+}
 
+TEST(LoggerTest, TheMasterLevelFiltersLinesButNotLog) {
+    Recorder adapter;
+    Logger logger("f", *LogLevel::valueOf("UNKNOWN"));
     Logger::setMasterLogLevel(*LogLevel::LVL_WARN);
-    Logger::disableBuffering();
-    Logger::disableBuffering();
     logAtEveryLevel(logger);
     EXPECT_EQ(logger.log(*LogLevel::LVL_TRACE, "unfiltered"), 41);
-    Logger::enableBuffering();
-    Logger::setMasterLogLevel(*LogLevel::LVL_ALL);
     EXPECT_EQ(logger.log(*LogLevel::LVL_FATAL, std::string("s")), 42);
+    EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nTRACE f unfiltered+\nFATAL f string s+\n");
+}
+
+TEST(LoggerTest, DisablingBufferingFlushesOnce) {
+    Recorder adapter;
+    Logger logger("f", *LogLevel::valueOf("INFO"));
+    Logger::disableBuffering();
+    Logger::disableBuffering();
+    logger.warnf("unbuffered");
+    logger.log(*LogLevel::LVL_FATAL, "f");
+    Logger::enableBuffering();
+    logger.warnf("buffered");
     EXPECT_EQ(Logger::flushAll(), 43);
-    EXPECT_EQ(adapter.take(),
-              "flush\nERROR f 2\nWARN f 3\nTRACE f unfiltered\nFATAL f string s+\nflush\n");
+    EXPECT_EQ(adapter.take(), "flush\nWARN f unbuffered\nFATAL f f\nWARN f buffered+\nflush\n");
 }
 
 std::string now() {
@@ -214,27 +221,24 @@ TEST(LoggerTest, LevelsAndAdapterMayChangeWhileThreadsLog) {
     LogAdapterStore::addFactory("a", new Factory(&a));
     LogAdapterStore::addFactory("b", new Factory(&b));
     std::atomic<int> applied{0};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 4; ++thread)
-        threads.emplace_back([thread, &applied] {
-            for (int i = 0; i < 1000; ++i) {
-                while (applied <= i / 10)
-                    std::this_thread::yield();
-                Logger* const logger = Logger::getLogger("race " + std::to_string(i % 10));
-                logger->errorf("ERROR");
-                Logger::getLogger("q")->debugf("never admitted");
-                logger->setLevel(*LogLevel::valueOf(i % 3 == 0 ? "WARN" : "ALL"));
-                Logger::setMasterLogLevel(*LogLevel::valueOf(2 + (i + thread) % 5));
-                const LogLevel copy = *Logger::getMasterLogLevel();
-                EXPECT_EQ(copy.getName(), LogLevel::valueOf(copy.getLevel())->getName());
-            }
-        });
-    for (; applied < 100; ++applied) {
-        configure(R"({"level": "ERROR", "categories": {"q": "INFO"}, "adapter": {"type": "b"}})");
-        configure(R"({"level": "ALL", "categories": {"q": "WARN"}, "adapter": {"type": "a"}})");
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    inParallel(5, [&applied](int thread) {
+        for (; thread == 4 && applied < 100; ++applied) {
+            configure(
+                R"({"level": "ERROR", "categories": {"q": "INFO"}, "adapter": {"type": "b"}})");
+            configure(R"({"level": "ALL", "categories": {"q": "WARN"}, "adapter": {"type": "a"}})");
+        }
+        for (int i = 0; thread < 4 && i < 1000; ++i) {
+            while (applied <= i / 10)
+                std::this_thread::yield();
+            Logger* const logger = Logger::getLogger("race " + std::to_string(i % 10));
+            logger->errorf("ERROR");
+            Logger::getLogger("q")->debugf("never admitted");
+            logger->setLevel(*LogLevel::valueOf(i % 3 == 0 ? "WARN" : "ALL"));
+            Logger::setMasterLogLevel(*LogLevel::valueOf(2 + (i + thread) % 5));
+            const LogLevel copy = *Logger::getMasterLogLevel();
+            EXPECT_EQ(copy.getName(), LogLevel::valueOf(copy.getLevel())->getName());
+        }
+    });
     Logger::setLogAdapter(nullptr);
     EXPECT_EQ(a.lines + b.lines, 4000);
 }
