@@ -392,6 +392,15 @@ TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
     memory_device_set_flush(0);
 }
 
+TEST_F(DiagLsm, AFlushEndsWhenFlushingIsTurnedOff) {
+    memory_device_reset();
+    memory_device_set_flush(1);
+    std::thread flusher(memory_device_flush);
+    EXPECT_EQ(takePool(0), 0u) << "handed over as it is";
+    memory_device_set_flush(0);
+    flusher.join();
+}
+
 TEST_F(DiagLsm, AFullMemoryDeviceDoesNotBlockDeInit) {
     open();
     switchTo(DIAG_MODE_MEMORY_DEVICE);

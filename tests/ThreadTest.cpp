@@ -201,6 +201,23 @@ TEST_F(ThreadTest, AStarterNeverDeletesItsThread) {
     EXPECT_EQ(deletedByStarter, 0);
 }
 
+TEST_F(ThreadTest, AGroupReleasesAWorkerThatItGaveAway) {
+    ThreadGroup group("Given");
+    ThreadGroup::WorkerThread* const worker = group.getWorker();
+    worker->reserve();
+    group.close();
+    EXPECT_TRUE(allThreadsEnd());
+    EXPECT_TRUE(worker->release()) << "a reference is left";
+}
+
+TEST_F(ThreadTest, OnlyTheLastReleaseDeletesAnObject) {
+    auto* const object = new SelfDestructingObject;
+    object->reserve();
+    object->reserve();
+    EXPECT_FALSE(object->release());
+    EXPECT_TRUE(object->release());
+}
+
 TEST_F(ThreadTest, StopsAndAssignmentsWaitForTheTask) {
     ThreadGroup group("Stopped");
     ThreadGroup::WorkerThread* const worker = group.getWorker();
