@@ -45,6 +45,12 @@ fail() {
     exit 1
 }
 
+# Prints the commit's hash, if the tree holds nothing else but what git ignores.
+clean_commit() {
+    local changes
+    changes=$(git status --porcelain) && [ -z "$changes" ] && git rev-parse HEAD
+}
+
 # Prints the comment at the top of the script.
 usage() { sed -n '2,/^$/s/^# \{0,1\}//p' "$self"; }
 
