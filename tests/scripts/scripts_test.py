@@ -5,6 +5,7 @@ usage, in tests/: python3 -m scripts.scripts_test CHECKER LIBDIAGSIM [unittest a
 import os
 import pathlib
 import pty
+import re
 import shutil
 import signal
 import subprocess
@@ -163,6 +164,52 @@ class Scripts(unittest.TestCase):
             shown += os.read(terminal, 4096)
         (self.tree / "go").write_text("go\n")
         self.assertEqual(process.wait(), 0)
+
+    @unittest.skipUnless(shutil.which("git"), "needs git")
+    def test_a_release_holds_what_it_says_or_is_refused_in_one_line(self):
+        version = re.search(r"adsppm-check ([0-9.]+)", pathlib.Path(CHECKER).read_bytes().decode("latin-1")).group(1)
+        package = f"mkdir -p build/packages; %s >build/packages/a_{version}_$1.deb\n"
+
+        def change(path, text):
+            (self.tree / path).parent.mkdir(exist_ok=True)
+            (self.tree / path).write_text(text)
+
+        def commit(then="git rev-parse HEAD >.cache/ci-passed"):
+            self.run_script(f"git add . && git commit -qm a && {then}")
+
+        def refused(reason, version=version):
+            _, errors = self.run_script(f"script/release {version}", 1)
+            self.assertRegex(errors, f"^script/release: .*{reason}.*\n$")
+        for role in ("AUTHOR", "COMMITTER"):
+            self.environment.update({f"GIT_{role}_NAME": "a", f"GIT_{role}_EMAIL": "a@a.invalid"})
+        change("CMakeLists.txt", f"project(tavrik VERSION {version} LANGUAGES CXX\n")
+        change("debian/changelog", "tavrik (9.9.9) unstable;\n")
+        change("CHANGELOG.md", f"# Changes\n\n## {version}\n\n## 1.0.0\n")
+        change(".gitignore", "/build/\n/.cache/\n/calls\n/tmp.*\n")
+        # Stands for a build that depends on its folder.
+        change("script/package", package % "pwd")
+        change(".cache/ci-passed", "")
+        self.run_script("script/release 1", 2)
+        refused("no git repository")
+        self.run_script("git init -q .")
+        commit()
+        refused(f"CMakeLists.txt has version {version}", "1.0.0")
+        refused("debian/changelog has version 9.9.9")
+        change("debian/changelog", f"tavrik ({version}) unstable;\n")
+        refused("the tree has changes")
+        commit("true")
+        refused("ci/run has not passed on this commit")
+        self.run_script("git rev-parse HEAD >.cache/ci-passed")
+        refused(f"two builds of a_{version}_amd64.deb differ")
+        change("script/package", package % "echo")
+        commit()
+        output, _ = self.run_script(f"script/release {version}")
+        self.assertRegex(output, f"git tag -a v{version} .* [0-9a-f]{{40}}\n")
+        output, _ = self.run_script(f"cd build/releases/{version}; sha256sum -c SHA256SUMS; tar tf *.gz; git tag")
+        for line in (f"a_{version}_armhf.deb: OK", f"tavrik-{version}.tar.gz: OK", f"tavrik-{version}/script/release"):
+            self.assertIn(line + "\n", output)
+        self.run_script(f"git tag v{version}")
+        refused(f"the tag v{version} exists")
 
 
 if __name__ == "__main__":
