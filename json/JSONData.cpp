@@ -52,6 +52,12 @@ namespace {
 // With fewer members a look-up compares all keys.
 constexpr size_t kIndexedFrom = 16;
 
+// Keys of one object often begin alike.
+bool areEqual(std::string_view key, std::string_view other) {
+    if (key.size() != other.size()) return false;
+    return key.empty() || (key.back() == other.back() && key == other);
+}
+
 // Most containers have a few children: without the first two steps of a vector's growth.
 template <typename Child>
 void makeRoom(std::vector<Child>& children) {
@@ -207,7 +213,7 @@ int JSONData::find(std::string_view key) const {
         return members.index->find(members.list, key);
     }
     int i = length() - 1;
-    while (i >= 0 && members.list[static_cast<size_t>(i)].key != key)
+    while (i >= 0 && !areEqual(members.list[static_cast<size_t>(i)].key, key))
         --i;
     return i;
 }
