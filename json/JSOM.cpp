@@ -183,7 +183,7 @@ namespace {
 bool isDecimal(const std::string& text, Decimal& number) {
     const char* position = text.c_str();
     TextSource source(position);
-    return readDecimal(source, number) && position == text.c_str() + text.size();
+    return readDecimal(source, number) && source.at() == text.c_str() + text.size();
 }
 
 // The boolean that `text` is a word for, in any case of letters. The list is fixed: documents rely

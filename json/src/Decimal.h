@@ -10,24 +10,29 @@ namespace tavrik {
 // back(), which undoes the last advance(); and takePlain(std::string&), which takes and appends
 // what stands in front of the next quote, backslash or end.
 
-// Reads a text up to its terminator, moving the caller's pointer along.
+// Reads a text up to its terminator, and at its end moves the caller's pointer along.
 class TextSource {
   public:
-    explicit TextSource(const char*& text) : position(text) {}
+    explicit TextSource(const char*& caller) : text(caller), position(caller) {}
+    ~TextSource() { text = position; }
+    TextSource(const TextSource&) = delete;
+    TextSource& operator=(const TextSource&) = delete;
+
+    const char* at() const { return position; }
     int peek() const { return static_cast<unsigned char>(*position); }
     void advance() { ++position; }
     void back() { --position; }
     void takePlain(std::string& out) {
-        const char* const begin = position;
-        const char* end = begin;
+        const char* end = position;
         while (*end != '"' && *end != '\\' && *end != '\0')
             ++end;
-        out.append(begin, end);
+        out.append(position, end);
         position = end;
     }
 
   private:
-    const char*& position;
+    const char*& text;
+    const char* position;
 };
 
 // Takes the next character if it is `wanted`.

@@ -1,6 +1,7 @@
 // The JSON grammar, once for every source of characters; for the .cpp files of this folder.
 #pragma once
 
+#include <array>
 #include <cstdio>
 #include <memory>
 #include <utility>
@@ -18,6 +19,28 @@ struct JSONData::Token {
     bool comma = false;
     bool colon = false;
     bool end = false;
+    bool known = false;  // whether anything begins with that character
+
+    // By the character.
+    using Table = std::array<Token, 256>;
+    static constexpr Table makeTable() {
+        Table all{};
+        for (Token& token : all)
+            token.type = kLong;
+        for (int digit = '0'; digit <= '9'; ++digit)
+            all[digit].known = true;
+        all['-'] = all['+'] = {kLong, false, false, false, true};
+        all['"'] = {kString, false, false, false, true};
+        all['['] = {kArray, false, false, false, true};
+        all[']'] = {kArray, false, false, true, true};
+        all['{'] = {kObject, false, false, false, true};
+        all['}'] = {kObject, false, false, true, true};
+        all['t'] = all['f'] = {kBoolean, false, false, false, true};
+        all['n'] = {kNull, false, false, false, true};
+        all[','] = {kNone, true, false, false, true};
+        all[':'] = {kNone, false, true, false, true};
+        return all;
+    }
 
     bool closes(int container) const { return end && type == container; }
     bool beginsValue() const { return !comma && !colon && !end; }
@@ -63,42 +86,12 @@ bool skipBlanksAndComments(Source& source) {
 
 template <typename Source>
 bool JSONData::fetchNextType(Source& source, Token& token) {
-    token = Token();
-    if (!skipBlanksAndComments(source)) return false;
-    const int character = source.peek();
-    token.comma = character == ',';
-    token.colon = character == ':';
-    token.end = character == ']' || character == '}';
-    switch (character) {
-        case '"':
-            token.type = kString;
-            return true;
-        case '+':
-        case '-':
-            token.type = kLong;
-            return true;
-        case '[':
-        case ']':
-            token.type = kArray;
-            return true;
-        case '{':
-        case '}':
-            token.type = kObject;
-            return true;
-        case 't':
-        case 'f':
-            token.type = kBoolean;
-            return true;
-        case 'n':
-            token.type = kNull;
-            return true;
-        case ',':
-        case ':':
-            return true;
-        default:
-            token.type = kLong;
-            return isDigit(character);
-    }
+    static constexpr Token::Table kTokens = Token::makeTable();
+    // Nearly always there is nothing to skip.
+    const bool found =
+        kTokens[static_cast<size_t>(source.peek())].known || skipBlanksAndComments(source);
+    token = found ? kTokens[static_cast<size_t>(source.peek())] : Token();
+    return token.known;
 }
 
 // The value of a hexadecimal digit, or -1. Upper-case letters count from 5 on: writers of this
