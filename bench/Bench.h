@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <pthread.h>
 #include <sched.h>
 
 #include <atomic>
@@ -48,11 +49,32 @@ inline void yieldUntil(const std::atomic<int>& counter, int value) {
 // Gives other threads the time to fall asleep.
 inline void settle() {
     const auto end = Clock::now() + std::chrono::microseconds(15);
-    while (Clock::now() < end) {
-    }
+    while (Clock::now() < end)
+        sched_yield();
 }
 
-// From `post`, which gets a counter to increase, to its effect, with all other threads asleep.
+// All threads on one processor for a scope: those that are made in it inherit that.
+class OneCore {
+  public:
+    OneCore() {
+        pthread_getaffinity_np(pthread_self(), sizeof before, &before);
+        cpu_set_t first;
+        CPU_ZERO(&first);
+        for (int i = 0; i < CPU_SETSIZE && CPU_COUNT(&first) == 0; ++i) {
+            if (CPU_ISSET(i, &before)) CPU_SET(i, &first);
+        }
+        pthread_setaffinity_np(pthread_self(), sizeof first, &first);
+    }
+    ~OneCore() { pthread_setaffinity_np(pthread_self(), sizeof before, &before); }
+    OneCore(const OneCore&) = delete;
+    OneCore& operator=(const OneCore&) = delete;
+
+  private:
+    cpu_set_t before;
+};
+
+// From `post`, which gets a counter to increase, to its effect, with all other threads asleep. On
+// one processor: how long another one takes to come out of its idle state depends on the machine.
 template <typename Post>
 void timeWakeUps(benchmark::State& state, Post post) {
     std::atomic<int> ran{0};
@@ -61,7 +83,7 @@ void timeWakeUps(benchmark::State& state, Post post) {
         settle();
         const auto begin = Clock::now();
         post(ran);
-        awaitValue(ran, ++count);
+        yieldUntil(ran, ++count);
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - begin).count());
     }
 }

@@ -243,28 +243,8 @@ void registerAndUnregister(State& state) {
 
 // --- Round trip -------------------------------------------------------------------------------
 
-// All threads on one processor for a scope: those that are made in it inherit that.
-class OneCore {
-  public:
-    OneCore() {
-        pthread_getaffinity_np(pthread_self(), sizeof before, &before);
-        cpu_set_t first;
-        CPU_ZERO(&first);
-        for (int i = 0; i < CPU_SETSIZE && CPU_COUNT(&first) == 0; ++i) {
-            if (CPU_ISSET(i, &before)) CPU_SET(i, &first);
-        }
-        pthread_setaffinity_np(pthread_self(), sizeof first, &first);
-    }
-    ~OneCore() { pthread_setaffinity_np(pthread_self(), sizeof before, &before); }
-    OneCore(const OneCore&) = delete;
-    OneCore& operator=(const OneCore&) = delete;
-
-  private:
-    cpu_set_t before;
-};
-
 void roundTrip(State& state, bool simulated) {
-    const OneCore pinned;
+    const bench::OneCore pinned;
     const Session session(simulated);
     if (!session.connected) return state.SkipWithError("not connected");
     Accept answer;
@@ -276,7 +256,7 @@ void roundTrip(State& state, bool simulated) {
 }
 
 void pingPong(State& state) {
-    const OneCore pinned;
+    const bench::OneCore pinned;
     int ends[2];
     socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends);
     const auto transferred = [](ssize_t count) { return count > 0; };

@@ -72,6 +72,7 @@ class CountQueue : public tavrik::TaskQueue<std::atomic<int>*> {
 };
 
 void wakePool(State& state) {
+    const bench::OneCore pinned;
     ThreadGroup group("bench");
     Count count;
     bench::timeWakeUps(state, [&](std::atomic<int>& ran) {
@@ -82,6 +83,7 @@ void wakePool(State& state) {
 }
 
 void peerWakePool(State& state) {
+    const bench::OneCore pinned;
     asio::thread_pool pool(1);
     bench::timeWakeUps(state, [&](std::atomic<int>& ran) {
         asio::post(pool, [&ran] { ran.fetch_add(1, std::memory_order_release); });
@@ -90,6 +92,7 @@ void peerWakePool(State& state) {
 }
 
 void wakeQueue(State& state) {
+    const bench::OneCore pinned;
     ThreadGroup group("bench");
     CountQueue queue(&group);
     bench::timeWakeUps(state, [&](std::atomic<int>& ran) { queue.add(&ran); });
@@ -97,6 +100,7 @@ void wakeQueue(State& state) {
 }
 
 void peerWakeQueue(State& state) {
+    const bench::OneCore pinned;
     asio::thread_pool pool(1);
     auto strand = asio::make_strand(pool);
     bench::timeWakeUps(state, [&](std::atomic<int>& ran) {
@@ -112,6 +116,7 @@ struct Promise : tavrik::Runnable {
 };
 
 void dispatchAndWait(State& state) {
+    const bench::OneCore pinned;
     ThreadGroup group("bench");
     for (auto _ : state) {
         Promise task;
@@ -127,6 +132,7 @@ void dispatchAndWait(State& state) {
 }
 
 void peerDispatchAndWait(State& state) {
+    const bench::OneCore pinned;
     asio::thread_pool pool(1);
     for (auto _ : state) {
         std::promise<void> done;
