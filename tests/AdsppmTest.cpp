@@ -46,6 +46,31 @@ class Adsppm : public SimTest {
         const std::string& line = starts.back();
         return line.substr(line.find("01 00 00 00 01 00 00 00 ") + 24, 23);
     }
+    void startWithOneEvent() {
+        ASSERT_TRUE(add(inbox, -2));
+        ASSERT_TRUE(adsppm().startMetricCollection());
+    }
+    static void deliverPackets(int count) {
+        for (int i = 0; i < count; ++i)
+            device().deliverFrame(device().logPacket());
+    }
+
+    Inbox inbox;
+};
+
+// Calls ADSPPM when it gets a line, as an adapter may.
+struct CallingAdapter : tavrik::LogAdapter {
+    int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
+            bool) override {
+        adsppm().unregisterListener(nullptr, 1);
+        lines += logger + " " + level.getName() + " " + message;
+        return 0;
+    }
+    int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
+        return 0;
+    }
+    int flush() override { return 0; }
+    std::string lines;
 };
 
 // Hands ADSPPM a log record. Bytes that the decoder ignores are 0xEE.
@@ -94,36 +119,27 @@ TEST_F(Adsppm, UnregisteringFreesSlotsAndRaisesThePeriod) {
     EXPECT_TRUE(adsppm().unregisterListener(&a, -7));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 5));
     EXPECT_EQ(startRequest(), "01 00 00 00 C8 00 00 00");
-    EXPECT_TRUE(add(a, 0x103, 500)) << "takes slot 3 and never frees it";
-    EXPECT_TRUE(adsppm().unregisterListener(&a, 0x103));
-    EXPECT_TRUE(add(a, 11, 0xFFFFFFFF));
-    EXPECT_TRUE(adsppm().unregisterListener(&a, 11)) << "keeps its slot";
-    EXPECT_EQ(startRequest(), "01 03 0B 00 C8 00 00 00");
     EXPECT_TRUE(adsppm().unregisterListener(&b, 1));
     EXPECT_FALSE(adsppm().startMetricCollection()) << "nobody left";
 }
 
-TEST_F(Adsppm, AFifthEventIsRefused) {
-    struct : tavrik::LogAdapter {
-        int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
-                bool) override {
-            adsppm().unregisterListener(nullptr, 1);  // an adapter may call ADSPPM
-            lines += logger + " " + level.getName() + " " + message;
-            return 0;
-        }
-        int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
-            return 0;
-        }
-        int flush() override { return 0; }
-        std::string lines;
-    } adapter;
-    Inbox inbox;
+TEST_F(Adsppm, SomeSlotsAreNeverFreed) {
+    EXPECT_TRUE(add(inbox, -1, 200));
+    EXPECT_TRUE(add(inbox, 0x103)) << "takes slot 3";
+    EXPECT_TRUE(adsppm().unregisterListener(&inbox, 0x103));
+    EXPECT_TRUE(add(inbox, 11, 0xFFFFFFFF)) << "without a period";
+    EXPECT_TRUE(adsppm().unregisterListener(&inbox, 11));
+    EXPECT_EQ(startRequest(), "03 0B 00 00 C8 00 00 00");
+}
+
+TEST_F(Adsppm, AFifthEventIsRefusedWithAMessage) {
+    CallingAdapter adapter;
     for (int id = 1; id <= 4; ++id)
         EXPECT_TRUE(add(inbox, id));
     const std::string text =
-        "Cannot add event FIFTH to ADSP PMU, the event limit has been reached.";
+        "Cannot add event EVENT to ADSP PMU, the event limit has been reached.";
     tavrik::Logger::setLogAdapter(&adapter);
-    EXPECT_FALSE(adsppm().registerListener(&inbox, 5, "FIFTH", 1, refusal));
+    EXPECT_FALSE(add(inbox, 5));
     tavrik::Logger::setLogAdapter(nullptr);
     EXPECT_EQ(adapter.lines, "ADSPPM WARN ADSPPM::registerListener: " + text);
     EXPECT_EQ(refusal, text);
@@ -131,16 +147,17 @@ TEST_F(Adsppm, AFifthEventIsRefused) {
     ASSERT_NE(message, nullptr);
     EXPECT_EQ(message->code, 11);
     EXPECT_EQ(message->text, text);
-    EXPECT_TRUE(add(inbox, 4)) << "a second listener needs no slot";
-    EXPECT_TRUE(add(inbox, -1));
-    EXPECT_TRUE(add(inbox, 0)) << "needs no slot";
+}
+
+TEST_F(Adsppm, ListenersWithoutASlotOfTheirOwnAreNotLimited) {
+    for (const int id : {1, 2, 3, 4, 4, -1, 0})
+        EXPECT_TRUE(add(inbox, id)) << id;
     EXPECT_TRUE(adsppm().unregisterListener(&inbox, 1));
     EXPECT_EQ(startRequest(), "02 03 04 00 A0 86 01 00");
 }
 
 TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
     plug(R"({"requests": {"start": {"refuse": true}}})");
-    Inbox inbox;
     EXPECT_TRUE(add(inbox, -2));
     EXPECT_FALSE(adsppm().stopMetricCollection()) << "not collecting";
     expectOnce("[ADSPPM]: ERROR ADSPPM::startMetricCollection() ADSPPMConfigReq timeout\n",
@@ -156,9 +173,7 @@ TEST_F(Adsppm, AFailedStartOrStopIsFinal) {
 
 TEST_F(Adsppm, AFailedStopLeavesTheRefusalTextEmpty) {
     plug(R"({"requests": {"stop": {"refuse": true}, "start": {"short": 8}}})");
-    Inbox inbox;
-    EXPECT_TRUE(add(inbox, -2));
-    EXPECT_TRUE(adsppm().startMetricCollection());
+    startWithOneEvent();
     EXPECT_TRUE(lines("(short)").empty()) << "8 bytes are the whole response";
     EXPECT_FALSE(adsppm().startMetricCollection()) << "already collecting";
     tavrik::LogLevel::_init();
@@ -177,7 +192,6 @@ TEST_F(Adsppm, ACycleTracesItsSteps) {
     for (const char* name : {"ADSPPM", "DIAG"}) {
         tavrik::Logger::getLogger(name)->setLevel(*tavrik::LogLevel::LVL_TRACE);
     }
-    Inbox inbox;
     const std::string output = outputOf([&] {
         EXPECT_TRUE(add(inbox, -2, 100));
         EXPECT_TRUE(adsppm().startMetricCollection());
@@ -204,14 +218,12 @@ TEST_F(Adsppm, TimeStampsBecomeHostTime) {
 }
 
 TEST_F(Adsppm, PacketsBecomeValues) {
-    Inbox inbox, second;
+    Inbox second;
     for (int id : {0, 3, 4, -1, -2, -3, -4, -5, -6, -7})
         ASSERT_TRUE(add(inbox, id));
     ASSERT_TRUE(add(second, 3, 50000));
-    receive(0, 0);
     ASSERT_TRUE(adsppm().startMetricCollection());
     receive(1000 * kMillisecond, 0);
-    EXPECT_TRUE(inbox.take().empty()) << "the first packet primes the decoder";
     receive(3000 * kMillisecond, 32);  // 2 s later
     const std::vector<Value> values = inbox.take();
     const std::vector<std::pair<int, long double>> expected = {
@@ -226,13 +238,18 @@ TEST_F(Adsppm, PacketsBecomeValues) {
         EXPECT_EQ(values[i].time, values[0].time);
     }
     EXPECT_EQ(second.take().size(), 1u);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
 
-    EXPECT_TRUE(adsppm().stopMetricCollection());
-    receive(4000 * kMillisecond, 0);
-    ASSERT_TRUE(adsppm().startMetricCollection());
-    receive(5000 * kMillisecond, 0);
-    EXPECT_TRUE(inbox.take().empty()) << "a stop discards the last packet";
-    EXPECT_TRUE(adsppm().stopMetricCollection());
+TEST_F(Adsppm, TheFirstPacketOfEachCollectionPrimesTheDecoder) {
+    ASSERT_TRUE(add(inbox, -2));
+    for (const unsigned second : {1u, 3u}) {
+        receive(second * 1000 * kMillisecond, 0);  // not collecting
+        ASSERT_TRUE(adsppm().startMetricCollection());
+        receive((second + 1) * 1000 * kMillisecond, 0);
+        EXPECT_TRUE(inbox.take().empty()) << second;
+        EXPECT_TRUE(adsppm().stopMetricCollection());
+    }
 }
 
 // --- Interleavings ----------------------------------------------------------------------------
@@ -242,11 +259,10 @@ TEST_F(Adsppm, PacketsBecomeValues) {
 TEST_F(Adsppm, ValuesFlowFromTheStartResponseToTheStop) {
     plug(R"({"requests": {"start": {"log_behind": "same_chunk"},
                           "stop": {"log_in_front": "same_chunk"}}})");
-    Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     for (size_t round = 1; round <= 50; ++round) {
         ASSERT_TRUE(adsppm().startMetricCollection());
-        device().deliverFrame(device().logPacket());
+        deliverPackets(1);
         EXPECT_EQ(inbox.waitFor(round).size(), round);
         ASSERT_TRUE(adsppm().stopMetricCollection());
         EXPECT_EQ(inbox.waitFor(round).size(), round);
@@ -257,11 +273,9 @@ TEST_F(Adsppm, ValuesFlowFromTheStartResponseToTheStop) {
 TEST_F(Adsppm, AStartResponseCountsBeforeItsWriteReturns) {
     plug(R"({"write": {"returns_after_read": true},
              "requests": {"start": {"log_behind": "same_buffer", "log_count": 3}}})");
-    Inbox inbox;
-    ASSERT_TRUE(add(inbox, -2));
-    ASSERT_TRUE(adsppm().startMetricCollection());
+    startWithOneEvent();
     EXPECT_TRUE(inbox.take().empty()) << "packets before the end of the start prime the decoder";
-    device().deliverFrame(device().logPacket());
+    deliverPackets(1);
     EXPECT_EQ(inbox.waitFor(1).size(), 1u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
@@ -269,9 +283,7 @@ TEST_F(Adsppm, AStartResponseCountsBeforeItsWriteReturns) {
 // A start during a stop waits until the stop has cleared the log mask; then values arrive.
 TEST_F(Adsppm, AStartWaitsForARunningStop) {
     plug(R"({"requests": {"log_mask_clear": {"on": [1], "delay_ms": 100}}})");
-    Inbox inbox;
-    ASSERT_TRUE(add(inbox, -2));
-    ASSERT_TRUE(adsppm().startMetricCollection());
+    startWithOneEvent();
     std::thread stopper([] { EXPECT_TRUE(adsppm().stopMetricCollection()); });
     ASSERT_TRUE(seen("host    log mask clear request"));
     ASSERT_TRUE(add(inbox, -1)) << "a registration does not wait for a stop";
@@ -279,8 +291,7 @@ TEST_F(Adsppm, AStartWaitsForARunningStop) {
     EXPECT_TRUE(adsppm().startMetricCollection());
     EXPECT_EQ(lines("host    close").size(), 1u) << "the stop has ended";
     stopper.join();
-    for (int i = 0; i < 2; ++i)
-        device().deliverFrame(device().logPacket());
+    deliverPackets(2);
     EXPECT_EQ(inbox.waitFor(2).size(), 2u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
@@ -288,7 +299,6 @@ TEST_F(Adsppm, AStartWaitsForARunningStop) {
 TEST_F(Adsppm, ARegistrationWaitsForARunningStart) {
     plug(R"({"requests": {"start": [{"on": [1], "delay_ms": 50},
                                     {"on": [2], "delay_ms": 50, "refuse": true}]}})");
-    Inbox inbox;
     ASSERT_TRUE(add(inbox, -2));
     ASSERT_TRUE(add(inbox, -3));
     std::thread first([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
@@ -305,16 +315,13 @@ TEST_F(Adsppm, ARegistrationWaitsForARunningStart) {
 
 TEST_F(Adsppm, TheLoopbackResponseSetsTheTimeShift) {
     plug(R"({"requests": {"loopback": {"on": [1], "short": 9}}})");
-    Inbox inbox;
-    ASSERT_TRUE(add(inbox, -2));
-    outputOf([] { EXPECT_TRUE(adsppm().startMetricCollection()); });
+    outputOf([this] { startWithOneEvent(); });
     EXPECT_DOUBLE_EQ(adsppm().convertTimeStamp(0, 0), 315964800.0) << "unchanged";
     EXPECT_TRUE(adsppm().stopMetricCollection());
     timeval zero{};
     adsppm().updateTimeShift(0, 0, &zero, &zero);
     EXPECT_TRUE(adsppm().startMetricCollection());
-    for (int i = 0; i < 2; ++i)
-        device().deliverFrame(device().logPacket());
+    deliverPackets(2);
     const std::vector<Value> values = inbox.waitFor(1);
     ASSERT_FALSE(values.empty());
     EXPECT_NEAR(values[0].time, static_cast<double>(time(nullptr)), 2);
@@ -329,35 +336,48 @@ struct Follower : tavrik::Trigger::Listener, tavrik::SelfDestructingObject, Coll
     void onTriggerValueChange(tavrik::Trigger* trigger) override { put(trigger->getValue()); }
 };
 
-TEST_F(Adsppm, ARunLevelChangeRestartsWithNewRegistrations) {
-    Inbox inbox;
-    ASSERT_TRUE(add(inbox, -2));
+class RunLevel : public Adsppm {
+  protected:
+    void SetUp() override {
+        Adsppm::SetUp();
+        startWithOneEvent();
+        level->subscribe(follower);
+        level->setEnabled(true);
+    }
+    // Returns when ADSPPM has handled a change.
+    void change() {
+        level->setValue(++changes);
+        level->setValue(++changes);
+        follower->waitFor(static_cast<size_t>(changes));
+    }
+    static size_t starts() { return lines("host    start request").size(); }
+
     tavrik::Trigger* const level = tavrik::TriggerRegistry::getTrigger("_RunLevel");
-    auto* const follower = new Follower;
-    level->subscribe(follower);
-    level->setEnabled(true);
-    auto change = [&, told = size_t{0}](int value) mutable {
-        level->setValue(value);
-        level->setValue(value + 1);
-        follower->waitFor(told += 2);
-    };
-    ASSERT_TRUE(adsppm().startMetricCollection());
+    Follower* const follower = new Follower;
+    int changes = 0;
+};
+
+TEST_F(RunLevel, AChangeRestartsWithNewRegistrations) {
     ASSERT_TRUE(add(inbox, 7));  // takes a slot, keeps the period
-    change(1);
+    change();
     EXPECT_EQ(lines("host    stop request").size(), 1u);
-    EXPECT_EQ(lines("host    start request").size(), 2u);
+    EXPECT_EQ(starts(), 2u);
     EXPECT_THAT(line("host    start request", 1), testing::HasSubstr("07 00 00 00 A0 86 01 00"));
-    change(3);
-    EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
-    EXPECT_TRUE(adsppm().stopMetricCollection());
-    change(5);
-    EXPECT_EQ(lines("host    start request").size(), 2u) << "nothing new";
-    ASSERT_TRUE(adsppm().unregisterListener(&inbox, 7));
-    change(7);
-    EXPECT_EQ(lines("host    start request").size(), 3u) << "starts an idle ADSP";
-    EXPECT_EQ(lines("host    stop request").size(), 2u);
+    change();
+    EXPECT_EQ(starts(), 2u) << "nothing new";
     ASSERT_TRUE(add(inbox, -1, 50));  // takes no slot, changes the period
-    change(9);
-    EXPECT_EQ(lines("host    start request").size(), 4u);
+    change();
+    EXPECT_EQ(starts(), 3u);
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+}
+
+TEST_F(RunLevel, AChangeStartsAnIdleAdspIfRegistrationsAreNew) {
+    EXPECT_TRUE(adsppm().stopMetricCollection());
+    change();
+    EXPECT_EQ(starts(), 1u) << "nothing new";
+    ASSERT_TRUE(add(inbox, 7) && adsppm().unregisterListener(&inbox, 7));
+    change();
+    EXPECT_EQ(starts(), 2u);
+    EXPECT_EQ(lines("host    stop request").size(), 1u);
     EXPECT_TRUE(adsppm().stopMetricCollection());
 }
