@@ -11,6 +11,7 @@
 #include "diag_lsm/diagsvc_malloc.h"
 #include "diag_lsm/src/memory_device.h"
 #include "tests/SimSupport.h"
+#include "tests/Support.h"
 
 namespace {
 
@@ -35,15 +36,22 @@ class DiagLsm : public SimTest {
         if (fd != -1) Diag_LSM_DeInit();
         SimTest::TearDown();
     }
-    void open(const std::string& scenario = "{}") {
+    void open(const std::string& scenario = "{}", int mode = DIAG_MODE_CALLBACK) {
         plug(scenario);
         ASSERT_EQ(Diag_LSM_Init(nullptr), 1);
-        switchTo(DIAG_MODE_CALLBACK);
-    }
-    static void switchTo(int mode) {
         logging_mode = mode;
         ASSERT_GE(ioctl(fd, DIAG_IOCTL_SWITCH_LOGGING, &logging_mode), 0);
     }
+    void openMemoryDevice() { open("{}", DIAG_MODE_MEMORY_DEVICE); }
+    // Returns when the reader has handled a buffer, and with it those before.
+    void passABuffer() {
+        inbox.take();
+        diag_register_callback(Inbox::callback, &inbox);
+        device().deliver(words({32, 1, 1}, {1}));
+        EXPECT_EQ(inbox.waitFor(1), std::vector<Bytes>{{1}});
+    }
+
+    Inbox inbox;
 };
 
 }  // namespace
@@ -68,7 +76,6 @@ TEST_F(DiagLsm, OpensAndCloses) {
 
 TEST_F(DiagLsm, ANewSessionHasNoCallbacks) {
     open();
-    Inbox inbox;
     diag_register_callback(Inbox::callback, &inbox);
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
     open();
@@ -100,40 +107,43 @@ TEST_F(DiagLsm, EmptyReadsDoNotDelayTheNextBuffer) {
     for (int attempt = 0; attempt < 10 && fastest >= 50; ++attempt) {
         const Stopwatch watch;
         open(R"({"empty_reads": 50})");
-        Inbox inbox;
-        diag_register_callback(Inbox::callback, &inbox);
-        device().deliver(words({32, 1, 1}, {1}));
-        inbox.waitFor(1);
+        passABuffer();
         fastest = std::min(fastest, watch.milliseconds());
         Diag_LSM_DeInit();
     }
     EXPECT_LT(fastest, 50);
 }
 
-TEST_F(DiagLsm, ChunksReachTheirProcessorsCallback) {
-    open(R"({"remote_mask": 3})");
-    // The kernel may deliver a signal to the process, such as SIGALRM, on any thread.
+// The kernel may deliver a signal to the process, such as SIGALRM, on any thread.
+TEST_F(DiagLsm, SignalsDoNotEndTheReader) {
+    open();
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGALRM, &action, nullptr);
     for (int i = 0; i < 100; ++i)
         pthread_kill(read_thread_hdl, SIGALRM);
-    Inbox local, remote;
-    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 0, &remote), -1);
-    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 10, &remote), -1);
-    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 4, &remote), -1) << "not present";
-    EXPECT_EQ(diag_register_remote_callback(nullptr, 2, &remote), -1);
-    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 2, &remote), 0);
+    passABuffer();
+}
+
+TEST_F(DiagLsm, CallbacksNeedAFunctionAndAProcessor) {
+    open(R"({"remote_mask": 2})");
+    for (const int absent : {0, 10, 3, 4})
+        EXPECT_EQ(diag_register_remote_callback(Inbox::callback, absent, nullptr), -1) << absent;
+    EXPECT_EQ(diag_register_remote_callback(nullptr, 2, nullptr), -1);
     diag_register_callback(nullptr, nullptr);
     EXPECT_EQ(client_tbl[0].registered, -1);
+}
 
+TEST_F(DiagLsm, ChunksReachTheirProcessorsCallback) {
+    open(R"({"remote_mask": 3})");
+    Inbox local, remote;
+    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 2, &remote), 0);
     // Processor 0 has no callback yet, which drops the rest of the buffer.
     device().deliver(words({32, 2, 1}, {9, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 8}));
     device().deliver(words({32, 1, 0xFFFFFFFE, 1}, {1}));
     remote.waitFor(1);
     diag_register_callback(Inbox::callback, &local);
     EXPECT_EQ(client_tbl[0].registered, 1);
-
     Bytes buffer = words({32, 3, 2}, {1, 2});
     diagsim::append(buffer, words({0xFFFFFFFE, 3}, {3, 4, 5}));
     diagsim::appendWord(buffer, 0, 4);  // an empty chunk
@@ -155,7 +165,6 @@ TEST_F(DiagLsm, ARequestFollowsItsDataType) {
     EXPECT_EQ(diag_callback_send_data(0, nullptr, 5), -1);
     EXPECT_LE(device().trace().size(), before + 1) << "nothing but a response";
     EXPECT_EQ(diag_callback_send_data(3, request.data(), 5), -1) << "processor 3 needs two bits";
-    EXPECT_EQ(diag_register_remote_callback(Inbox::callback, 3, nullptr), -1);
     EXPECT_EQ(diag_callback_send_data(2, request.data(), 5), 0);
     Bytes longest(65536, 0x55);
     EXPECT_EQ(diag_callback_send_data(0, longest.data(), 65536), 0);
@@ -246,10 +255,7 @@ TEST_F(PacketService, TablesLastOneSessionAndHaveLimitedSlots) {
     diagpkt_tbl_reg(&kTables[0]);
     EXPECT_TRUE(seen("ioctl 0", DIAGPKT_TABLE_SLOTS + 1)) << "announced even without a slot";
     device().deliver(words({8}, {12}));
-    Inbox inbox;
-    diag_register_callback(Inbox::callback, &inbox);
-    device().deliver(words({32, 1, 1}, {1}));
-    inbox.waitFor(1);
+    passABuffer();
     EXPECT_TRUE(lines("0C 0C").empty())
         << "a table survived its session, or was kept without a slot";
 }
@@ -279,8 +285,6 @@ TEST_F(DiagLsm, PacketSizesAreChecked) {
     EXPECT_EQ(diagpkt_delay_alloc(1, 0xFFFFFFFC), nullptr);
     diagpkt_delay_commit(diagpkt_subsys_alloc_v2_delay(5, 0x0102, 0x0304, 12));
     EXPECT_TRUE(seen("80 05 02 01 00 00 00 00 04 03 01 00 =>"));
-
-    switchTo(DIAG_MODE_CALLBACK);
     Diag_LSM_DeInit();
     diagpkt_commit(nullptr);
     diagpkt_free(nullptr);
@@ -371,8 +375,7 @@ static const Bytes kBuffer = words({32}, Bytes(kPayload, 0x11));
 
 TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
     const Bytes half = words({32}, Bytes(71680, 0x22));
-    open();
-    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    openMemoryDevice();
     device().deliver(half);
     device().deliver(half);
     EXPECT_EQ(takePool(0), 2u * 71680) << "two payloads fit in one buffer";
@@ -402,12 +405,10 @@ TEST_F(DiagLsm, AFlushEndsWhenFlushingIsTurnedOff) {
 }
 
 TEST_F(DiagLsm, AFullMemoryDeviceDoesNotBlockDeInit) {
-    open();
-    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    openMemoryDevice();
     memory_device_append(kBuffer.data(), 1000);  // DeInit discards it
     EXPECT_EQ(Diag_LSM_DeInit(), 1);
-    open();
-    switchTo(DIAG_MODE_MEMORY_DEVICE);
+    openMemoryDevice();
     for (int i = 0; i < 10; ++i)
         device().deliver(kBuffer);
     EXPECT_EQ(takePool(0), 3 * kPayload) << "a new session starts with empty pools";
