@@ -4,6 +4,7 @@
 
 #include "diag_lsm/diag_lsm.h"
 #include "tests/SimSupport.h"
+#include "tests/Support.h"
 
 using tavrik::DIAG;
 using testing::HasSubstr;
@@ -55,10 +56,13 @@ class Session : public SimTest {
   protected:
     // Disconnects a session that a test left connected.
     void TearDown() override {
-        Log log;
-        if (device().isOpen()) DIAG::instance()->unregisterLogListener(0xFFFF, &log);
+        if (device().isOpen()) diag->unregisterLogListener(0xFFFF, &log);
         SimTest::TearDown();
     }
+
+    DIAG* const diag = DIAG::instance();
+    Log log;
+    Answer answer;
 };
 
 const char* const kSetup[] = {"ioctl 7 logging mode by pointer: 6", "message mask request",
@@ -67,12 +71,10 @@ const char* const kSetup[] = {"ioctl 7 logging mode by pointer: 6", "message mas
 }  // namespace
 
 TEST_F(Session, ConnectsOnFirstUseDisconnectsWhenIdleAndConnectsAgain) {
-    DIAG* const diag = DIAG::instance();
-    Answer answer;
     EXPECT_TRUE(exchange(answer));
     EXPECT_EQ(answer.frame.size(), 15u) << "check bytes and flag are part of the frame";
     EXPECT_EQ(answer.frame.back(), 0x7E);
-    Log log, other;
+    Log other;
     EXPECT_TRUE(diag->registerLogListener(kLogCode, &log));
     EXPECT_FALSE(diag->registerLogListener(kLogCode, &other)) << "a code has one listener";
     EXPECT_FALSE(diag->unregisterLogListener(kLogCode, &other)) << "not the code's listener";
@@ -89,10 +91,8 @@ TEST_F(Session, ConnectsOnFirstUseDisconnectsWhenIdleAndConnectsAgain) {
 
 TEST_F(Session, KeepsTheModeSwitchFormThatTheDriverAccepts) {
     plug(R"({"mode_switch": {"accepts": "value"}})");
-    Answer answer;
     EXPECT_TRUE(exchange(answer));
-    Log log;
-    DIAG::instance()->unregisterLogListener(kLogCode, &log);
+    diag->unregisterLogListener(kLogCode, &log);
     EXPECT_TRUE(exchange(answer));
     EXPECT_EQ(lines("ioctl 7 logging mode by pointer").size(), 1u) << "tried once per process";
     EXPECT_EQ(lines("by value: 6 => 1").size(), 2u);
@@ -104,17 +104,16 @@ TEST_F(Session, OneRequestIsOutstandingAtATime) {
     Answer first, second, third(false);
     for (Answer* each : {&first, &second, &third})
         EXPECT_TRUE(send(*each));
-    EXPECT_FALSE(DIAG::instance()->sendRequest(loopback().data(), 0, &third)) << "empty request";
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(second));
+    EXPECT_FALSE(diag->sendRequest(loopback().data(), 0, &third)) << "empty request";
+    EXPECT_TRUE(diag->awaitResponse(second));
     EXPECT_TRUE(first.accepted) << "responses come in order";
     const Stopwatch watch;
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(first));
-    EXPECT_FALSE(DIAG::instance()->awaitResponse(third));
+    EXPECT_TRUE(diag->awaitResponse(first));
+    EXPECT_FALSE(diag->awaitResponse(third));
     EXPECT_LT(watch.milliseconds(), 200) << "an early or refused response costs no time-out";
-    std::vector<std::string> kinds;
-    for (const std::string& line : lines("loopback re"))
-        kinds.push_back(line.substr(0, 4));
-    EXPECT_EQ(kinds, (std::vector<std::string>{"host", "adsp", "host", "adsp", "host", "adsp"}));
+    const auto request = testing::StartsWith("host"), response = testing::StartsWith("adsp");
+    EXPECT_THAT(lines("loopback re"),
+                testing::ElementsAre(request, response, request, response, request, response));
 }
 
 TEST_F(Session, AFailedWriteFailsOnlyItsOwnRequest) {
@@ -123,10 +122,10 @@ TEST_F(Session, AFailedWriteFailsOnlyItsOwnRequest) {
     Answer first, refused, last;
     for (Answer* each : {&first, &refused, &last})
         EXPECT_TRUE(send(*each));
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(last));
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(first));
+    EXPECT_TRUE(diag->awaitResponse(last));
+    EXPECT_TRUE(diag->awaitResponse(first));
     EXPECT_FALSE(refused.accepted);
-    EXPECT_FALSE(DIAG::instance()->awaitResponse(refused));
+    EXPECT_FALSE(diag->awaitResponse(refused));
     EXPECT_FALSE(send(first));
     EXPECT_FALSE(first.accepted) << "a new request resets the listener";
     EXPECT_TRUE(exchange(last));
@@ -137,27 +136,21 @@ TEST_F(Session, AFailedWriteFailsOnlyItsOwnRequest) {
 TEST_F(Session, AWriteMayBlockUntilTheReaderReads) {
     plug(R"({"write": {"blocks_until_read": true, "returns_after_read": true},
              "requests": {"loopback": {"frame_behind": "7900"}}})");
-    std::vector<std::thread> callers;
-    for (int i = 0; i < 4; ++i) {
-        callers.emplace_back([] {
+    outputOf([] {
+        inParallel(4, [](int) {
             for (int round = 0; round < 20; ++round) {
-                Answer answer;
-                exchange(answer);
+                Answer each;
+                exchange(each);
             }
         });
-    }
-    outputOf([&] {
-        for (std::thread& caller : callers)
-            caller.join();
     });
     EXPECT_EQ(lines("host    loopback request").size(), 80u);
 }
 
 TEST_F(Session, InterruptedCallsAreRepeated) {
     plug(R"({"open": {"eintr": 2}, "write": {"eintr": 3}, "ioctl": {"eintr": 2}})");
-    Log log;
-    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+    ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
+    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
     EXPECT_EQ(lines("EINTR").size(), 2u + 3u + 3u * 2u) << "of ioctls 7, 1 and 9";
     EXPECT_TRUE(lines("by value").empty()) << "an interruption is no refusal of the form";
     EXPECT_TRUE(lines("left in callback mode").empty());
@@ -166,15 +159,14 @@ TEST_F(Session, InterruptedCallsAreRepeated) {
 // The late response must not reach the stack of the canceled thread.
 TEST_F(Session, ACancelledCallerWithdrawsItsListener) {
     plug(R"({"requests": {"loopback": {"on": [1], "delay_ms": 50}}})");
-    Answer next;
     std::thread caller([] {
-        Answer answer;
-        exchange(answer);
+        Answer own;
+        exchange(own);
     });
     ASSERT_TRUE(seen("host    loopback request"));
     pthread_cancel(caller.native_handle());
     caller.join();
-    EXPECT_TRUE(exchange(next)) << "the next request gets its own response";
+    EXPECT_TRUE(exchange(answer)) << "the next request gets its own response";
     EXPECT_EQ(lines("adsp    loopback response").size(), 2u);
 }
 
@@ -190,9 +182,8 @@ TEST_F(Session, FramesAnswerRequestsInOrder) {
     EXPECT_EQ(lone.frame, (Bytes{0x7E})) << "a lone flag is a frame";
     EXPECT_FALSE(third.accepted);
     receive({1, 0x7E});
-    for (Answer* answer : {&escaped, &lone, &third}) {
-        EXPECT_TRUE(DIAG::instance()->awaitResponse(*answer));
-    }
+    for (Answer* each : {&escaped, &lone, &third})
+        EXPECT_TRUE(diag->awaitResponse(*each));
 }
 
 TEST_F(Session, StrayAndCutFramesAreDroppedWithOneWarning) {
@@ -215,8 +206,7 @@ static Bytes packet(uint64_t claimed, size_t following) {
 }
 
 TEST_F(Session, ShortLogRecordsArePadded) {
-    Log log;
-    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
+    ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
     EXPECT_EQ(warnings(packet(92, 92)), "");
     EXPECT_EQ(warnings(packet(20, 22)), "") << "short, with two check bytes";
     EXPECT_EQ(warnings(packet(0, 30)), "") << "no length";
@@ -230,12 +220,11 @@ TEST_F(Session, ShortLogRecordsArePadded) {
     EXPECT_EQ(records[2][30], 0);
     EXPECT_EQ(records[3][89], 0x33);
     EXPECT_EQ(records[3][90], 0);
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
 }
 
 TEST_F(Session, LogRecordsThatDoNotFitAreDropped) {
-    Log log;
-    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
+    ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
     for (const Bytes& bad : {packet(93, 92), packet(0xFFFF, 92), packet(31, 30),
                              Bytes{16, 0, 0, 0, 4, 0, 0x45, 0x7E}, Bytes{16, 0x7E}}) {
         expectOnce("DIAG::onDIAGData() dropped a log ", [&] { receive(bad); });
@@ -244,7 +233,7 @@ TEST_F(Session, LogRecordsThatDoNotFitAreDropped) {
     foreign[6] = 0x46;
     EXPECT_EQ(warnings(foreign), "") << "a code without a listener";
     EXPECT_TRUE(log.take().empty());
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
 }
 
 // The reader is held up, so that the first write waits for its response to be read.
@@ -270,7 +259,6 @@ TEST_F(Session, ARequestThatCameDuringAWriteIsSentBehindIt) {
 // --- Log masks --------------------------------------------------------------------------------
 
 TEST_F(Session, AMaskHoldsTheCodesOfOneEquipmentId) {
-    DIAG* const diag = DIAG::instance();
     Log a, b, c;
     EXPECT_TRUE(diag->registerLogListener(0x4001, &c));
     EXPECT_TRUE(diag->registerLogListener(0x1645, &a));
@@ -290,12 +278,11 @@ TEST_F(Session, AMaskHoldsTheCodesOfOneEquipmentId) {
 }
 
 TEST_F(Session, MaskBitsStayWithinTheRange) {
-    Log log;
     const auto registered = [&](const std::string& range, unsigned short logCode) {
         plug("{\"ranges\": {\"1\": " + range + "}}");
         return outputOf([&] {
-            DIAG::instance()->registerLogListener(logCode, &log);
-            DIAG::instance()->unregisterLogListener(logCode, &log);
+            diag->registerLogListener(logCode, &log);
+            diag->unregisterLogListener(logCode, &log);
         });
     };
     EXPECT_EQ(occurrences(registered("65537", 0x1645),
@@ -305,19 +292,16 @@ TEST_F(Session, MaskBitsStayWithinTheRange) {
     EXPECT_EQ(registered("65536", 0x1FFF), "");
     EXPECT_EQ(lines("host    log mask request").size(), 1u) << "an equipment id's last code";
     plug(R"({"ranges": {"15": 4096}})");
-    EXPECT_TRUE(DIAG::instance()->registerLogListener(0xFFFF, &log));
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(0xFFFF, &log));
+    EXPECT_TRUE(diag->registerLogListener(0xFFFF, &log));
+    EXPECT_TRUE(diag->unregisterLogListener(0xFFFF, &log));
     EXPECT_EQ(registered("8", 0x1008), "") << "the first item beyond the mask";
     EXPECT_EQ(lines("host    log mask clear request").size(), 2u) << "no bit is set";
 }
 
 TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
-    Log log;
-    DIAG* const diag = DIAG::instance();
     ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
     EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
     plug(R"({"requests": {"log_ranges": {"short": 73}}})");
-    Answer answer;
     expectOnce("[DIAG]: ERROR loggingCfgRetrieveRangesReq response timeout\n",
                [&] { EXPECT_FALSE(send(answer)); });
     EXPECT_TRUE(device().isOpen()) << "left initialised";
@@ -337,21 +321,16 @@ TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
 TEST_F(Session, CallersReconnectAfterAnIdleDisconnect) {
     plug(R"({"requests": {"log_mask_clear": {"log_behind": "own_buffer", "log_count": 20}}})");
     constexpr int kRounds = 150;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([i] {
-            Log log;
-            const auto mine = static_cast<unsigned short>(0x1100 + i);
-            for (int round = 0; round < kRounds; ++round) {
-                Answer answer;
-                ASSERT_TRUE(exchange(answer)) << round;
-                ASSERT_TRUE(DIAG::instance()->registerLogListener(mine, &log)) << round;
-                ASSERT_TRUE(DIAG::instance()->unregisterLogListener(mine, &log)) << round;
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
+    inParallel(3, [this](int thread) {
+        Log own;
+        const auto code = static_cast<unsigned short>(0x1100 + thread);
+        for (int round = 0; round < kRounds; ++round) {
+            Answer each;
+            ASSERT_TRUE(exchange(each)) << round;
+            ASSERT_TRUE(diag->registerLogListener(code, &own)) << round;
+            ASSERT_TRUE(diag->unregisterLogListener(code, &own)) << round;
+        }
+    });
     EXPECT_FALSE(device().isOpen());
     EXPECT_EQ(lines("log ranges request").size(), lines("host    close").size());
 }
@@ -359,7 +338,6 @@ TEST_F(Session, CallersReconnectAfterAnIdleDisconnect) {
 // The first mask request times out. A second one in flight behind it would time out too.
 TEST_F(Session, MaskRequestsTakeTurns) {
     plug(R"({"requests": {"log_mask": {"on": [1], "delay_ms": 400}}})");
-    DIAG* const diag = DIAG::instance();
     Log a, b;
     std::thread first([&] { EXPECT_FALSE(diag->registerLogListener(0x1001, &a)); });
     ASSERT_TRUE(seen("host    log mask request"));
@@ -372,11 +350,10 @@ TEST_F(Session, MaskRequestsTakeTurns) {
 TEST_F(Session, TenThousandCyclesLeakNothing) {
     const int cycles = memoryIsOurs() ? 10000 : 500;
     device().keepTrace(false);
-    Log log;
     const auto cycle = [&](int count) {
         for (int i = 0; i < count; ++i) {
-            ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &log));
-            ASSERT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &log));
+            ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
+            ASSERT_TRUE(diag->unregisterLogListener(kLogCode, &log));
         }
     };
     cycle(10);
