@@ -8,6 +8,7 @@
 
 #include "runtime/Lock.h"
 #include "runtime/RWLock.h"
+#include "tests/Support.h"
 
 // These tests lock twice on one thread and unlock on another.
 #if defined(__clang__)
@@ -21,11 +22,10 @@ class RuntimeTest : public testing::Test {
   protected:
     void TearDown() override { join(); }
 
-    void start(std::function<void()> body) { threads.emplace_back(std::move(body)); }
-    // start(), but returns when the thread sleeps in `rw`.
+    // Returns when the thread sleeps in `rw`.
     void startBlocked(std::function<void()> body) {
         const unsigned before = rw.waitersForTesting();
-        start(std::move(body));
+        threads.emplace_back(std::move(body));
         while (rw.waitersForTesting() == before)
             std::this_thread::yield();
     }
@@ -206,21 +206,19 @@ TEST_F(RuntimeTest, ANotificationWithoutAWaiterEndsNoWait) {
 TEST_F(RuntimeTest, WritersExcludeEverybodyUnderLoad) {
     int left = 0;
     int right = 0;
-    for (int thread = 0; thread < 8; ++thread)
-        start([&, thread] {
-            for (int i = 0; i < 300; ++i) {
-                const int turn = (thread + i) % 4;
-                if (turn == 0) rw.readLock();
-                if (turn == 1) rw.writeLock(), rw.notify();
-                if (turn == 2) rw.readLock(), rw.promoteToWriteLock(), rw.writerWait(1);
-                while (turn == 3 && !rw.tryWriteLock())
-                    std::this_thread::yield();
-                EXPECT_EQ(left, right);
-                if (turn != 0) ++left, ++right;
-                turn == 0 ? rw.readUnlock() : rw.writeUnlock();
-            }
-        });
-    join();
+    inParallel(8, [&](int thread) {
+        for (int i = 0; i < 300; ++i) {
+            const int turn = (thread + i) % 4;
+            if (turn == 0) rw.readLock();
+            if (turn == 1) rw.writeLock(), rw.notify();
+            if (turn == 2) rw.readLock(), rw.promoteToWriteLock(), rw.writerWait(1);
+            while (turn == 3 && !rw.tryWriteLock())
+                std::this_thread::yield();
+            EXPECT_EQ(left, right);
+            if (turn != 0) ++left, ++right;
+            turn == 0 ? rw.readUnlock() : rw.writeUnlock();
+        }
+    });
     EXPECT_EQ(left, 8 * 300 * 3 / 4);
     EXPECT_EQ(right, left);
 }
