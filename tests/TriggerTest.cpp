@@ -199,6 +199,7 @@ class ConcurrentSetters : public TriggerTest, protected Trigger::Listener {
   protected:
     static constexpr int kCount = kSanitized ? 1000 : 10000;  // of each thread
 
+    // Sets values, waits until they are delivered and checks the counts.
     void setOnEachThread(const std::function<int(int thread, int i)>& value) {
         trigger->subscribe(this);
         trigger->setEnabled(true);
@@ -207,6 +208,11 @@ class ConcurrentSetters : public TriggerTest, protected Trigger::Listener {
                 trigger->setValue(value(thread, i));
         });
         EXPECT_EQ(heard().size(), values.size()) << "the first text is the enabling";
+        const int changes = static_cast<int>(values.size()) - 1;
+        EXPECT_EQ(number("Set Count"), 8 * kCount);
+        EXPECT_EQ(number("Change Count"), changes);
+        EXPECT_LE(number("Max Queue Size"), changes);
+        EXPECT_GE(number("Max Queue Size"), 1);
     }
     void reserve() override {}
     bool release() override { return false; }
@@ -234,15 +240,6 @@ TEST_F(ConcurrentSetters, NeverRepeatAValue) {
     EXPECT_EQ(values.back(), trigger->getRequestedValue());
 }
 
-TEST_F(ConcurrentSetters, AreCounted) {
-    setOnEachThread([](int, int i) { return i % 3; });
-    const int changes = static_cast<int>(values.size()) - 1;
-    EXPECT_EQ(number("Set Count"), 8 * kCount);
-    EXPECT_EQ(number("Change Count"), changes);
-    EXPECT_LE(number("Max Queue Size"), changes);
-    EXPECT_GE(number("Max Queue Size"), 1);
-}
-
 // Records its entries. The drain waits at entry 0 until `goOn` is set.
 struct Entries : TaskQueue<int> {
     explicit Entries(ThreadGroup* drains) : TaskQueue<int>(drains, 2) {}
@@ -258,50 +255,42 @@ struct Entries : TaskQueue<int> {
     int most = 0;  // entries that were drained at a time
 };
 
-class TaskQueueTest : public testing::Test {
+// Its drain waits.
+class FullTaskQueue : public testing::Test {
   protected:
-    // Fills the queue behind a waiting drain; adds entries on three threads.
-    void produce(int count) {
+    void SetUp() override {
         queue.add(0);
         queue.began.get_future().wait();
         for (const int entry : {1, 2})
             queue.add(entry);
-        for (std::thread& producer : producers)
-            producer = std::thread([=] {
-                for (int entry = 1; entry <= count; ++entry)
-                    queue.add(entry);
-            });
-    }
-    void join() {
-        for (std::thread& producer : producers)
-            producer.join();
     }
 
     ThreadGroup workers{"Queue"};
     Entries queue{&workers};
-    std::thread producers[3];
 };
 
-TEST_F(TaskQueueTest, ProducersWaitForRoom) {
-    produce(200);
-    queue.goOn.set_value();
-    join();
+TEST_F(FullTaskQueue, TakesNoMoreThanItsDrainMakesRoomFor) {
+    inParallel(4, [this](int thread) {
+        if (thread == 3) queue.goOn.set_value();
+        for (int entry = 1; thread < 3 && entry <= 200; ++entry)
+            queue.add(entry);
+    });
     queue.close();
     EXPECT_EQ(queue.all.take().size(), 603u);
     EXPECT_EQ(queue.most, 2);
 }
 
-TEST_F(TaskQueueTest, CloseReleasesProducersAndDrainsTheQueue) {
-    produce(1);
+TEST_F(FullTaskQueue, ReleasesItsProducersWhenItIsClosed) {
     std::thread closer([&] { queue.close(); });
-    join();
+    inParallel(3, [this](int) { queue.add(3); });
     queue.goOn.set_value();
     closer.join();
     EXPECT_EQ(queue.all.take(), (std::vector<int>{0, 1, 2}));
 }
 
-TEST_F(TaskQueueTest, AFailedDrainIsRetried) {
-    Entries deaf(&workers);
+TEST(TaskQueueTest, AFailedDrainIsRetried) {
+    ThreadGroup workers("Queue");
+    Entries queue(&workers), deaf(&workers);
     testing::internal::CaptureStderr();
     {
         const NoNewThreads refused;
