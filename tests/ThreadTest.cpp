@@ -240,44 +240,31 @@ TEST_F(ThreadTest, StopsAndAssignmentsWaitForTheTask) {
         caller.join();
 }
 
-// A group with a worker whose thread could not be created.
-class FailedThreadTest : public ThreadTest {
-  protected:
-    void SetUp() override {
-        ThreadTest::SetUp();
-        testing::internal::CaptureStderr();
-        const NoNewThreads refused;
-        worker = group.getWorker();
-        worker->start();
-        EXPECT_FALSE(group.trySpawn(&task));
-        printed = testing::internal::GetCapturedStderr();
-    }
-    void TearDown() override {
-        group.close();
-        EXPECT_TRUE(worker->release()) << "a reference for the missing thread is left";
-    }
+const std::string kCreationFailure = "Thread::start()  pthread_create failed\n";
 
-    ThreadGroup group{"Failing"};
-    ThreadGroup::WorkerThread* worker = nullptr;
-    std::string printed;
-};
-
-TEST_F(FailedThreadTest, EachAttemptIsPrinted) {
-    const std::string message = "Thread::start()  pthread_create failed\n";
-    EXPECT_EQ(printed, message + message) << "of the worker and of trySpawn()";
+TEST_F(ThreadTest, WithoutAThreadATrySpawnFails) {
+    ThreadGroup group("Failing");
+    testing::internal::CaptureStderr();
+    const NoNewThreads refused;
+    EXPECT_FALSE(group.trySpawn(&task));
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), kCreationFailure);
 }
 
-TEST_F(FailedThreadTest, SettingItsPriorityDoesNothing) {
+TEST_F(ThreadTest, AWorkerWithoutAThreadDropsItsTasks) {
+    std::atomic<int> deleted{0};
+    ThreadGroup group("Failing");
+    testing::internal::CaptureStderr();
+    const NoNewThreads refused;
+    ThreadGroup::WorkerThread* const worker = group.getWorker();
+    worker->start();
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), kCreationFailure) << "of one attempt";
     worker->setPriority(Thread::Priority(5));
     EXPECT_EQ(priorities.take(), Priorities{});
-}
-
-TEST_F(FailedThreadTest, ItsWorkerDropsTasks) {
-    std::atomic<int> deleted{0};
     worker->assign(new Task(&deleted), true);
     worker->assign(new Task(&deleted), true);
     group.close();
     EXPECT_EQ(deleted, 2);
+    EXPECT_TRUE(worker->release()) << "a reference for the missing thread is left";
 }
 
 class ThreadGroupTest : public ThreadTest {
@@ -331,12 +318,8 @@ TEST_F(ThreadGroupTest, AClosedGroupRunsNothing) {
     EXPECT_TRUE(allThreadsEnd());
     group->spawn(&tasks[2], true);
     EXPECT_EQ(group->getWorker(), nullptr);
-}
-
-TEST_F(ThreadGroupTest, ItsMetricsEndWithTheGroup) {
-    expectMetrics("0", "0");
     group.reset();
-    EXPECT_EQ(metrics(), "");
+    EXPECT_EQ(metrics(), "") << "they end with the group";
 }
 
 // A task that spawns itself again.
