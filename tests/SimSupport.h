@@ -8,9 +8,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,14 +24,14 @@
 using diagsim::Bytes;
 
 #if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TESTS_SANITIZED
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(TESTS_SANITIZED)
-constexpr bool kSanitized = true;
+constexpr bool kThreadSanitized = __has_feature(thread_sanitizer);
+constexpr bool kSanitized = kThreadSanitized || __has_feature(address_sanitizer);
+#elif defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitized = true, kSanitized = true;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr bool kThreadSanitized = false, kSanitized = true;
 #else
-constexpr bool kSanitized = false;
+constexpr bool kThreadSanitized = false, kSanitized = false;
 #endif
 
 constexpr int kPatienceMs = 10000;  // limit of waits that succeed unless the test fails
@@ -129,10 +127,6 @@ class Stopwatch {
   private:
     std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now();
 };
-
-inline long openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 
 // A number of /proc/self/status, such as "Threads:" or "VmRSS:" (kilobytes).
 inline long processStatus(const std::string& key) {

@@ -15,17 +15,10 @@
 #include <thread>
 
 #include "tests/SimSupport.h"
+#include "tests/Support.h"
 
 namespace diagsim {
 namespace {
-
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kThreadSanitized = __has_feature(thread_sanitizer);
-#else
-constexpr bool kThreadSanitized = false;
-#endif
 
 const Bytes kEventReport{0x60, 0};
 
@@ -74,19 +67,23 @@ class BlockedCall {
 class Client : public testing::Test {
   protected:
     void TearDown() override {
-        if (fd_ >= 0) ::close(fd_);
+        if (fd_ >= 0) closeNode();
         Device::instance().unplug();
     }
 
     // Opens a device with this scenario, reads its masks and switches to callback mode.
     void start(const std::string& json) {
         device_.plug(Scenario::parse(json, "test.json"));
+        openNode();
+        ASSERT_EQ(switchMode(6), 1);
+    }
+    void openNode() {
         fd_ = ::open("/dev/diag", O_RDWR);
         ASSERT_GE(fd_, 0);
         for (const int type : {1, 2, 4})
             ASSERT_EQ(readBuffer().at(0), type);
-        ASSERT_EQ(switchMode(6), 1);
     }
+    void closeNode() { EXPECT_EQ(::close(std::exchange(fd_, -1)), 0); }
 
     int switchMode(int mode) const { return ::ioctl(fd_, 7, &mode); }
 
@@ -192,9 +189,7 @@ TEST_F(Client, InterruptedCallsDoNothing) {
     const auto interrupted = [](long result) { return result == -1 && errno == EINTR; };
     EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
     EXPECT_TRUE(interrupted(::open("/dev/diag", O_RDWR)));
-    fd_ = ::open("/dev/diag", O_RDWR);
-    for (const int type : {1, 2, 4})
-        ASSERT_EQ(readBuffer().at(0), type);
+    openNode();
     EXPECT_TRUE(interrupted(switchMode(6)));
     EXPECT_TRUE(interrupted(::ioctl(fd_, 9, 0))) << "each ioctl";
     EXPECT_EQ(switchMode(6), 1);
@@ -228,22 +223,25 @@ TEST_F(Client, LogPacketsFlowFromTheirMaskToADisable) {
     EXPECT_EQ(::poll(&more, 1, 400), 0);
 }
 
-TEST_F(Client, TheAdspHasAClockOfItsOwn) {
-    using std::chrono::nanoseconds;
+class Clock : public Client {
+  protected:
     // The time in a response, and the host's time before and after it: nanoseconds since 1980.
     struct Sample {
         int64_t before, adsp, after;
     };
-    const auto host = [] {
+    static int64_t host() {
         const auto now = std::chrono::system_clock::now().time_since_epoch();
-        return nanoseconds(now).count() - 315964800 * int64_t{1000000000};
-    };
-    const auto sample = [&] {
+        return std::chrono::nanoseconds(now).count() - 315964800 * int64_t{1000000000};
+    }
+    Sample sample() const {
         const int64_t before = host();
         const uint64_t time = wordAt(ask({0x4B, 0x12, 0x2A, 0, 0}), 4, 8);
-        return Sample{before, static_cast<int64_t>((time >> 16) * 1250000 + (time & 0xFFFF) * 25),
-                      host()};
-    };
+        return {before, static_cast<int64_t>((time >> 16) * 1250000 + (time & 0xFFFF) * 25),
+                host()};
+    }
+};
+
+TEST_F(Clock, HasAnOffsetAndADrift) {
     const int64_t plugged = host();
     start(R"({"adsp": {"clock_offset_ms": -7200000, "clock_drift_ppm": 1000000}})");
     const Sample first = sample(), second = sample();
@@ -252,21 +250,20 @@ TEST_F(Client, TheAdspHasAClockOfItsOwn) {
     EXPECT_LE(first.adsp, plugged + offset + most);
     EXPECT_GE(second.adsp - first.adsp, 2 * (second.before - first.after) - 5000);
     EXPECT_LE(second.adsp - first.adsp, 2 * (second.after - first.before) + 5000);
-    ::close(fd_);
+}
+
+TEST_F(Clock, StartsIn1980) {
     start(R"({"adsp": {"clock_offset_ms": -1890000000000}})");
-    EXPECT_EQ(sample().adsp, 0) << "no time is before 1980";
+    EXPECT_EQ(sample().adsp, 0);
 }
 
 TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     start(R"({"adsp": {"collecting": true, "ignore_log_mask": true}})");
-    ::close(fd_);
-    fd_ = ::open("/dev/diag", O_RDWR);
-    for (const int type : {1, 2, 4})
-        EXPECT_EQ(readBuffer().at(0), type);
+    closeNode();
+    openNode();
     EXPECT_EQ(readFrames().at(0).at(0), 0x10) << "a log packet, though no mode was asked for";
     EXPECT_EQ(switchMode(1), 1);
-    ::close(fd_);
-    fd_ = -1;
+    closeNode();
     EXPECT_TRUE(device_.waitForTrace("close => 0 (left in callback mode)", 1, 0));
     EXPECT_FALSE(device_.waitForTrace("close => 0 (left in callback mode)", 2, 0));
 }
@@ -279,8 +276,7 @@ TEST_F(Client, DropsBuffersBeyondTheQueueLimit) {
     for (const int command : {0x60, 0x10, 0x10})
         EXPECT_EQ(readFrames().at(0).at(0), command);
     EXPECT_EQ(ask(kEventReport).at(0), 0x60) << "reading made room; nothing else is queued";
-    ::close(fd_);
-    fd_ = -1;
+    closeNode();
     EXPECT_EQ(device_.trace().back(), "host    close => 0 (left in callback mode, 8 buffers lost)");
 }
 
@@ -335,8 +331,7 @@ TEST_F(Client, CloseDropsUnreadBuffers) {
         "log_count": 20000}}})");
     ASSERT_EQ(send(kEventReport), 0);
     ASSERT_TRUE(device_.waitForTrace("log packet", 50, 10000));
-    EXPECT_EQ(::close(fd_), 0);
-    fd_ = -1;
+    closeNode();
 }
 
 TEST_F(Client, CloseLeavesABlockedReadBlocked) {
@@ -345,11 +340,10 @@ TEST_F(Client, CloseLeavesABlockedReadBlocked) {
     const long descriptors = openDescriptors() - 3;  // the client's, the device's, the wake-up
     char byte;
     BlockedCall reader([&, node = fd_] { return ::read(node, &byte, 1); });
-    ASSERT_EQ(::close(fd_), 0);
+    closeNode();
     start("{}");
     EXPECT_EQ(ask(kEventReport).size(), 3u) << "the next session gets its responses";
-    ASSERT_EQ(::close(fd_), 0);
-    fd_ = -1;
+    closeNode();
     EXPECT_FALSE(reader.ended());
     EXPECT_EQ(reader.interrupt(), EINTR);
     EXPECT_EQ(openDescriptors(), descriptors);
@@ -393,8 +387,7 @@ TEST_F(Client, ABlockedWriteEndsWithAClose) {
     device_.deliverFrame({5});
     BlockedCall closed = blockedSend();
     ASSERT_TRUE(waits());
-    ::close(fd_);
-    fd_ = -1;
+    closeNode();
     EXPECT_EQ(closed.error(), EBADF);
 }
 

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <thread>
@@ -43,6 +45,10 @@ inline void inParallel(int count, const std::function<void(int thread)>& body) {
         threads.emplace_back(body, thread);
     for (std::thread& thread : threads)
         thread.join();
+}
+
+inline long openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
 // "category|description|value" of each registered metric with this instance and name. Collects no

@@ -7,6 +7,7 @@
 #include "log/LogAdapter.h"
 #include "log/Time.h"
 #include "tests/SimSupport.h"
+#include "tests/Support.h"
 
 namespace {
 
