@@ -238,6 +238,10 @@ TEST_F(NodeTest, ANodeMayChangeItsTypeForItsOwnChild) {
     EXPECT_EQ(*node.getKeyAtIndex(0), text);
     node.setString(*node.getKeyAtIndex(0));
     EXPECT_EQ(*node.stringValue(), text);
+    node.reset();
+    EXPECT_EQ(node.getType(), JSONData::kNone);
+    node.setString(text);
+    EXPECT_EQ(*node.stringValue(), text);
 }
 
 TEST_F(NodeTest, ANodeMayBecomeACopyOfItselfAParentOrAChild) {
@@ -247,14 +251,6 @@ TEST_F(NodeTest, ANodeMayBecomeACopyOfItselfAParentOrAChild) {
     EXPECT_EQ(compact(JSOM(&node)), "[" + before + "]");
     node.copy(*node.getByIndex(0));
     EXPECT_EQ(compact(JSOM(&node)), before);
-}
-
-TEST_F(NodeTest, AResetNodeMayBeSetAgain) {
-    node.setString(text);
-    node.reset();
-    EXPECT_EQ(node.getType(), JSONData::kNone);
-    node.setString(text);
-    EXPECT_EQ(*node.stringValue(), text);
 }
 
 // Checks that `code` prints one line and returns the error handle.
@@ -315,16 +311,11 @@ TEST_F(JsonHandleTest, AMissingValueReadsAsTheDefault) {
 class JsonFileTest : public testing::Test {
   protected:
     void TearDown() override {
-        EXPECT_EQ(nextDescriptor(), unused) << "a descriptor is left open";
+        EXPECT_EQ(openDescriptors(), descriptors);
         unlink(path);
     }
-    static int nextDescriptor() {
-        const int next = dup(2);
-        close(next);
-        return next;
-    }
 
-    const int unused = nextDescriptor();
+    const long descriptors = openDescriptors();
     const std::string file = testing::TempDir() + "JsonTest" + std::to_string(getpid());
     const char* const path = file.c_str();
     JSOM list = parsed("[1,2]");
