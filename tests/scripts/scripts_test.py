@@ -185,6 +185,7 @@ class Scripts(unittest.TestCase):
         change("CMakeLists.txt", f"project(tavrik VERSION {version} LANGUAGES CXX\n")
         change("debian/changelog", "tavrik (9.9.9) unstable;\n")
         change("CHANGELOG.md", f"# Changes\n\n## {version}\n\n## 1.0.0\n")
+        change("docs/man/a.1", f".Dt A 1\n.Os tavrik {version}\n")
         change(".gitignore", "/build/\n/.cache/\n/calls\n/tmp.*\n")
         # Stands for a build that depends on its folder.
         change("script/package", package % "pwd")
