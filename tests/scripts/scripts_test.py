@@ -171,7 +171,7 @@ class Scripts(unittest.TestCase):
         package = f"mkdir -p build/packages; %s >build/packages/a_{version}_$1.deb\n"
 
         def change(path, text):
-            (self.tree / path).parent.mkdir(exist_ok=True)
+            (self.tree / path).parent.mkdir(parents=True, exist_ok=True)
             (self.tree / path).write_text(text)
 
         def commit(then="git rev-parse HEAD >.cache/ci-passed"):
