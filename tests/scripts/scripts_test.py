@@ -189,6 +189,7 @@ class Scripts(unittest.TestCase):
         change(".gitignore", "/build/\n/.cache/\n/calls\n/tmp.*\n")
         # Stands for a build that depends on its folder.
         change("script/package", package % "pwd")
+        change("script/test-device", "")
         change(".cache/ci-passed", "")
         self.run_script("script/release 1", 2)
         refused("no git repository")
