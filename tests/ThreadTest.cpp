@@ -136,7 +136,7 @@ TEST_F(XReferenceTest, ClearKeepsTheReferencesOfPendingRemovals) {
 }
 
 TEST_F(XReferenceTest, AVisitSeesTheMembersAtItsStart) {
-    add({b, a});
+    add({a, b});
     for (const std::string all : {"a", "aab", "aabbc"}) {
         set.visit(*this);
         EXPECT_EQ(visited, all);
