@@ -207,7 +207,8 @@ class ConcurrentSetters : public TriggerTest, protected Trigger::Listener {
             for (int i = 0; i < kCount; ++i)
                 trigger->setValue(value(thread, i));
         });
-        EXPECT_EQ(heard().size(), values.size()) << "the first text is the enabling";
+        const size_t notices = heard().size();
+        EXPECT_EQ(notices, values.size()) << "the first text is the enabling";
         const int changes = static_cast<int>(values.size()) - 1;
         EXPECT_EQ(number("Set Count"), 8 * kCount);
         EXPECT_EQ(number("Change Count"), changes);
