@@ -66,7 +66,7 @@ class TriggerTest : public testing::Test {
     }
     // Waits until the queue is empty; returns what the listener has recorded since the last call.
     Texts heard() {
-        EXPECT_TRUE(eventually([&] { return number("Queue Size") == 0; }));
+        EXPECT_TRUE(eventually([] { return number("Queue Size") == 0; })) << number("Queue Size");
         return notes.take();
     }
 
@@ -144,10 +144,11 @@ TEST_F(TriggerTest, TheNotifierAppliesUnsubscriptions) {
     trigger->subscribe(leaving);
     holdAt(1);
     trigger->unsubscribe(leaving);
-    trigger->setValue(2);
     listener->open.set_value();
     heard();
     EXPECT_THAT(left.take(), testing::ElementsAre(testing::_, "Default Worker: 0 to 1", "gone"));
+    trigger->setValue(2);
+    heard();
     EXPECT_EQ(trigger->getChangeCount(), 2) << "unsubscribing is no change";
     trigger.reset();
     EXPECT_THAT(stayed.take(), testing::ElementsAre(testing::_, "Default Worker: 0 to 1",
