@@ -36,6 +36,10 @@ bool add(ADSPPM::Listener& listener, int id, unsigned period = 100000) {
 
 class Adsppm : public SimTest {
   protected:
+    void TearDown() override {
+        if (device().isOpen()) EXPECT_TRUE(adsppm().stopMetricCollection());
+        SimTest::TearDown();
+    }
     // Starts and stops; returns the slots and the period of the start request in hexadecimal.
     std::string startRequest() {
         const size_t before = lines("host    start request").size();
@@ -108,7 +112,7 @@ TEST_F(Adsppm, StartRequestsTheRegisteredEvents) {
 TEST_F(Adsppm, UnregisteringFreesSlotsAndRaisesThePeriod) {
     Inbox a, b;
     for (const auto& [id, period] : {std::pair(5, 100u), {7, 300u}, {-7, 60u}})
-        EXPECT_TRUE(add(a, id, period));
+        EXPECT_TRUE(add(a, id, period)) << id;
     EXPECT_TRUE(add(b, 1, 200));
     EXPECT_TRUE(add(b, 5, 50));
     EXPECT_TRUE(adsppm().unregisterListener(&a, 7));
@@ -135,7 +139,7 @@ TEST_F(Adsppm, SomeSlotsAreNeverFreed) {
 TEST_F(Adsppm, AFifthEventIsRefusedWithAMessage) {
     CallingAdapter adapter;
     for (int id = 1; id <= 4; ++id)
-        EXPECT_TRUE(add(inbox, id));
+        EXPECT_TRUE(add(inbox, id)) << id;
     const std::string text =
         "Cannot add event EVENT to ADSP PMU, the event limit has been reached.";
     tavrik::Logger::setLogAdapter(&adapter);
@@ -220,7 +224,7 @@ TEST_F(Adsppm, TimeStampsBecomeHostTime) {
 TEST_F(Adsppm, PacketsBecomeValues) {
     Inbox second;
     for (int id : {0, 3, 4, -1, -2, -3, -4, -5, -6, -7})
-        ASSERT_TRUE(add(inbox, id));
+        ASSERT_TRUE(add(inbox, id)) << id;
     ASSERT_TRUE(add(second, 3, 50000));
     ASSERT_TRUE(adsppm().startMetricCollection());
     receive(1000 * kMillisecond, 0);
@@ -238,7 +242,6 @@ TEST_F(Adsppm, PacketsBecomeValues) {
         EXPECT_EQ(values[i].time, values[0].time);
     }
     EXPECT_EQ(second.take().size(), 1u);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 TEST_F(Adsppm, TheFirstPacketOfEachCollectionPrimesTheDecoder) {
@@ -277,7 +280,6 @@ TEST_F(Adsppm, AStartResponseCountsBeforeItsWriteReturns) {
     EXPECT_TRUE(inbox.take().empty()) << "packets before the end of the start prime the decoder";
     deliverPackets(1);
     EXPECT_EQ(inbox.waitFor(1).size(), 1u);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 // A start during a stop waits until the stop has cleared the log mask; then values arrive.
@@ -293,7 +295,6 @@ TEST_F(Adsppm, AStartWaitsForARunningStop) {
     stopper.join();
     deliverPackets(2);
     EXPECT_EQ(inbox.waitFor(2).size(), 2u);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 TEST_F(Adsppm, ARegistrationWaitsForARunningStart) {
@@ -325,7 +326,6 @@ TEST_F(Adsppm, TheLoopbackResponseSetsTheTimeShift) {
     const std::vector<Value> values = inbox.waitFor(1);
     ASSERT_FALSE(values.empty());
     EXPECT_NEAR(values[0].time, static_cast<double>(time(nullptr)), 2);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 // A second subscriber of the run level. It hears of a change after ADSPPM has handled the one
@@ -368,7 +368,6 @@ TEST_F(RunLevel, AChangeRestartsWithNewRegistrations) {
     ASSERT_TRUE(add(inbox, -1, 50));  // takes no slot, changes the period
     change();
     EXPECT_EQ(starts(), 3u);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
 
 TEST_F(RunLevel, AChangeStartsAnIdleAdspIfRegistrationsAreNew) {
@@ -379,5 +378,4 @@ TEST_F(RunLevel, AChangeStartsAnIdleAdspIfRegistrationsAreNew) {
     change();
     EXPECT_EQ(starts(), 2u);
     EXPECT_EQ(lines("host    stop request").size(), 1u);
-    EXPECT_TRUE(adsppm().stopMetricCollection());
 }
