@@ -383,7 +383,7 @@ TEST_F(DiagLsm, TheMemoryDeviceAlternatesItsPools) {
     for (int i = 0; i < 10; ++i)
         device().deliver(kBuffer);
     for (int pool : {1, 0, 1})
-        EXPECT_EQ(takePool(pool), 3 * kPayload);
+        EXPECT_EQ(takePool(pool), 3 * kPayload) << pool;
     memory_device_set_write_in_progress(1);
     memory_device_set_flush(1);  // the reader hands over buffers until DeInit
     device().deliver(kBuffer);   // wakes the reader, which drops this payload

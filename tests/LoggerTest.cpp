@@ -251,7 +251,8 @@ TEST(LoggerTest, ConfigurationIgnoresUnknownLevels) {
     Logger::loadConfig("/none");
     configure(R"({"level": "OFF", ])");
     const std::regex failures("JS.*: .*\nCould not load file `/none'.\nJS.*: .*\nCould not .*'.\n");
-    EXPECT_TRUE(std::regex_match(testing::internal::GetCapturedStderr(), failures));
+    const std::string printed = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(std::regex_match(printed, failures)) << printed;
     EXPECT_EQ(Logger::getMasterLogLevel()->getName(), "WARN");
     EXPECT_EQ(Logger::getLogger("c")->getLevel().getName(), "FATAL");     // the first comes last
     EXPECT_EQ(Logger::getLogger("none")->getLevel().getName(), "TRACE");  // made only now

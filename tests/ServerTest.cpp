@@ -112,11 +112,11 @@ void postFromAllThreads() {
     for (; const error_message_t* const message = SystemErrorMessages::nextMessage(); ++left) {
         EXPECT_EQ(message->text, textOf(message->code));
         const int before = std::exchange(last[message->code / kMessagesPerThread], message->code);
-        EXPECT_TRUE(before == 0 || message->code == before + 1);
+        EXPECT_TRUE(before == 0 || message->code == before + 1) << message->code;
     }
     EXPECT_EQ(left, 100);
     for (const int code : last)
-        EXPECT_TRUE(code == 0 || code % kMessagesPerThread == kMessagesPerThread - 1);
+        EXPECT_TRUE(code == 0 || code % kMessagesPerThread == kMessagesPerThread - 1) << code;
 }
 
 TEST(SystemErrorMessagesTest, KeepsTheNewestHundred) {
@@ -169,7 +169,8 @@ TEST(SystemErrorMessagesTest, PublishesEachMessageOfAllThreadsOnce) {
         SystemErrorMessages::lockMessages(), SystemErrorMessages::unlockMessages();
         if (code == 5) std::thread(SystemErrorMessages::hasMessages).join();
         EXPECT_EQ(textsOf(buffer), textOf(code));
-        EXPECT_TRUE(begin <= entry.timestamp && entry.timestamp <= getNow() && entry.value == 0);
+        EXPECT_TRUE(begin <= entry.timestamp && entry.timestamp <= getNow()) << entry.timestamp;
+        EXPECT_EQ(entry.value, 0);
         --depth;
     };
     ChannelStore::addFactory("basic", channel);

@@ -135,7 +135,7 @@ TEST_F(Client, RefusesWritesThatTheDriverRefuses) {
     for (const auto& [data, type] : refused) {
         errno = 0;
         EXPECT_EQ(send(data, type), -1) << hexDump(data);
-        EXPECT_EQ(errno, EINVAL);
+        EXPECT_EQ(errno, EINVAL) << hexDump(data);
     }
     EXPECT_EQ(::write(fd_, "abc", 3), -1);
     EXPECT_EQ(send({0xFE, 0xFF, 0xFF, 0xFF, 0x60, 0}), 0) << "a processor in the mask";
@@ -284,7 +284,7 @@ TEST_F(Client, OtherFilesOpenAsUsual) {
     const std::string name = testing::TempDir() + "SimTest" + std::to_string(getpid());
     fd_ = ::open(name.c_str(), O_CREAT | O_RDWR, 0400);
     struct stat file {};
-    EXPECT_TRUE(::fstat(fd_, &file) == 0 && ::unlink(name.c_str()) == 0);
+    EXPECT_TRUE(::fstat(fd_, &file) == 0 && ::unlink(name.c_str()) == 0) << errno;
     EXPECT_EQ(file.st_mode & 0777, 0400u);
 }
 
@@ -369,7 +369,7 @@ TEST_F(Client, ABlockedWriteCanBeInterrupted) {
     ASSERT_TRUE(waits());
     EXPECT_EQ(interrupted.interrupt(), EINTR);
     fcntl(fd_, F_SETFL, O_NONBLOCK);
-    EXPECT_TRUE(send(kEventReport) == -1 && errno == EAGAIN);
+    EXPECT_TRUE(send(kEventReport) == -1 && errno == EAGAIN) << errno;
     fcntl(fd_, F_SETFL, 0);
     EXPECT_EQ(readFrames().at(0), Bytes{3});
 }
