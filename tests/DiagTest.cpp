@@ -59,6 +59,11 @@ class Session : public SimTest {
         if (device().isOpen()) diag->unregisterLogListener(0xFFFF, &log);
         SimTest::TearDown();
     }
+    // Connects, and disconnects as idle.
+    void cycle(unsigned short logCode = kLogCode) {
+        ASSERT_TRUE(diag->registerLogListener(logCode, &log));
+        ASSERT_TRUE(diag->unregisterLogListener(logCode, &log));
+    }
 
     DIAG* const diag = DIAG::instance();
     Log log;
@@ -149,8 +154,7 @@ TEST_F(Session, AWriteMayBlockUntilTheReaderReads) {
 
 TEST_F(Session, InterruptedCallsAreRepeated) {
     plug(R"({"open": {"eintr": 2}, "write": {"eintr": 3}, "ioctl": {"eintr": 2}})");
-    ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
-    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
+    cycle();
     EXPECT_EQ(lines("EINTR").size(), 2u + 3u + 3u * 2u) << "of ioctls 7, 1 and 9";
     EXPECT_TRUE(lines("by value").empty()) << "an interruption is no refusal of the form";
     EXPECT_TRUE(lines("left in callback mode").empty());
@@ -292,15 +296,13 @@ TEST_F(Session, MaskBitsStayWithinTheRange) {
     EXPECT_EQ(registered("65536", 0x1FFF), "");
     EXPECT_EQ(lines("host    log mask request").size(), 1u) << "an equipment id's last code";
     plug(R"({"ranges": {"15": 4096}})");
-    EXPECT_TRUE(diag->registerLogListener(0xFFFF, &log));
-    EXPECT_TRUE(diag->unregisterLogListener(0xFFFF, &log));
+    cycle(0xFFFF);
     EXPECT_EQ(registered("8", 0x1008), "") << "the first item beyond the mask";
     EXPECT_EQ(lines("host    log mask clear request").size(), 2u) << "no bit is set";
 }
 
 TEST_F(Session, AFailedConnectionIsFinalAndForgetsListeners) {
-    ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
-    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &log));
+    cycle();
     plug(R"({"requests": {"log_ranges": {"short": 73}}})");
     expectOnce("[DIAG]: ERROR loggingCfgRetrieveRangesReq response timeout\n",
                [&] { EXPECT_FALSE(send(answer)); });
@@ -350,17 +352,15 @@ TEST_F(Session, MaskRequestsTakeTurns) {
 TEST_F(Session, TenThousandCyclesLeakNothing) {
     const int cycles = memoryIsOurs() ? 10000 : 500;
     device().keepTrace(false);
-    const auto cycle = [&](int count) {
-        for (int i = 0; i < count; ++i) {
-            ASSERT_TRUE(diag->registerLogListener(kLogCode, &log));
-            ASSERT_TRUE(diag->unregisterLogListener(kLogCode, &log));
-        }
+    const auto repeat = [this](int count) {
+        for (int i = 0; i < count && !HasFatalFailure(); ++i)
+            cycle();
     };
-    cycle(10);
+    repeat(10);
     const long descriptors = openDescriptors();
     const long threads = runningThreads();
     const long resident = processStatus("VmRSS:");
-    cycle(cycles - 10);
+    repeat(cycles - 10);
     EXPECT_EQ(openDescriptors(), descriptors);
     // A thread that was joined just before the first count may be in it.
     EXPECT_TRUE(eventually([=] { return runningThreads() <= threads; })) << runningThreads();
