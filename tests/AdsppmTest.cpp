@@ -37,7 +37,9 @@ bool add(ADSPPM::Listener& listener, int id, unsigned period = 100000) {
 class Adsppm : public SimTest {
   protected:
     void TearDown() override {
-        if (device().isOpen()) EXPECT_TRUE(adsppm().stopMetricCollection());
+        if (device().isOpen()) {
+            EXPECT_TRUE(adsppm().stopMetricCollection());
+        }
         SimTest::TearDown();
     }
     // Starts and stops; returns the slots and the period of the start request in hexadecimal.

@@ -224,6 +224,25 @@ TEST_F(NodeTest, AChildMayHaveManyParents) {
     EXPECT_EQ(*node.getByIndex(0)->stringValue(), text);
 }
 
+TEST_F(NodeTest, ManyMembersAreFoundByTheirKeys) {
+    const auto found = [&](int key) {
+        const JSONData* const value = other.getByKey(std::to_string(key));
+        return value != nullptr ? value->longValue() : -1;
+    };
+    std::string members = "{";
+    for (int i = 0; i < 300; ++i)
+        members += '"' + std::to_string(i % 200) + "\":" + std::to_string(i) + ',';
+    ASSERT_TRUE(other.setFromJsonStlString(members + '}'));
+    for (int key = 0; key < 200; ++key)
+        EXPECT_EQ(found(key), key < 100 ? key + 200 : key) << "the last of two";
+    other.erase("99");
+    EXPECT_EQ(found(99), 99) << "the one that is left";
+    EXPECT_EQ(found(100), 100);
+    EXPECT_EQ(found(200), -1);
+    other.setByKey("200", other.getByKey("1"));
+    EXPECT_EQ(found(200), 201);
+}
+
 TEST_F(NodeTest, AnIndexBeyondTheEndIsPrinted) {
     StderrCapture printed;
     node.setByIndex(2, child);

@@ -180,6 +180,7 @@ TEST_F(TriggerTest, MetricsCountChangesUntilTheTriggerIsDeleted) {
         {"Set Count", "Trigger|the number of times the trigger has been set.|5"},
         {"Change Count", "Trigger|the number of times the trigger has been changed.|4"},
         {"Subscriber Count", "Trigger|the number of subscribers for trigger events.|1"}};
+    MetricRegistry::Instance()->addMetric(nullptr);
     for (const auto& each : expected)
         EXPECT_EQ(metric("tested", each.first), each.second);
     trigger.reset();

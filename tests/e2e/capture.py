@@ -151,7 +151,8 @@ class Captures(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             kept = os.path.join(folder, "kept")
             done = diagtap("run", "-o", kept, "--", "sh", "-c", "echo $TAVRIK_CAPTURE; exit 3")
-            self.assertEqual((done.returncode, done.stdout), (3, kept + "\n"))
+            self.assertEqual((done.returncode, done.stdout, done.stderr),
+                             (3, kept + "\n", "diagtap: sh made no call on the node, or no capture\n"))
             self.assertEqual(diagtap("run", "--", "sh", "-c", "kill -9 $$").returncode, 137)
             for program, status, reason in ((folder + "/missing", 127, "No such file or directory"),
                                             (folder, 126, "Permission denied")):
