@@ -1,7 +1,6 @@
 // Cutting of framed data, without a session.
 #include "diag/FrameCutter.h"
 
-#include <chrono>
 #include <random>
 
 #include "tests/SimSupport.h"
@@ -43,21 +42,6 @@ Bytes randomPayload(std::mt19937& random) {
     return payload;
 }
 
-// The least time to cut a frame of escapes.
-std::chrono::steady_clock::duration fastest(size_t size) {
-    auto best = std::chrono::steady_clock::duration::max();
-    for (int i = 0; i < 20; ++i) {
-        Bytes data(size, 0x7D);
-        data.back() = 0x7E;
-        const auto begin = std::chrono::steady_clock::now();
-        FrameCutter cutter(data.data(), static_cast<int>(size));
-        Frame frame{};
-        EXPECT_TRUE(cutter.next(frame));
-        best = std::min(best, std::chrono::steady_clock::now() - begin);
-    }
-    return best;
-}
-
 TEST(FrameCutterTest, FlagsEndFrames) {
     expectEach({{{}, {}, 0},
                 {{0x7E}, {{0x7E}}, 0},
@@ -86,10 +70,6 @@ TEST(FrameCutterTest, RestoresWhatTheTargetFrames) {
         }
         expectEach({each});
     }
-}
-
-TEST(FrameCutterTest, TakesLinearTimeWithEscapes) {
-    EXPECT_LT(fastest(160001).count(), 24 * fastest(20001).count()) << "eight times the size";
 }
 
 }  // namespace

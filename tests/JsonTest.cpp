@@ -122,19 +122,6 @@ TEST(JsonTest, ADocumentIsReadToItsEndAndNoFurther) {
         EXPECT_THAT(read(kDocument.substr(0, size)), testing::HasSubstr("!")) << size;
 }
 
-TEST(JsonTest, BothParsersAgreeOnAnyText) {
-    std::mt19937 random(4);
-    for (int i = 0; i < 100000 && !testing::Test::HasFailure(); ++i) {
-        std::string text(random() % 3, '[');
-        for (size_t pieces = random() % 10; pieces > 0; --pieces) {
-            text.append(random() % 8 == 0, static_cast<char>(random()));
-            text.append(random() % 2, "{}[]:,\"\\/*\n 0123-+.eu\xFF"[random() % 23]);
-            text.append(kDocument, random() % kDocument.size(), random() % 2 * (random() % 16));
-        }
-        read(text);
-    }
-}
-
 using Json = nlohmann::ordered_json;
 
 size_t below(std::mt19937_64& random, size_t limit) {
