@@ -326,14 +326,6 @@ TEST_F(Client, ResponsesMaySplitOrShareABuffer) {
     EXPECT_EQ(readFrames().at(0), (Bytes{0x60, 0, 0}));
 }
 
-TEST_F(Client, CloseDropsUnreadBuffers) {
-    start(R"({"unsolicited": {"period_us": 1}, "requests": {"any": {"log_in_front": "own_buffer",
-        "log_count": 20000}}})");
-    ASSERT_EQ(send(kEventReport), 0);
-    ASSERT_TRUE(device_.waitForTrace("log packet", 50, 10000));
-    closeNode();
-}
-
 TEST_F(Client, CloseLeavesABlockedReadBlocked) {
     if (kThreadSanitized) GTEST_SKIP() << "it reports a close during another thread's read";
     start("{}");
