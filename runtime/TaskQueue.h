@@ -162,8 +162,8 @@ class TaskQueue : public Runnable {
         }
     }
 
-    // Producers and the drain change their own fields, which lie at least this far apart, so that no
-    // processor takes the other's cache line away with each entry.
+    // Producers and the drain change their own fields, which lie at least this far apart, so that
+    // no processor takes the other's cache line away with each entry.
     static constexpr size_t kCacheLine = 64;
 
     // Changed under the lock, read anywhere.
