@@ -27,7 +27,7 @@ struct JSONData::Token {
         Table all{};
         for (Token& token : all)
             token.type = kLong;
-        for (int digit = '0'; digit <= '9'; ++digit)
+        for (size_t digit = '0'; digit <= '9'; ++digit)
             all[digit].known = true;
         all['-'] = all['+'] = {kLong, false, false, false, true};
         all['"'] = {kString, false, false, false, true};
