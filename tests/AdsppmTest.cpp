@@ -131,11 +131,12 @@ TEST_F(Adsppm, UnregisteringFreesSlotsAndRaisesThePeriod) {
 
 TEST_F(Adsppm, SlotsOfLargeIdsAndWithoutAPeriodStay) {
     EXPECT_TRUE(add(inbox, -1, 200));
-    EXPECT_TRUE(add(inbox, 0x103)) << "takes slot 3";
+    EXPECT_TRUE(add(inbox, 0x103)) << "its slot has the 3";
+    for (const int id : {11, 12, 13})
+        EXPECT_TRUE(add(inbox, id, 0xFFFFFFFF)) << "without a period";
     EXPECT_TRUE(adsppm().unregisterListener(&inbox, 0x103));
-    EXPECT_TRUE(add(inbox, 11, 0xFFFFFFFF)) << "without a period";
     EXPECT_TRUE(adsppm().unregisterListener(&inbox, 11));
-    EXPECT_EQ(startRequest(), "03 0B 00 00 C8 00 00 00");
+    EXPECT_EQ(startRequest(), "03 0B 0C 0D C8 00 00 00");
 }
 
 TEST_F(Adsppm, AFifthEventIsRefusedWithAMessage) {

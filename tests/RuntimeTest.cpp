@@ -190,7 +190,10 @@ TEST_F(RuntimeTest, PublicWaitsRetakeTheLock) {
 }
 
 TEST_F(RuntimeTest, ANotificationEndsATimedWait) {
-    startBlockedReader([&] { rw.readerWait(1000000); });
+    startBlockedReader([&] {
+        rw.readerWait(1000000);
+        EXPECT_GE(timed([&] { rw.readerWait(30); }), 29) << "it ends one wait";
+    });
     rw.notify();
     join();
 }

@@ -309,7 +309,8 @@ TEST_F(Client, ResponsesMaySplitOrShareABuffer) {
         {"on": [1], "remote_in_front": "7E", "remote_behind": "01"},
         {"on": [2], "split": "chunks", "split_at": 2},
         {"on": [3], "split": "buffers"},
-        {"on": [4], "write_result": -1, "write_taken": true}]}})");
+        {"on": [4], "log_behind": "same_chunk"},
+        {"on": [5], "write_result": -1, "write_taken": true}]}})");
     const Bytes answer = frame({0x60, 0, 0}), half(answer.begin(), answer.begin() + 3);
     const auto chunk = [](const Bytes& data, size_t from = 0) {
         return Chunk{Bytes(data.begin() + static_cast<long>(from), data.end()), {}, {}};
@@ -322,6 +323,8 @@ TEST_F(Client, ResponsesMaySplitOrShareABuffer) {
     EXPECT_EQ(readBuffer(), chunkBuffer({chunk({0x60, 0}), chunk(answer, 2)}));
     EXPECT_EQ(readBuffer(), chunkBuffer({chunk(half)}));
     EXPECT_EQ(readBuffer(), chunkBuffer({chunk(answer, 3)}));
+    ASSERT_EQ(send(kEventReport), 0);
+    EXPECT_EQ(readBuffer().at(4), 1) << "the number of chunks";
     EXPECT_EQ(send(kEventReport), -1);
     EXPECT_EQ(readFrames().at(0), (Bytes{0x60, 0, 0}));
 }
