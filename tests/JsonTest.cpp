@@ -211,6 +211,12 @@ TEST_F(NodeTest, AChildMayHaveManyParents) {
     EXPECT_EQ(*node.getByIndex(0)->stringValue(), text);
 }
 
+TEST_F(NodeTest, AResetLeavesNothingOfTheValue) {
+    other.setLong(-1);
+    other.reset();
+    EXPECT_FALSE(other.booleanValue());
+}
+
 TEST_F(NodeTest, ManyMembersAreFoundByTheirKeys) {
     const auto found = [&](int key) {
         const JSONData* const value = other.getByKey(std::to_string(key));
