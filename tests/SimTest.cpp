@@ -202,13 +202,15 @@ TEST_F(Client, MalformedRequestsGetTheErrorResponse) {
     Bytes wrongCount = logMask(0x20);
     wrongCount[12] ^= 1;
     for (Bytes request :
-         {Bytes{1}, Bytes{0x60, 0, 0}, wrongCount, Bytes{0x73}, Bytes{0x73, 0, 0, 0, 9, 0, 0, 0}}) {
+         {Bytes{1}, Bytes{0x60, 0, 0}, wrongCount, Bytes{0x73}, Bytes{0x73, 0, 0, 0, 9, 0, 0, 0},
+          Bytes{0x4B, 0x0C, 5, 4}, Bytes{0x4B, 0x0D, 4, 4}, Bytes{0x4B, 0x12, 0x2B, 0}}) {
         const Bytes answer = ask(request);
         request.resize(std::min<size_t>(16, request.size()));
         request.insert(request.begin(), 19);
         EXPECT_EQ(answer, request);
     }
     EXPECT_TRUE(device_.waitForTrace("unknown command", 1, 0));
+    EXPECT_TRUE(device_.waitForTrace("unknown subsystem", 3, 0));
     EXPECT_FALSE(device_.waitForTrace("shorter than its header", 2, 0));
 }
 
