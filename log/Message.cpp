@@ -13,15 +13,20 @@ namespace {
 // most of it for getting ready for all the others.
 class SimpleFormat {
   public:
-    SimpleFormat(char* to, size_t size) : at(to), end(to + size - 1) {}
+    SimpleFormat(char* to, size_t size, va_list arguments) : at(to), end(to + size - 1) {
+        va_copy(args, arguments);
+    }
+    ~SimpleFormat() { va_end(args); }
+    SimpleFormat(const SimpleFormat&) = delete;
+    SimpleFormat& operator=(const SimpleFormat&) = delete;
 
     // False if the format has something else in it; then `to` holds anything.
-    bool write(const char* format, va_list args) {
+    bool write(const char* format) {
         for (;;) {
             const char* const percent = strchrnul(format, '%');
             append({format, static_cast<size_t>(percent - format)});
             if (*percent == '\0') break;
-            if (!convert(percent[1], args)) return false;
+            if (!convert(percent[1])) return false;
             format = percent + 2;
         }
         *at = '\0';
@@ -29,7 +34,7 @@ class SimpleFormat {
     }
 
   private:
-    bool convert(char conversion, va_list args) {
+    bool convert(char conversion) {
         switch (conversion) {
             case 's':
                 return text(va_arg(args, const char*));
@@ -64,16 +69,13 @@ class SimpleFormat {
 
     char* at;
     char* const end;
+    va_list args;
 };
 
 }  // namespace
 
 void formatMessage(char* to, size_t size, const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    const bool simple = SimpleFormat(to, size).write(format, copy);
-    va_end(copy);
-    if (simple) return;
+    if (SimpleFormat(to, size, args).write(format)) return;
     to[0] = '\0';
     vsnprintf(to, size, format, args);
 }
