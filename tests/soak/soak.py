@@ -210,14 +210,19 @@ class Cycles:
                         "remote_mask": self.chance.choice([0, 7])})
             elapsed = time.monotonic() - begin
             if elapsed >= len(self.samples):
-                # A joined thread may stay listed for a moment.
-                used = min((usage(self.process.pid) for _ in range(5)), key=lambda one: one.threads)
-                self.samples.append((elapsed, used))
+                self.samples.append((elapsed, self.usage_at_rest()))
         try:
             self.process.communicate(timeout=GRACE)
         except subprocess.TimeoutExpired:
             self.process.kill()
         self.failed = self.failed or self.process.wait() != 0
+
+    def usage_at_rest(self):
+        """The usage between two cycles: a thread that was joined stays listed for a moment, a leaked one for good."""
+        end = time.monotonic() + 1
+        while (used := usage(self.process.pid)).threads > 1 and time.monotonic() < end:
+            time.sleep(0.001)
+        return used
 
     def cycle(self, scenario):
         with contextlib.suppress(BrokenPipeError):  # the missing answer is the failure
