@@ -13,6 +13,13 @@ foreach(folder ${tavrik_folders})
     string(REGEX REPLACE "#include \"([^\"]+)\"" "#include <tavrik/\\1>" text "${text}")
     file(CONFIGURE OUTPUT ${tavrik_include_dir}/tavrik/${header} CONTENT "${text}" @ONLY)
   endforeach()
+  # A header that is no longer public would still be installed from here.
+  file(GLOB made RELATIVE ${tavrik_include_dir}/tavrik ${tavrik_include_dir}/tavrik/${folder}/*.h)
+  foreach(header ${made})
+    if(NOT header IN_LIST headers)
+      file(REMOVE ${tavrik_include_dir}/tavrik/${header})
+    endif()
+  endforeach()
 endforeach()
 
 target_include_directories(tavrik INTERFACE

@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "log/LogAdapter.h"
-#include "log/Message.h"
+#include "log/src/Message.h"
 #include "runtime/Lock.h"
 
 namespace tavrik {

@@ -1,9 +1,10 @@
-#include "log/Message.h"
+#include "log/src/Message.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace tavrik {

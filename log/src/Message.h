@@ -1,4 +1,4 @@
-// How a log message is made from a printf format.
+// How a log message is made from a printf format; for the .cpp files of this folder.
 #pragma once
 
 #include <cstdarg>
