@@ -27,6 +27,7 @@ void storeAnswer(unsigned long request, void* argument, const Bytes& data) {
         std::memcpy(argument, behind(sizeof(int)), sizeof(int));
     if (request != kDelayedResponseId || data.size() <= kDelayed) return;
     const auto record = readFrom<DelayedResponseRecord>(argument);
+    if (record.id == nullptr || record.count == nullptr) return;
     std::memcpy(record.id, behind(kDelayed), sizeof(DelayedResponseNumber));
     std::memcpy(record.count, behind(sizeof(uint32_t)), sizeof(uint32_t));
 }

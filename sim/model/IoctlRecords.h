@@ -57,10 +57,12 @@ Bytes bytesOf(const T& value) {
     return bytes;
 }
 
-// What the client hands to the ioctls that tell the driver something; of the others nothing.
+// What the client hands to the ioctls that tell the driver something, as in a capture: the bytes of
+// its record, or the mode in eight bytes. Of other ioctls, and of null, nothing.
 Bytes recordOf(unsigned long request, void* argument);
 
-// Stores what the driver wrote in a recorded ioctl, which stands behind the client's own record.
+// Stores what the driver wrote in a recorded ioctl, which stands behind the client's own record in
+// `data`. Nothing where the data is too short or the client has no place for it.
 void storeAnswer(unsigned long request, void* argument, const Bytes& data);
 
 }  // namespace diagsim
