@@ -1,6 +1,7 @@
 // Cutting of framed data, without a session.
 #include "diag/FrameCutter.h"
 
+#include <chrono>
 #include <random>
 
 #include "tests/SimSupport.h"
@@ -70,6 +71,22 @@ TEST(FrameCutterTest, RestoresWhatTheTargetFrames) {
         }
         expectEach({each});
     }
+}
+
+TEST(FrameCutterTest, TakesLinearTimeWithEscapes) {
+    using Clock = std::chrono::steady_clock;
+    const auto fastest = [](size_t size) {
+        Bytes data(size, 0x7D);
+        data.back() = 0x7E;
+        auto best = Clock::duration::max();
+        for (int i = 0, rest = 0; i < 20; ++i) {
+            const auto begin = Clock::now();
+            EXPECT_EQ(cut(data, rest).size(), 1u);
+            best = std::min(best, Clock::now() - begin);
+        }
+        return best.count();
+    };
+    EXPECT_LT(fastest(160001), 24 * fastest(20001)) << "eight times the size";
 }
 
 }  // namespace
