@@ -16,7 +16,7 @@ import subprocess
 import sys
 import tempfile
 
-from e2e.preload import preload
+from e2e.preload import preload, simulated
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 with open(os.path.join(HERE, "scenarios.json")) as file:
@@ -49,9 +49,7 @@ def on_host(case, checker, preloaded):
     with tempfile.TemporaryDirectory() as folder:
         paths = {name: os.path.join(folder, name) for name in ("scenario", "trace")}
         write_json(paths["scenario"], case["device"])
-        environment = dict(os.environ, LD_PRELOAD=library, DIAGSIM_TRACE=paths["trace"],
-                           DIAGSIM_SCENARIO=paths["scenario"])
-        run = subprocess.run([checker], env=environment, cwd=home, stdin=subprocess.DEVNULL, text=True,
+        run = subprocess.run([checker], env=simulated(library, paths["scenario"], paths["trace"]), cwd=home, stdin=subprocess.DEVNULL, text=True,
                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
         outcome.status = run.returncode
         for line in run.stdout.splitlines():

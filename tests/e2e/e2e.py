@@ -9,7 +9,6 @@ command that runs a checker of another machine: qemu-arm and its options, separa
 import concurrent.futures
 import os
 import re
-import statistics
 import subprocess
 import sys
 import tempfile
@@ -18,7 +17,7 @@ import time
 import unittest
 
 from expected import FAILED_INIT, HERE, PAUSE, REQUESTS, Outcome, driver_cases, fault_cases, scenario_file
-from preload import preload
+from preload import preload, simulated
 
 CHECKER = os.path.abspath(sys.argv[1])
 MARGIN = int(os.environ.get("E2E_MARGIN_MS", "100"))
@@ -33,18 +32,12 @@ class Run(Outcome):
     def __init__(self, scenario=None, preload=True, program=CHECKER):
         with tempfile.TemporaryDirectory() as folder:
             trace = os.path.join(folder, "trace")
-            environment = {key: value for key, value in os.environ.items()
-                           if not key.startswith("DIAGSIM")}
-            # A failed connection leaves the reader running on purpose.
-            environment["TSAN_OPTIONS"] = "report_thread_leaks=0"
+            environment = simulated(PRELOAD, scenario_file(scenario or {}, folder), trace)
             command = [*EMULATOR, program]
-            if preload:
-                environment["DIAGSIM_TRACE"] = trace
-                environment["DIAGSIM_SCENARIO"] = scenario_file(scenario or {}, folder)
-                if EMULATOR:  # preload into the checker, not into the emulator
-                    command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, program]
-                else:
-                    environment["LD_PRELOAD"] = PRELOAD
+            if not preload or EMULATOR:
+                environment.pop("LD_PRELOAD")
+            if preload and EMULATOR:  # into the checker, not into the emulator
+                command[-1:] = ["-E", "LD_PRELOAD=" + PRELOAD, program]
             begin = time.monotonic()
             done = subprocess.run(command, env=environment, cwd=FOLDER, timeout=30,
                                   stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -177,8 +170,7 @@ class Checker(unittest.TestCase):
                 return
         if share_of_a_processor() < 0.8:
             self.skipTest("the machine is too busy to measure milliseconds")
-        self.fail(f"{min(beyond):.1f} to {max(beyond):.1f} ms beyond the pause, "
-                  f"median {statistics.median(beyond):.1f}")
+        self.fail(f"milliseconds beyond the pause: {sorted(beyond)}")
 
     @unittest.skipIf(SLOW and not EMULATOR, "sanitizers bring their own libraries")
     def test_links_nothing_but_the_standard_libraries(self):

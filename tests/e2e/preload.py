@@ -29,6 +29,14 @@ def preload(program, library, emulator=()):
     sys.exit(f"{program} was not started: its loader leaves out {library}")
 
 
+def simulated(library, scenario, trace, **more):
+    """The environment that puts the device before a program; what is set here for a device of its own is left out."""
+    others = {key: value for key, value in os.environ.items() if not key.startswith("DIAGSIM")}
+    # A failed connection leaves the reader running on purpose.
+    return {**others, "LD_PRELOAD": library, "DIAGSIM_SCENARIO": scenario, "DIAGSIM_TRACE": trace,
+            "TSAN_OPTIONS": "report_thread_leaks=0", **more}
+
+
 def output_of(command, **options):
     return subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
                           check=False, **options).stdout

@@ -3,7 +3,6 @@
 
 usage: surroundings.py CHECKER LIBDIAGSIM [unittest arguments]
 """
-import json
 import os
 import resource
 import shutil
@@ -11,6 +10,9 @@ import subprocess
 import sys
 import tempfile
 import unittest
+
+from expected import scenario_file
+from preload import simulated
 
 CHECKER = os.path.abspath(sys.argv[1])
 REFUSED = {"requests": {"loopback": {"refuse": True}}}  # one line is printed, and the run passes
@@ -27,11 +29,7 @@ class Surroundings(unittest.TestCase):
         self.trace = os.path.join(self.folder, "trace")
 
     def start(self, scenario, **more):
-        path = os.path.join(self.folder, "scenario.json")
-        with open(path, "w") as out:
-            json.dump(scenario, out)
-        environment = {**os.environ, "LD_PRELOAD": self.preload, "DIAGSIM_SCENARIO": path,
-                       "DIAGSIM_TRACE": self.trace, "TSAN_OPTIONS": "report_thread_leaks=0"}
+        environment = simulated(self.preload, scenario_file(scenario, self.folder), self.trace)
         return subprocess.Popen([CHECKER], env=environment, **more)
 
     def status(self, scenario, **more):

@@ -18,7 +18,7 @@ import threading
 import time
 
 from e2e.expected import WAIT, Outcome, driver_cases, fault_cases, scenario_file
-from e2e.preload import preload
+from e2e.preload import preload, simulated
 
 BUILD = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "build", "release")
 CHECKER = os.path.join(BUILD, "app", "adsppm-check")
@@ -86,9 +86,8 @@ class Run:
             trace = os.path.join(folder, "trace")
             # Half of the runs: a capture must change no verdict.
             self.captured = random.random() < 0.5
-            environment = {**os.environ, "LD_PRELOAD": library, "DIAGSIM_TRACE": trace,
-                           "DIAGSIM_SCENARIO": scenario_file(case.scenario, folder),
-                           "TAVRIK_CAPTURE": os.path.join(folder, "capture") if self.captured else ""}
+            environment = simulated(library, scenario_file(case.scenario, folder), trace,
+                                    TAVRIK_CAPTURE=os.path.join(folder, "capture") if self.captured else "")
             begin = time.monotonic()
             # A session of its own keeps the terminal's Ctrl-C away.
             process = subprocess.Popen(CHECKER, env=environment, cwd=home, stdin=subprocess.DEVNULL,
