@@ -4,10 +4,10 @@
 #include <thread>
 
 #include "adsppm/ADSPPM.h"
-#include "log/LogAdapter.h"
 #include "runtime/SelfDestructingObject.h"
 #include "server/SystemErrorMessages.h"
 #include "tests/SimSupport.h"
+#include "tests/Support.h"
 #include "trigger/TriggerRegistry.h"
 
 using tavrik::ADSPPM;
@@ -62,21 +62,6 @@ class Adsppm : public SimTest {
     }
 
     Inbox inbox;
-};
-
-// Calls ADSPPM when it gets a line, as an adapter may.
-struct CallingAdapter : tavrik::LogAdapter {
-    int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
-            bool) override {
-        adsppm().unregisterListener(nullptr, 1);
-        lines += logger + " " + level.getName() + " " + message;
-        return 0;
-    }
-    int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
-        return 0;
-    }
-    int flush() override { return 0; }
-    std::string lines;
 };
 
 // Hands ADSPPM a log record. Bytes that the decoder ignores are 0xEE.
@@ -140,7 +125,11 @@ TEST_F(Adsppm, SlotsOfLargeIdsAndWithoutAPeriodStay) {
 }
 
 TEST_F(Adsppm, AFifthEventIsRefusedWithAMessage) {
-    CallingAdapter adapter;
+    std::string logged;
+    LineAdapter adapter([&](const auto& level, const auto& logger, const auto& message) {
+        adsppm().unregisterListener(nullptr, 1);  // as an adapter may
+        logged += logger + " " + level + " " + message;
+    });
     for (int id = 1; id <= 4; ++id)
         EXPECT_TRUE(add(inbox, id)) << id;
     const std::string text =
@@ -148,7 +137,7 @@ TEST_F(Adsppm, AFifthEventIsRefusedWithAMessage) {
     tavrik::Logger::setLogAdapter(&adapter);
     EXPECT_FALSE(add(inbox, 5));
     tavrik::Logger::setLogAdapter(nullptr);
-    EXPECT_EQ(adapter.lines, "ADSPPM WARN ADSPPM::registerListener: " + text);
+    EXPECT_EQ(logged, "ADSPPM WARN ADSPPM::registerListener: " + text);
     EXPECT_EQ(refusal, text);
     const tavrik::error_message_t* message = SystemErrorMessages::nextMessage();
     ASSERT_NE(message, nullptr);

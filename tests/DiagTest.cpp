@@ -243,12 +243,11 @@ TEST_F(Session, LogRecordsThatDoNotFitAreDropped) {
 // The reader is held up, so that the first write waits for its response to be read.
 TEST_F(Session, ARequestThatCameDuringAWriteIsSentBehindIt) {
     struct Gate : DIAG::LogListener {
-        void onLog(const unsigned char*) override { opened.wait(); }
+        void onLog(const unsigned char*) override { open.get_future().wait(); }
         std::promise<void> open;
-        std::future<void> opened = open.get_future();
     } gate;
     plug(R"({"write": {"returns_after_read": true}})");
-    ASSERT_TRUE(DIAG::instance()->registerLogListener(kLogCode, &gate));
+    ASSERT_TRUE(diag->registerLogListener(kLogCode, &gate));
     device().deliverFrame(packet(92, 92));
     Answer first, second;
     std::thread caller([&first] { EXPECT_TRUE(send(first)); });
@@ -256,8 +255,8 @@ TEST_F(Session, ARequestThatCameDuringAWriteIsSentBehindIt) {
     EXPECT_TRUE(send(second));
     gate.open.set_value();
     caller.join();
-    EXPECT_TRUE(DIAG::instance()->awaitResponse(second));
-    EXPECT_TRUE(DIAG::instance()->unregisterLogListener(kLogCode, &gate));
+    EXPECT_TRUE(diag->awaitResponse(second));
+    EXPECT_TRUE(diag->unregisterLogListener(kLogCode, &gate));
 }
 
 // --- Log masks --------------------------------------------------------------------------------
@@ -267,14 +266,11 @@ TEST_F(Session, AMaskHoldsTheCodesOfOneEquipmentId) {
     EXPECT_TRUE(diag->registerLogListener(0x4001, &c));
     EXPECT_TRUE(diag->registerLogListener(0x1645, &a));
     EXPECT_TRUE(diag->registerLogListener(0x1646, &b));
-    // Item 0x645 is bit 5 of byte 0xC8.
-    EXPECT_THAT(line("host    log mask request", 1),
-                HasSubstr("A4 06 [00 x 202] 20 [00 x 12] => 0"));
-    EXPECT_THAT(line("host    log mask request", 2),
-                HasSubstr("A4 06 [00 x 202] 60 [00 x 12] => 0"));
     EXPECT_TRUE(diag->unregisterLogListener(0x1645, &a));
-    EXPECT_THAT(line("host    log mask request", 3),
-                HasSubstr("A4 06 [00 x 202] 40 [00 x 12] => 0"));
+    // Item 0x645 is bit 5 of byte 0xC8.
+    for (const auto& [index, bits] : {std::pair(1u, "20"), {2, "60"}, {3, "40"}})
+        EXPECT_THAT(line("host    log mask request", index),
+                    HasSubstr("A4 06 [00 x 202] " + std::string(bits) + " [00 x 12] => 0"));
     EXPECT_TRUE(diag->unregisterLogListener(0x1646, &b));
     EXPECT_TRUE(diag->unregisterLogListener(0x4001, &c));
     EXPECT_EQ(lines("log mask clear request").size(), 2u);

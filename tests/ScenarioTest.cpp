@@ -13,30 +13,30 @@ std::string documentedName(const ScenarioKey& key) {
     return key.name.substr(key.name.rfind(perRequest, 0) == 0 ? perRequest.size() : 0);
 }
 
-TEST(ScenarioTest, TheReadmeDocumentsEveryKey) {
-    std::ifstream readme(TESTS_FOLDER "/../sim/README.md");
-    std::multiset<std::string> rows;
-    for (std::string line; std::getline(readme, line);) {
-        if (line.rfind("| `", 0) == 0 && occurrences(line, " |") == 4) rows.insert(line);
-    }
+// The lines of a document that begin with `head`.
+std::multiset<std::string> rows(const std::string& document, const std::string& head) {
+    std::ifstream file(TESTS_FOLDER "/../" + document);
+    std::multiset<std::string> found;
+    for (std::string line; std::getline(file, line);)
+        if (line.rfind(head, 0) == 0) found.insert(line);
+    return found;
+}
+
+TEST(ScenarioTest, TheDocumentsNameEveryKeyAndNoOther) {
+    std::multiset<std::string> readme, manual;
+    for (const std::string& row : rows("sim/README.md", "| `"))
+        if (occurrences(row, " |") == 4) readme.insert(row);
+    for (const std::string& item : rows("docs/man/diagsim-scenario.5", ".It Cm "))
+        manual.insert(item.substr(7, item.find(" Pq") - 7));
+    EXPECT_EQ(manual.erase("requests.<name>"), 1u);
     for (const ScenarioKey& key : scenarioKeys()) {
         const std::string row = "| `" + documentedName(key) + "` | " + key.type + " | " +
                                 key.standard + " | " + key.meaning + " |";
-        EXPECT_EQ(rows.erase(row), 1u) << row;
+        EXPECT_EQ(readme.erase(row), 1u) << row;
+        EXPECT_EQ(manual.erase(documentedName(key)), 1u) << key.name;
     }
-    EXPECT_EQ(rows, std::multiset<std::string>()) << "rows without a key";
-}
-
-TEST(ScenarioTest, TheManualPageDocumentsEveryKey) {
-    std::ifstream file(TESTS_FOLDER "/../docs/man/diagsim-scenario.5");
-    std::multiset<std::string> items;
-    for (std::string line; std::getline(file, line);) {
-        if (line.rfind(".It Cm ", 0) == 0) items.insert(line.substr(7, line.find(" Pq") - 7));
-    }
-    EXPECT_EQ(items.erase("requests.<name>"), 1u);
-    for (const ScenarioKey& key : scenarioKeys())
-        EXPECT_EQ(items.erase(documentedName(key)), 1u) << key.name;
-    EXPECT_EQ(items, std::multiset<std::string>()) << "items without a key";
+    EXPECT_THAT(readme, testing::ElementsAre()) << "rows without a key";
+    EXPECT_THAT(manual, testing::ElementsAre()) << "items without a key";
 }
 
 // Checks how the error begins that a text gives.

@@ -10,8 +10,10 @@
 #include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "log/LogAdapter.h"
 #include "metric/MetricRegistry.h"
 
 // Sets the default stack size of threads created from now on, in bytes. False if the size is
@@ -50,6 +52,24 @@ inline void inParallel(int count, const std::function<void(int thread)>& body) {
 inline long openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
+
+// Hands each line that is logged to `code`, on the thread that logs.
+struct LineAdapter : tavrik::LogAdapter {
+    using Code = std::function<void(const std::string& level, const std::string& logger,
+                                    const std::string& message)>;
+    explicit LineAdapter(Code code_) : code(std::move(code_)) {}
+    int log(const tavrik::LogLevel& level, const std::string& logger, const char* message,
+            bool) override {
+        code(level.getName(), logger, message);
+        return 0;
+    }
+    int log(const tavrik::LogLevel& level, const std::string& logger, const std::string& message,
+            bool buffering) override {
+        return log(level, logger, message.c_str(), buffering);
+    }
+    int flush() override { return 0; }
+    const Code code;
+};
 
 // "category|description|value" of each registered metric with this instance and name. Collects no
 // other metric, since collecting may block.

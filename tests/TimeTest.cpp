@@ -4,7 +4,6 @@
 #include <fstream>
 #include <limits>
 
-#include "log/LogAdapter.h"
 #include "log/Time.h"
 #include "tests/SimSupport.h"
 #include "tests/Support.h"
@@ -22,19 +21,6 @@ std::string text(double t) {
     timeToString(t, out);
     return out;
 }
-
-// Asks for the start time while a line about it is logged.
-struct AskingAdapter : tavrik::LogAdapter {
-    int log(const tavrik::LogLevel&, const std::string&, const char*, bool) override {
-        answers.push_back(getSystemStartTime());
-        return 0;
-    }
-    int log(const tavrik::LogLevel&, const std::string&, const std::string&, bool) override {
-        return 0;
-    }
-    int flush() override { return 0; }
-    std::vector<double> answers;
-};
 
 void expectOneFailure(const std::string& uptimeFile, const std::string& message) {
     device().redirect("/proc/uptime", uptimeFile);
@@ -83,11 +69,12 @@ TEST(TimeTest, TheStartTimeIsComputedOnceFromAFakeTime) {
 }
 
 TEST(TimeTest, AnAdapterMayAskForTheStartTime) {
-    AskingAdapter adapter;
+    std::vector<double> answers;
+    LineAdapter adapter([&](auto&...) { answers.push_back(getSystemStartTime()); });
     tavrik::Logger::setLogAdapter(&adapter);
     const double start = getSystemStartTime();
     tavrik::Logger::setLogAdapter(nullptr);
-    EXPECT_EQ(adapter.answers, std::vector<double>{start});
+    EXPECT_EQ(answers, std::vector<double>{start});
 }
 
 TEST(TimeTest, AMissingUptimeIsLoggedOnce) {
