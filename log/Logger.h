@@ -94,17 +94,14 @@ class Logger {
 
     // Apply a configuration, an object of which every member may be missing, in this order:
     //
-    //     "buffering"   a boolean, or a value that JSOM::booleanValue() reads as one (and then
-    //     makes
-    //                   one in the tree); does not flush the buffer
+    //     "buffering"   a boolean, or a value that JSOM::booleanValue() reads as one (a string then
+    //                   becomes one in the tree); does not flush the buffer
     //     "default"     the name of a level, for setDefaultLogLevel()
     //     "level"       the name of a level, for setMasterLogLevel()
-    //     "categories"  an object of logger names, created if needed, and their levels; applied
-    //     from
-    //                   the last to the first
+    //     "categories"  an object: names of loggers, created if needed, and of their levels;
+    //                   applied from the last to the first
     //     "adapter"     an object with a member "type": installs the adapter that the factory of
-    //     that
-    //                   type creates from this object; without such a factory, standard output
+    //                   that type creates from it; without such a factory, standard output
     //
     // Ignores names that are no level, "UNKNOWN" included. Lines of other threads see each setting
     // either as it was or as it becomes.
