@@ -33,6 +33,19 @@ class CountedRead {
     const unsigned client_;
 };
 
+// Wakes a session's device thread at the end of a scope that began before the mutex was taken:
+// under it, the thread would have to wait for the mutex at once.
+struct Waker {
+    Waker() = default;
+    ~Waker() {
+        if (session) session->wake();
+    }
+    Waker(const Waker&) = delete;
+    Waker& operator=(const Waker&) = delete;
+
+    std::shared_ptr<Session> session{};
+};
+
 }  // namespace
 
 Node::Node() {
@@ -98,10 +111,11 @@ void Node::traceTo(const std::string& path) {
 
 void Node::inject(Outgoing outgoing) {
     outgoing.callbackModeOnly = false;
+    Waker waker;
     MutexLock lock(mutex_);
     if (!session_) return;
     driver_->enqueue(std::move(outgoing), now());
-    session_->wake();
+    waker.session = session_;
 }
 
 Bytes Node::logPacket() {
@@ -145,7 +159,7 @@ Driver::Result Node::openLocked(int flags) {
 }
 
 Driver::Result Node::close(int fd) {
-    std::unique_ptr<Session> session;
+    std::shared_ptr<Session> session;
     {
         MutexLock lock(mutex_);
         if (!isClient(fd)) return {-1, EBADF};
@@ -168,7 +182,7 @@ Driver::Result Node::close(int fd) {
 }
 
 void Node::dropEndedReads() {
-    const auto ended = [](const std::unique_ptr<Session>& session) { return !session->isRead(); };
+    const auto ended = [](const std::shared_ptr<Session>& session) { return !session->isRead(); };
     closed_.erase(std::remove_if(closed_.begin(), closed_.end(), ended), closed_.end());
     anyClosed_ = !closed_.empty();
 }
@@ -192,20 +206,22 @@ Driver::Result Node::read(int fd, void* data, size_t length) {
 
 unsigned Node::beginRead() {
     if (!countsReads_) return kNotCounted;
+    Waker waker;
     MutexLock lock(mutex_);
     ++reading_;
-    if (session_) session_->wake();
+    waker.session = session_;
     return opens_;
 }
 
 void Node::endRead(unsigned client, bool received) {
     if (client == kNotCounted) return;
+    Waker waker;
     MutexLock lock(mutex_);
     // A thread that was blocked through a close is none of the present client's.
     if (!session_ || client != opens_) return;
     --reading_;
     if (received) ++reads_;
-    session_->wake();
+    waker.session = session_;
 }
 
 Driver::Result Node::write(int fd, Bytes data) {
@@ -220,6 +236,7 @@ Driver::Result Node::write(int fd, Bytes data) {
 }
 
 std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
+    Waker waker;
     MutexLock lock(mutex_);
     if (write.client == 0) write.client = opens_;
     if (!isClient(fd) || write.client != opens_) {
@@ -232,7 +249,7 @@ std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
         const bool waits = (driver_->writesBlock() || replay) && !goesOn(false);
         if (const auto gate = waits ? makeGate(false) : nullptr) return gate;
         write.result = driver_->write(write.data, now());
-        session_->wake();
+        waker.session = session_;
     }
     const bool lingers =
         driver_->writesLinger() && write.result->taken && (replay || !driver_->replays());
@@ -280,10 +297,11 @@ void Node::openGates() {
 }
 
 Driver::Result Node::ioctl(int fd, unsigned long request, void* argument) {
+    Waker waker;
     MutexLock lock(mutex_);
     if (!isClient(fd)) return {-1, EBADF};
     const Driver::Result result = driver_->ioctl(request, argument, now());
-    session_->wake();
+    waker.session = session_;
     return result;
 }
 

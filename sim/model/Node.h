@@ -106,13 +106,13 @@ class Node {
     mutable Mutex mutex_{};
     mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
-    std::unique_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
+    std::shared_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
     // Of the client, while its reads are counted: messages that it has read, and reads under way.
     size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;
     size_t reading_ DIAGSIM_GUARDED_BY(mutex_) = 0;
     std::vector<Waiting> waiting_ DIAGSIM_GUARDED_BY(mutex_){};
     // Their clients closed them with a thread blocked in read().
-    std::vector<std::unique_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
+    std::vector<std::shared_ptr<Session>> closed_ DIAGSIM_GUARDED_BY(mutex_){};
 };
 
 }  // namespace diagsim

@@ -73,10 +73,7 @@ void Session::join() {
     if (thread_.joinable()) thread_.join();
 }
 
-int Session::close() {
-    wake_.reset();
-    return client_.reset();
-}
+int Session::close() { return client_.reset(); }
 
 bool Session::isRead() const {
     // The kernel closes a file when the last call that uses it has ended.
@@ -94,10 +91,12 @@ void Session::wait(const Wait& wait) {
     const timespec left = wait.until ? timeLeft(*wait.until) : timespec{};
     ppoll(fds, 2, wait.until ? &left : nullptr, nullptr);
     eventfd_t count;
-    eventfd_read(wake_.get(), &count);
+    if (fds[0].revents != 0) eventfd_read(wake_.get(), &count);
+    mayHaveStray_ = (fds[1].revents & (POLLIN | POLLHUP)) != 0;
 }
 
 std::optional<Bytes> Session::takeStray() {
+    if (!mayHaveStray_) return std::nullopt;
     Bytes stray(kLongestStray);
     const ssize_t length = recv(device_.get(), stray.data(), stray.size(), MSG_DONTWAIT);
     if (length == 0) watchesStrays_ = false;

@@ -14,7 +14,7 @@ namespace diagsim {
 
 // The client end is what open() returns: read() on it is the kernel's own. Between start() and
 // join() the functions send(), failRead(), hangUp() and wait() belong to the device thread. wake()
-// may be called by any thread.
+// may be called by any thread, at any time.
 //
 // Stopping: the owner makes the thread's body return, calls wake(), then join(), then close(), and
 // keeps the object while isRead(): with it the device's end goes, and a blocked read gets 0.
@@ -58,7 +58,8 @@ class Session {
     void wake();
     void wait(const Wait& wait);
 
-    // What the client has written past write(), one message of it, cut to a kilobyte.
+    // What the client had written past write() when wait() returned, one message of it, cut to a
+    // kilobyte.
     std::optional<Bytes> takeStray();
 
     // Sends one message without blocking.
@@ -78,6 +79,7 @@ class Session {
     UniqueFd device_{};
     UniqueFd wake_{};
     size_t sent_ = 0;
+    bool mayHaveStray_ = false;
     bool watchesStrays_ = true;  // false once the client's end was closed past close()
     std::thread thread_{};
 };
