@@ -24,30 +24,83 @@ bool areEqual(std::string_view key, std::string_view other) {
 }
 
 // Most containers have a few children: without the first two steps of a vector's growth.
-template <typename Child>
-void makeRoom(std::vector<Child>& children) {
+template <typename List>
+void makeRoom(List& children) {
     constexpr size_t kFirst = 4;
     if (children.empty()) children.reserve(kFirst);
 }
 
 }  // namespace
 
+void* JSONData::newList(size_t bytes) {
+    ListHead* head = std::exchange(ListHead::prepared, nullptr);
+    if (head == nullptr) head = new (::operator new(sizeof(ListHead) + bytes)) ListHead{kOwnMemory};
+    return head + 1;
+}
+
+void JSONData::deleteList(void* list) {
+    ListHead* const head = static_cast<ListHead*>(list) - 1;
+    if (head->slot == kOwnMemory) {
+        ::operator delete(head);
+    } else {
+        Slab::of(head, head->slot)->drop(1);
+    }
+}
+
+// References that are given up, without recursion. The places of a slab are dropped together.
+struct JSONData::Releases {
+    Releases() = default;
+    ~Releases() {
+        finish();
+        if (count != 0) slab->drop(count);
+    }
+    Releases(const Releases&) = delete;
+    Releases& operator=(const Releases&) = delete;
+
+    void add(JSONData* node) {
+        if (node->refCount > 1) {
+            --node->refCount;
+        } else if (node->isContainer()) {
+            containers.push_back(node);
+        } else {
+            destroy(node);
+        }
+    }
+
+  private:
+    void finish() {
+        while (!containers.empty()) {
+            JSONData* const node = containers.back();
+            containers.pop_back();
+            node->moveChildrenTo(*this);
+            destroy(node);
+        }
+    }
+
+    // Destroys a node without children.
+    void destroy(JSONData* node) {
+        if (node->slot == kOwnMemory) {
+            delete node;
+            return;
+        }
+        Slab* const its = Slab::of(node, node->slot);
+        node->~JSONData();
+        if (its != slab && count != 0) slab->drop(std::exchange(count, 0));
+        slab = its;
+        ++count;
+    }
+
+    std::vector<JSONData*> containers{};
+    Slab* slab = nullptr;
+    uint32_t count = 0;  // places in the slab that are free, but not dropped
+};
+
 void JSONData::release() {
     if (refCount > 1) {
         --refCount;
     } else {
-        destroy();
+        Releases().add(this);
     }
-}
-
-void JSONData::destroy() {
-    if (slot == kOwnMemory) {
-        delete this;
-        return;
-    }
-    Slab* const slab = Slab::of(this);
-    this->~JSONData();
-    slab->drop(1);
 }
 
 void JSONData::setType(int newType) {
@@ -59,7 +112,7 @@ void JSONData::setType(int newType) {
             new (&value.members) Members;
             break;
         case kArray:
-            new (&value.elements) std::vector<JSONData*>;
+            new (&value.elements) List<JSONData*>;
             break;
         case kString:
             new (&value.text) std::string;
@@ -97,10 +150,8 @@ void JSONData::takeString(std::string&& newValue) {
 }
 
 void JSONData::reset() {
-    std::vector<JSONData*> children;
-    moveChildrenTo(children);
+    if (length() != 0) clear();
     destroyValue();
-    releaseAll(children);
 }
 
 void JSONData::destroyValue() {
@@ -122,38 +173,20 @@ void JSONData::destroyValue() {
 }
 
 void JSONData::clear() {
-    std::vector<JSONData*> children;
-    moveChildrenTo(children);
-    releaseAll(children);
+    Releases releases;
+    moveChildrenTo(releases);
 }
 
-void JSONData::moveChildrenTo(std::vector<JSONData*>& children) {
+void JSONData::moveChildrenTo(Releases& releases) {
     if (type == kArray) {
         for (JSONData* const child : value.elements)
-            giveUp(child, children);
+            releases.add(child);
         value.elements.clear();
     } else if (type == kObject) {
         for (const entry& member : value.members.list)
-            giveUp(member.value, children);
+            releases.add(member.value);
         value.members.index.reset();
         value.members.list.clear();
-    }
-}
-
-void JSONData::giveUp(JSONData* child, std::vector<JSONData*>& children) {
-    if (child->isContainer() && child->refCount <= 1) {
-        children.push_back(child);
-    } else {
-        child->release();
-    }
-}
-
-void JSONData::releaseAll(std::vector<JSONData*>& children) {
-    while (!children.empty()) {
-        JSONData* const child = children.back();
-        children.pop_back();
-        child->moveChildrenTo(children);
-        child->release();
     }
 }
 
@@ -319,11 +352,11 @@ class JSONData::Copier {
 
     void copyChildren(const JSONData& from, JSONData& to) {
         if (from.type == kArray) {
-            to.value.elements.reserve(from.value.elements.size());
+            nodes.reserve(to.value.elements, from.value.elements.size());
             for (const JSONData* const element : from.value.elements)
                 to.value.elements.push_back(beginChild(*element));
         } else {
-            to.value.members.list.reserve(from.value.members.list.size());
+            nodes.reserve(to.value.members.list, from.value.members.list.size());
             for (const entry& member : from.value.members.list)
                 to.value.members.list.push_back({member.key, beginChild(*member.value)});
         }
@@ -387,7 +420,7 @@ bool JSONData::holdsInPlace(const char* text) const {
     };
     if (liesIn(this, this + 1)) return true;
     if (type != kObject) return false;
-    const std::vector<entry>& list = value.members.list;
+    const List<entry>& list = value.members.list;
     return liesIn(list.data(), list.data() + list.size());
 }
 

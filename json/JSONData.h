@@ -140,15 +140,33 @@ class JSONData {
 
   private:
     struct Token;
-    struct Release;
     struct MemberIndex;
     struct Slab;
+    struct ListHead;
+    struct Releases;
     class NodeSource;
     class Copier;
     template <typename Source>
     class Parser;
     template <typename Sink>
     class Writer;
+
+    // Puts a list into the slab of the parse or copy that makes it, until it grows.
+    template <typename T>
+    struct ListAllocator {
+        using value_type = T;
+        ListAllocator() = default;
+        template <typename U>
+        explicit ListAllocator(const ListAllocator<U>&) {}
+        T* allocate(size_t count) { return static_cast<T*>(newList(count * sizeof(T))); }
+        void deallocate(T* list, size_t) { deleteList(list); }
+        bool operator==(const ListAllocator&) const { return true; }
+        bool operator!=(const ListAllocator&) const { return false; }
+    };
+    template <typename T>
+    using List = std::vector<T, ListAllocator<T>>;
+    static void* newList(size_t bytes);
+    static void deleteList(void* list);
 
     // For Source see src/Decimal.h.
 
@@ -174,7 +192,6 @@ class JSONData {
     void adopt(JSONData* child);
     void setMember(std::string&& key, JSONData* newValue);
     void takeString(std::string&& newValue);
-    void destroy();
     // Destroys the value, which has no children any more.
     void destroyValue();
     // Becomes what the other node is, which becomes kNone. REQUIRES: this node is kNone.
@@ -182,16 +199,13 @@ class JSONData {
     // True if a move of this node's content would move the bytes at `text`: short texts lie in
     // their string objects.
     bool holdsInPlace(const char* text) const;
-    // Gives up the children. Those that are containers and have no other holder move to `children`,
-    // with their references; releaseAll() releases them, without recursion.
-    void moveChildrenTo(std::vector<JSONData*>& children);
-    static void giveUp(JSONData* child, std::vector<JSONData*>& children);
-    static void releaseAll(std::vector<JSONData*>& children);
+    // Gives up the children.
+    void moveChildrenTo(Releases& releases);
     // Takes the value of a number or a boolean.
     void copyScalar(const JSONData& other);
 
     struct Members {
-        std::vector<entry> list{};
+        List<entry> list{};
         // Made by the first look-up among many members.
         mutable std::unique_ptr<MemberIndex> index{};
     };
@@ -204,12 +218,12 @@ class JSONData {
         double real;
         std::string text;
         Members members;
-        std::vector<JSONData*> elements;
+        List<JSONData*> elements;
     };
     static constexpr uint16_t kOwnMemory = 0xFFFF;
 
     uint16_t type = kNone;
-    uint16_t slot = kOwnMemory;  // place in a slab, for nodes that share their memory
+    uint16_t slot = kOwnMemory;  // place in a slab
     uint32_t refCount = 1;       // parents, handles and whoever made it
     Value value{};
 };

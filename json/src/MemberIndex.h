@@ -11,20 +11,20 @@ namespace tavrik {
 
 // Finds members by their keys. Among equal keys it knows the last one.
 struct JSONData::MemberIndex {
-    explicit MemberIndex(const std::vector<entry>& list) { rebuild(list); }
+    explicit MemberIndex(const List<entry>& list) { rebuild(list); }
 
-    int find(const std::vector<entry>& list, std::string_view key) const {
+    int find(const List<entry>& list, std::string_view key) const {
         return static_cast<int>(places[placeOf(list, key)]) - 1;
     }
 
     // Adds the last member of the list.
-    void addLast(const std::vector<entry>& list) {
+    void addLast(const List<entry>& list) {
         if (2 * list.size() > places.size()) return rebuild(list);
         places[placeOf(list, list.back().key)] = static_cast<uint32_t>(list.size());
     }
 
   private:
-    void rebuild(const std::vector<entry>& list) {
+    void rebuild(const List<entry>& list) {
         size_t size = 64;
         while (size < 4 * list.size())
             size *= 2;
@@ -34,7 +34,7 @@ struct JSONData::MemberIndex {
     }
 
     // The place with that key, or the empty one where it belongs.
-    size_t placeOf(const std::vector<entry>& list, std::string_view key) const {
+    size_t placeOf(const List<entry>& list, std::string_view key) const {
         const size_t mask = places.size() - 1;
         size_t place = std::hash<std::string_view>()(key) & mask;
         while (places[place] != 0 && list[places[place] - 1].key != key)

@@ -3,63 +3,103 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <new>
+#include <utility>
 
 #include "json/JSONData.h"
 
 namespace tavrik {
 
-// Nodes of one parse or copy, in one piece of memory that the last of them frees. Parts of a tree
+// Memory of the nodes and lists of one parse or copy, which the last of them frees. Parts of a tree
 // may belong to different threads later, so the count is atomic.
 struct alignas(JSONData) JSONData::Slab {
-    explicit Slab(uint32_t capacity) : live(capacity) {}
+    static constexpr size_t kUnit = alignof(JSONData);
+    static constexpr uint32_t kFilling = 0x80000000;
 
-    JSONData* node(uint32_t i) { return reinterpret_cast<JSONData*>(this + 1) + i; }
-    static Slab* of(JSONData* node) { return reinterpret_cast<Slab*>(node - node->slot) - 1; }
+    // The distance of a place from the slab's begin, in units.
+    uint16_t slotOf(const void* place) const {
+        const auto begin = reinterpret_cast<uintptr_t>(this);
+        return static_cast<uint16_t>((reinterpret_cast<uintptr_t>(place) - begin) / kUnit);
+    }
+    static Slab* of(void* place, uint16_t slot) {
+        return reinterpret_cast<Slab*>(static_cast<char*>(place) - slot * kUnit);
+    }
 
-    // Gives up the places of `count` nodes.
+    // Gives up `count` places.
     void drop(uint32_t count) {
         if (live.fetch_sub(count, std::memory_order_acq_rel) == count) ::operator delete(this);
     }
 
-    std::atomic<uint32_t> live;  // nodes, and places that have none yet
+    std::atomic<uint32_t> live{kFilling};  // places in use; kFilling while more are given out
 };
 
-// Makes nodes in slabs that double in size. Used by one thread.
+// Stands in front of each list.
+struct alignas(JSONData::entry) JSONData::ListHead {
+    uint16_t slot;  // in a slab, or kOwnMemory
+
+    // Where this thread's next list goes; null for memory of its own.
+    static inline thread_local ListHead* prepared = nullptr;
+};
+
+// Makes nodes and lists in slabs that double in size. Used by one thread.
 class JSONData::NodeSource {
   public:
     NodeSource() = default;
-    ~NodeSource() { dropRest(); }
+    ~NodeSource() { leaveSlab(); }
     NodeSource(const NodeSource&) = delete;
     NodeSource& operator=(const NodeSource&) = delete;
 
     // Returns a node that counts its creator.
     JSONData* make() {
-        if (used == capacity) nextSlab();
-        JSONData* const node = new (slab->node(used)) JSONData;
-        node->slot = static_cast<uint16_t>(used++);
+        JSONData* const node = new (take(sizeof(JSONData))) JSONData;
+        node->slot = slab->slotOf(node);
         return node;
     }
 
+    // Makes room in a list that has none yet, in a slab unless it is large. Others grow by
+    // themselves.
+    template <typename T>
+    void reserve(List<T>& list, size_t count) {
+        if (list.capacity() != 0 || count == 0) return;
+        constexpr size_t kMost = 1024;
+        const size_t bytes = sizeof(ListHead) + count * sizeof(T);
+        if (bytes <= kMost) {
+            void* const head = take((bytes + Slab::kUnit - 1) / Slab::kUnit * Slab::kUnit);
+            ListHead::prepared = new (head) ListHead{slab->slotOf(head)};
+        }
+        list.reserve(count);
+    }
+
   private:
-    void nextSlab() {
-        constexpr uint32_t kFirst = 4;
-        constexpr uint32_t kLargest = 128;
-        const uint32_t wanted = std::clamp(2 * capacity, kFirst, kLargest);
-        void* const memory = ::operator new(sizeof(Slab) + wanted * sizeof(JSONData));
-        dropRest();
-        slab = new (memory) Slab(wanted);
-        capacity = wanted;
+    void* take(size_t bytes) {
+        if (bytes > static_cast<size_t>(end - free)) nextSlab(bytes);
+        ++used;
+        return std::exchange(free, free + bytes);
+    }
+
+    void nextSlab(size_t bytes) {
+        constexpr size_t kFirst = 512;
+        constexpr size_t kLargest = 16384;
+        size = std::clamp(std::max(2 * size, sizeof(Slab) + bytes), kFirst, kLargest);
+        void* const memory = ::operator new(size);
+        leaveSlab();
+        slab = new (memory) Slab;
+        free = static_cast<char*>(memory) + sizeof(Slab);
+        end = static_cast<char*>(memory) + size;
         used = 0;
     }
 
-    void dropRest() {
-        if (used != capacity) slab->drop(capacity - used);
+    void leaveSlab() {
+        if (slab != nullptr) slab->drop(Slab::kFilling - used);
     }
 
     Slab* slab = nullptr;
-    uint32_t capacity = 0;
-    uint32_t used = 0;
+    char* free = nullptr;
+    char* end = nullptr;
+    size_t size = 0;
+    uint32_t used = 0;  // places given out in this slab
 };
 
 }  // namespace tavrik

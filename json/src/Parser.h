@@ -3,11 +3,12 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
+#include <iterator>
 #include <utility>
 
 #include "json/JSONData.h"
 #include "json/src/Decimal.h"
+#include "json/src/MemberIndex.h"
 #include "json/src/NodeSource.h"
 
 namespace tavrik {
@@ -44,10 +45,6 @@ struct JSONData::Token {
 
     bool closes(int container) const { return end && type == container; }
     bool beginsValue() const { return !comma && !colon && !end; }
-};
-
-struct JSONData::Release {
-    void operator()(JSONData* node) const { node->release(); }
 };
 
 // Takes the text of a comment behind its first slash, to the end of the line or the closing mark.
@@ -177,8 +174,8 @@ bool JSONData::parseJsonNumberIntoSelf(Source& source) {
 // Parses one value. The arrays and objects that are open at a place stand on a stack of its own, so
 // that a hostile text cannot use up the thread's.
 //
-// A child belongs to the stack until its comma or its parent's end has come; a failure frees those
-// that were under way and leaves the complete ones where they are.
+// Children wait on a stack, too, until their parent ends: then their number is known. A failure
+// frees the one that was under way and leaves the complete ones where they belong.
 template <typename Source>
 class JSONData::Parser {
   public:
@@ -188,19 +185,19 @@ class JSONData::Parser {
 
     bool parse(JSONData& top) {
         JSONData* target = &top;
-        while (target != nullptr) {
-            if (!readValue(*target)) return false;
-            if (!findNextValue(target)) return false;
+        while (readValue(*target) && findNextValue(target)) {
+            if (target == nullptr) return true;
         }
-        return true;
+        for (; !opened.empty(); close())
+            dropChild();
+        return false;
     }
 
   private:
     struct Open {
         JSONData* node;
-        std::string key{};  // of the member under way
-        std::unique_ptr<JSONData, Release> child{};
-
+        size_t begin;         // of its children among those that wait
+        bool inside = false;  // whether the last of them is under way
         bool isArray() const { return node->type == kArray; }
     };
 
@@ -249,19 +246,28 @@ class JSONData::Parser {
     }
 
     bool readString(JSONData& node) {
-        // Apart from the node's own string, of which the source may be reading.
-        std::string text;
-        const bool good = parseJsonString(source, text);
-        node.takeString(std::move(text));
+        // Apart from a string that the node has, of which the source may be reading.
+        std::string apart;
+        const bool isNew = node.type == kNone;
+        if (isNew) node.setType(kString);
+        const bool good = parseJsonString(source, isNew ? node.value.text : apart);
+        if (!isNew) node.takeString(std::move(apart));
         return good || fail("syntax error: invalid string");
     }
 
     bool open(JSONData& node, Type container) {
         source.advance();
         become(node, container);
-        if (opened.empty()) opened.reserve(8);
-        opened.push_back(Open{&node});
+        if (opened.capacity() == 0) makeRoom();
+        opened.push_back({&node, container == kArray ? elements.size() : members.size()});
         return true;
+    }
+
+    // For most texts all that is needed.
+    void makeRoom() {
+        opened.reserve(8);
+        elements.reserve(16);
+        members.reserve(16);
     }
 
     // Sets the type. What the top node held stays alive to the end of the parse: the text that is
@@ -278,10 +284,10 @@ class JSONData::Parser {
         while (target == nullptr && !opened.empty()) {
             Open& innermost = opened.back();
             bool closed = false;
-            const bool good = innermost.child ? finishChild(innermost, closed)
-                                              : beginChild(innermost, closed, target);
+            const bool good = innermost.inside ? finishChild(innermost, closed)
+                                               : beginChild(innermost, closed, target);
             if (!good) return false;
-            if (closed) opened.pop_back();
+            if (closed) close();
         }
         return true;
     }
@@ -296,11 +302,7 @@ class JSONData::Parser {
                                          : "syntax error: object comma or end expected");
         }
         source.advance();
-        if (parent.isArray()) {
-            parent.node->adopt(parent.child.release());
-        } else {
-            parent.node->adopt(std::move(parent.key), parent.child.release());
-        }
+        parent.inside = false;
         return true;
     }
 
@@ -316,11 +318,49 @@ class JSONData::Parser {
             return fail(parent.isArray() ? "syntax error: array not closed"
                                          : "syntax error: object not closed");
         }
+        target = nodes.make();
+        parent.inside = true;
         isFetched = parent.isArray();
-        if (!parent.isArray() && !readKey(next, parent.key)) return false;
-        parent.child.reset(nodes.make());
-        target = parent.child.get();
-        return true;
+        if (parent.isArray()) {
+            elements.push_back(target);
+            return true;
+        }
+        entry& member = members.emplace_back();
+        member.value = target;
+        return readKey(next, member.key);
+    }
+
+    // Gives the innermost container its children.
+    void close() {
+        const Open& parent = opened.back();
+        if (parent.isArray()) {
+            hand(elements, parent.begin, parent.node->value.elements);
+        } else {
+            hand(members, parent.begin, parent.node->value.members.list);
+            parent.node->value.members.index.reset();
+        }
+        opened.pop_back();
+    }
+
+    template <typename T>
+    void hand(std::vector<T>& waiting, size_t begin, List<T>& children) {
+        nodes.reserve(children, waiting.size() - begin);
+        const auto first = waiting.begin() + static_cast<std::ptrdiff_t>(begin);
+        children.insert(children.end(), std::make_move_iterator(first),
+                        std::make_move_iterator(waiting.end()));
+        waiting.erase(first, waiting.end());
+    }
+
+    // Frees the child of the innermost container that is under way, if there is one.
+    void dropChild() {
+        if (!opened.back().inside) return;
+        if (opened.back().isArray()) {
+            elements.back()->release();
+            elements.pop_back();
+        } else {
+            members.back().value->release();
+            members.pop_back();
+        }
     }
 
     bool readKey(const Token& begin, std::string& key) {
@@ -341,6 +381,8 @@ class JSONData::Parser {
     bool isFetched = false;  // and begins the value that is read next
     NodeSource nodes{};
     std::vector<Open> opened{};
+    std::vector<JSONData*> elements{};  // of arrays that are open
+    std::vector<entry> members{};       // of objects that are open
     JSONData retired{};
 };
 
