@@ -1,6 +1,8 @@
 // Decimal numbers, and the source of characters that they and the JSON grammar are read from.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -26,7 +28,7 @@ class TextSource {
         const char* end = position;
         while (*end != '"' && *end != '\\' && *end != '\0')
             ++end;
-        out.append(position, end);
+        out.append(position, static_cast<size_t>(end - position));
         position = end;
     }
 
@@ -60,18 +62,28 @@ uint64_t readInteger(Source& source) {
     return value;
 }
 
-// Adds the digits behind a point to `integer`. Those that 10^k does not reach within 64 bits are
-// read and change nothing.
+// What a digit adds at a place behind the point, up to the last 10^k that 64 bits hold.
+using Places = std::array<std::array<double, 10>, 18>;
+constexpr Places makePlaces() {
+    Places places{};
+    int64_t power = 1;
+    for (auto& place : places) {
+        power *= 10;
+        for (size_t digit = 0; digit < place.size(); ++digit)
+            place[digit] = static_cast<double>(digit) / static_cast<double>(power);
+    }
+    return places;
+}
+
+// Adds the digits behind a point to `integer`. Those beyond the last place are read and change
+// nothing.
 template <typename Source>
 double readFraction(Source& source, double integer) {
-    constexpr int kReach = 18;
+    static constexpr Places kPlaces = makePlaces();
     double value = integer;
-    int64_t power = 1;
-    for (int place = 0; isDigit(source.peek()); source.advance()) {
-        if (place == kReach) continue;
-        ++place;
-        power *= 10;
-        value += static_cast<double>(source.peek() - '0') / static_cast<double>(power);
+    for (size_t place = 0; isDigit(source.peek()); source.advance()) {
+        if (place < kPlaces.size())
+            value += kPlaces[place++][static_cast<size_t>(source.peek() - '0')];
     }
     return value;
 }

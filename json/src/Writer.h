@@ -2,48 +2,63 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
 
 #include "json/JSONData.h"
 
 namespace tavrik {
 
-struct StringSink {
+// Appends to a string, many pieces at a time. flush() appends the last of them.
+class StringSink {
+  public:
+    explicit StringSink(std::string& out) : text(out) {}
+
+    void put(char character) {
+        if (used == sizeof buffer) flush();
+        buffer[used++] = character;
+    }
+    void write(const char* data, size_t size) {
+        if (size > sizeof buffer - used) flush();
+        if (size > sizeof buffer) {
+            text.append(data, size);
+            return;
+        }
+        std::memcpy(buffer + used, data, size);
+        used += size;
+    }
+    void flush() { text.append(buffer, std::exchange(used, 0)); }
+
+  private:
     std::string& text;
-    void put(char character) { text += character; }
-    void write(const char* data, size_t size) { text.append(data, size); }
+    size_t used = 0;
+    char buffer[512];
 };
 
 // What stands behind the backslash in front of which a character is written, 0 if it needs none.
-inline char escapeOf(char character) {
-    // Nearly all.
-    if (character > '"' && character != '\\') return 0;
-    switch (character) {
-        case '\b':
-            return 'b';
-        case '\f':
-            return 'f';
-        case '\n':
-            return 'n';
-        case '\r':
-            return 'r';
-        case '\t':
-            return 't';
-        case '"':
-        case '\\':
-            return character;
-        default:
-            return 0;
-    }
+using Escapes = std::array<char, 256>;
+constexpr Escapes makeEscapes() {
+    Escapes all{};
+    all['\b'] = 'b';
+    all['\f'] = 'f';
+    all['\n'] = 'n';
+    all['\r'] = 'r';
+    all['\t'] = 't';
+    all['"'] = '"';
+    all['\\'] = '\\';
+    return all;
 }
 
 // Writes a text in quotes, runs of characters without escapes in one piece.
 template <typename Sink>
 void writeQuoted(const std::string& text, Sink& sink) {
+    static constexpr Escapes kEscapes = makeEscapes();
     sink.put('"');
     const char* run = text.data();
     const char* const end = run + text.size();
     for (const char* at = run; at != end; ++at) {
-        const char escape = escapeOf(*at);
+        const char escape = kEscapes[static_cast<unsigned char>(*at)];
         if (escape == 0) continue;
         sink.write(run, static_cast<size_t>(at - run));
         sink.put('\\');
@@ -74,13 +89,13 @@ class JSONData::Writer {
   private:
     struct Open {
         const JSONData* node;
-        int written;  // children
+        size_t written, count;  // children
     };
 
     void begin(const JSONData& node) {
         if (node.isContainer()) {
             sink.put(node.type == kArray ? '[' : '{');
-            opened.push_back({&node, 0});
+            opened.push_back({&node, 0, static_cast<size_t>(node.length())});
             return;
         }
         if (node.type == kString) return writeQuoted(node.value.text, sink);
@@ -90,7 +105,7 @@ class JSONData::Writer {
     }
 
     void closeFinished() {
-        while (!opened.empty() && opened.back().written == opened.back().node->length()) {
+        while (!opened.empty() && opened.back().written == opened.back().count) {
             const char bracket = opened.back().node->type == kArray ? ']' : '}';
             opened.pop_back();
             lineBreak();
@@ -104,8 +119,11 @@ class JSONData::Writer {
         Open& parent = opened.back();
         if (parent.written != 0) sink.put(',');
         lineBreak();
-        if (parent.node->type == kObject) key(*parent.node->getKeyAtIndex(parent.written));
-        return parent.node->getByIndex(parent.written++);
+        const size_t i = parent.written++;
+        if (parent.node->type == kArray) return parent.node->value.elements[i];
+        const entry& member = parent.node->value.members.list[i];
+        key(member.key);
+        return member.value;
     }
 
     void key(const std::string& text) {
