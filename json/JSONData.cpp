@@ -38,13 +38,15 @@ void* JSONData::newList(size_t bytes) {
     return head + 1;
 }
 
-void JSONData::deleteList(void* list) {
+void JSONData::deleteList(void* list, size_t bytes) {
     ListHead* const head = static_cast<ListHead*>(list) - 1;
     if (head->slot == kOwnMemory) {
         ::operator delete(head);
-    } else {
-        Slab::of(head, head->slot)->drop(1);
+        return;
     }
+    Slab* const slab = Slab::of(head, head->slot);
+    ASAN_POISON_MEMORY_REGION(head, sizeof(ListHead) + bytes);
+    slab->drop(1);
 }
 
 // References that are given up, without recursion. The places of a slab are dropped together.
@@ -85,6 +87,7 @@ struct JSONData::Releases {
         }
         Slab* const its = Slab::of(node, node->slot);
         node->~JSONData();
+        ASAN_POISON_MEMORY_REGION(node, sizeof(JSONData));
         if (its != slab && count != 0) slab->drop(std::exchange(count, 0));
         slab = its;
         ++count;

@@ -159,14 +159,14 @@ class JSONData {
         template <typename U>
         explicit ListAllocator(const ListAllocator<U>&) {}
         T* allocate(size_t count) { return static_cast<T*>(newList(count * sizeof(T))); }
-        void deallocate(T* list, size_t) { deleteList(list); }
+        void deallocate(T* list, size_t count) { deleteList(list, count * sizeof(T)); }
         bool operator==(const ListAllocator&) const { return true; }
         bool operator!=(const ListAllocator&) const { return false; }
     };
     template <typename T>
     using List = std::vector<T, ListAllocator<T>>;
     static void* newList(size_t bytes);
-    static void deleteList(void* list);
+    static void deleteList(void* list, size_t bytes);
 
     // For Source see src/Decimal.h.
 

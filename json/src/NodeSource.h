@@ -10,6 +10,14 @@
 
 #include "json/JSONData.h"
 
+// The address sanitizer does not know which places of a slab are in use; these tell it.
+#if __has_include(<sanitizer/asan_interface.h>)
+#include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(place, size) (static_cast<void>(place), static_cast<void>(size))
+#define ASAN_UNPOISON_MEMORY_REGION(place, size) (static_cast<void>(place), static_cast<void>(size))
+#endif
+
 namespace tavrik {
 
 // Memory of the nodes and lists of one parse or copy, which the last of them frees. Parts of a tree
@@ -76,6 +84,7 @@ class JSONData::NodeSource {
     void* take(size_t bytes) {
         if (bytes > static_cast<size_t>(end - free)) nextSlab(bytes);
         ++used;
+        ASAN_UNPOISON_MEMORY_REGION(free, bytes);
         return std::exchange(free, free + bytes);
     }
 
@@ -89,6 +98,7 @@ class JSONData::NodeSource {
         free = static_cast<char*>(memory) + sizeof(Slab);
         end = static_cast<char*>(memory) + size;
         used = 0;
+        ASAN_POISON_MEMORY_REGION(free, static_cast<size_t>(end - free));
     }
 
     void leaveSlab() {
