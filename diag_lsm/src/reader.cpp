@@ -33,7 +33,7 @@ unsigned char read_buffer[100000];
 StaticMutex reader_mutex;
 StaticCondition reader_cond;  // notified when one of the flags becomes true
 bool reader_begun TAVRIK_GUARDED_BY(reader_mutex) = false;
-bool reader_ended TAVRIK_GUARDED_BY(reader_mutex) = true;
+bool reader_ended TAVRIK_GUARDED_BY(reader_mutex) = false;
 bool reader_stop TAVRIK_GUARDED_BY(reader_mutex) = false;
 
 // Does nothing: installing it makes the signal interrupt the read.
@@ -222,8 +222,6 @@ bool start_reader() {
         return true;
     }
     read_thread_hdl = 0;
-    StaticMutexLock guard(reader_mutex);
-    reader_ended = true;
     return false;
 }
 
