@@ -95,6 +95,9 @@ TEST_F(Session, ConnectsOnFirstUseDisconnectsWhenIdleAndConnectsAgain) {
 }
 
 TEST_F(Session, KeepsTheModeSwitchFormThatTheDriverAccepts) {
+    plug(R"({"mode_switch": {"result": 0}})");
+    cycle();
+    EXPECT_TRUE(lines("by value").empty()) << "0 is no refusal";
     plug(R"({"mode_switch": {"accepts": "value"}})");
     EXPECT_TRUE(exchange(answer));
     diag->unregisterLogListener(kLogCode, &log);
