@@ -34,13 +34,7 @@ void addTimed(const std::string& name, Code code) {
     benchmark::RegisterBenchmark(name.c_str(), code)->UseManualTime();
 }
 
-// Spins: a wake-up of this thread would be part of what is measured.
-inline void awaitValue(const std::atomic<int>& counter, int value) {
-    while (counter.load(std::memory_order_acquire) < value) {
-    }
-}
-
-// As above, and leaves the processor to others, for what takes longer.
+// Waits without sleeping, and leaves the processor to others.
 inline void yieldUntil(const std::atomic<int>& counter, int value) {
     while (counter.load(std::memory_order_acquire) < value)
         sched_yield();

@@ -78,16 +78,18 @@ void peerWalk(benchmark::State& state, int subscribers) {
 }
 
 void trip(benchmark::State& state, int subscribers) {
+    const bench::OneCore pinned;
     Trigger& trigger = triggerFor(subscribers);
     int value = 0;
     for (auto _ : state) {
         told = 0;
         trigger.setValue(trigger.getRequestedValue() + ++value);
-        bench::awaitValue(told, subscribers);
+        bench::yieldUntil(told, subscribers);
     }
 }
 
 void peerTrip(benchmark::State& state, int subscribers) {
+    const bench::OneCore pinned;
     boost::asio::thread_pool pool(1);
     auto strand = boost::asio::make_strand(pool);
     boost::signals2::signal<void(int)> signal;
@@ -97,7 +99,7 @@ void peerTrip(benchmark::State& state, int subscribers) {
     for (auto _ : state) {
         told = 0;
         boost::asio::post(strand, [&signal, next = ++value] { signal(next); });
-        bench::awaitValue(told, subscribers);
+        bench::yieldUntil(told, subscribers);
     }
     pool.join();
 }
