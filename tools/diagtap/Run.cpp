@@ -87,15 +87,18 @@ std::string nodeText() {
 int runProgram(char* const* command, const std::string& capture) {
     setenv("TAVRIK_CAPTURE", capture.c_str(), 1);
     std::fflush(stdout);
+    // The terminal's Ctrl-C ends the program, and then there is a report.
+    const auto onInterrupt = signal(SIGINT, SIG_IGN), onQuit = signal(SIGQUIT, SIG_IGN);
     const pid_t child = fork();
-    if (child == 0) start(command);
+    if (child == 0) {
+        signal(SIGINT, onInterrupt);
+        signal(SIGQUIT, onQuit);
+        start(command);
+    }
     if (child < 0) {
         std::fprintf(stderr, "diagtap: cannot run %s: %s\n", command[0], std::strerror(errno));
         return 126;
     }
-    // The terminal's Ctrl-C ends the program, and then there is a report.
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
     int status = 0;
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
