@@ -129,6 +129,7 @@ class Captures(unittest.TestCase):
             lines = diagtap("show", whole).stdout
             with open(whole, "rb") as file:
                 content = file.read()
+            self.assertIn(b"/dev/diag", content, "the interface's name")
             broken = os.path.join(folder, "broken")
             at, ends = 0, []
             while at < len(content):
@@ -154,6 +155,7 @@ class Captures(unittest.TestCase):
             self.assertEqual((done.returncode, done.stdout, done.stderr),
                              (3, kept + "\n", "diagtap: sh made no call on the node, or no capture\n"))
             self.assertEqual(diagtap("run", "--", "sh", "-c", "kill -9 $$").returncode, 137)
+            self.assertEqual(diagtap("run", "--", "sh", "-c", "kill -INT $PPID; exit 3").returncode, 3, "Ctrl-C")
             for program, status, reason in ((folder + "/missing", 127, "No such file or directory"),
                                             (folder, 126, "Permission denied")):
                 done = diagtap("run", "--", program)
