@@ -87,8 +87,13 @@ TEST(LoggerTest, LevelsMayBeInitialisedByAnyThread) {
 TEST(LoggerTest, LevelsAreFoundByNameAndNumber) {
     const char* const names[] = {"off",   "Fatal", "ERROR",   "warn", "Info",
                                  "DEBUG", "trace", "UNKNOWN", "all"};
+    const std::string* const constants[] = {
+        &LogLevel::OFF_NAME,   &LogLevel::FATAL_NAME,   &LogLevel::ERROR_NAME,
+        &LogLevel::WARN_NAME,  &LogLevel::INFO_NAME,    &LogLevel::DEBUG_NAME,
+        &LogLevel::TRACE_NAME, &LogLevel::UNKNOWN_NAME, &LogLevel::ALL_NAME};
     for (int number = 0; number < 9; ++number) {
         EXPECT_EQ(LogLevel::valueOf(number)->getLevel(), number);
+        EXPECT_EQ(LogLevel::valueOf(number)->getName(), *constants[number]);
         EXPECT_EQ(LogLevel::valueOf(names[number]), LogLevel::valueOf(number));
         EXPECT_STRCASEEQ(LogLevel::valueOf(number)->getName().c_str(), names[number]);
     }
