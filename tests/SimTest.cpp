@@ -318,6 +318,8 @@ TEST_F(Client, ResponsesMaySplitOrShareABuffer) {
         return Chunk{Bytes(data.begin() + static_cast<long>(from), data.end()), {}, {}};
     };
     Chunk inFront = chunk(frame({0x7E})), behind = chunk(frame({1}));
+    const Bytes expected = {32, 0, 0, 0, 1, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 9};
+    EXPECT_EQ(chunkBuffer({{{9}, 0xFFFFFFFE, {}}}), expected);
     inFront.token = behind.token = 0xFFFFFFFF;
     for (int i = 0; i < 3; ++i)
         ASSERT_EQ(send(kEventReport), 0);
