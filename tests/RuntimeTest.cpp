@@ -26,7 +26,7 @@ class RuntimeTest : public testing::Test {
     void startBlocked(std::function<void()> body) {
         const unsigned before = rw.waitersForTesting();
         threads.emplace_back(std::move(body));
-        while (rw.waitersForTesting() == before)
+        while (rw.waitersForTesting() != before + 1)
             std::this_thread::yield();
     }
     void startBlockedReader(std::function<void()> body) {
