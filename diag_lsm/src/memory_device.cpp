@@ -127,7 +127,6 @@ void memory_device_flush(void) {
         StaticMutexLock guard(stop_mutex);
         while (flush_log && !flush_stopped)
             stop_cond.wait(stop_mutex);
-        if (flush_stopped) return;
     }
 }
 
