@@ -155,11 +155,13 @@ class JSONData {
     template <typename T>
     struct ListAllocator {
         using value_type = T;
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): elements of arrays are pointers.
+        static constexpr size_t kSize = sizeof(T);
         ListAllocator() = default;
         template <typename U>
         explicit ListAllocator(const ListAllocator<U>&) {}
-        T* allocate(size_t count) { return static_cast<T*>(newList(count * sizeof(T))); }
-        void deallocate(T* list, size_t count) { deleteList(list, count * sizeof(T)); }
+        T* allocate(size_t count) { return static_cast<T*>(newList(count * kSize)); }
+        void deallocate(T* list, size_t count) { deleteList(list, count * kSize); }
         bool operator==(const ListAllocator&) const { return true; }
         bool operator!=(const ListAllocator&) const { return false; }
     };

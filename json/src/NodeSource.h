@@ -72,7 +72,7 @@ class JSONData::NodeSource {
     void reserve(List<T>& list, size_t count) {
         if (list.capacity() != 0 || count == 0) return;
         constexpr size_t kMost = 1024;
-        const size_t bytes = sizeof(ListHead) + count * sizeof(T);
+        const size_t bytes = sizeof(ListHead) + count * ListAllocator<T>::kSize;
         if (bytes <= kMost) {
             void* const head = take((bytes + Slab::kUnit - 1) / Slab::kUnit * Slab::kUnit);
             ListHead::prepared = new (head) ListHead{slab->slotOf(head)};
