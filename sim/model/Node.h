@@ -105,8 +105,9 @@ class Node {
     // Guards everything below, and gives the trace its order. Nothing blocks under it.
     mutable Mutex mutex_{};
     mutable Trace trace_ DIAGSIM_GUARDED_BY(mutex_){};
-    std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};    // null: never plugged in
-    std::shared_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};  // null: not open
+    std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};  // null: never plugged in
+    // Null: not open. Shared with calls that are about to wake it.
+    std::shared_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};
     // Of the client, while its reads are counted: messages that it has read, and reads under way.
     size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;
     size_t reading_ DIAGSIM_GUARDED_BY(mutex_) = 0;

@@ -92,7 +92,8 @@ void Session::wait(const Wait& wait) {
     ppoll(fds, 2, wait.until ? &left : nullptr, nullptr);
     eventfd_t count;
     if (fds[0].revents != 0) eventfd_read(wake_.get(), &count);
-    mayHaveStray_ = (fds[1].revents & (POLLIN | POLLHUP)) != 0;
+    // An error, too: it stays until it is received.
+    mayHaveStray_ = (fds[1].revents & ~POLLOUT) != 0;
 }
 
 std::optional<Bytes> Session::takeStray() {
