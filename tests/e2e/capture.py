@@ -51,6 +51,10 @@ class Run:
         report = json.loads(diagtap("report", self.capture, "--format", "json").stdout)
         return self.status, report["sessions"]
 
+    def masks_took(self):
+        """The longest time in milliseconds; the client waits for 21."""
+        return max((session["steps"][1].get("duration_us", 0) for session in self.report()[1]), default=0) / 1000
+
 
 def text(line):
     return line.split(" ms  ", 1)[1].rstrip("\n")
@@ -79,15 +83,9 @@ def timeless(report):
 
 class Captures(unittest.TestCase):
     maxDiff = None
-    alone = threading.Lock()
+    alone = threading.RLock()
 
-    @staticmethod
-    def recorded_and_replayed(scenario):
-        with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
-            first = Run(scenario, folder)
-            return timeless(first.report()), timeless(Run({"replay": first.capture}, other).report())
-
-    def check(self, case):
+    def check(self, case, recordings=TRIES):
         with tempfile.TemporaryDirectory() as folder, tempfile.TemporaryDirectory() as other:
             first = Run(case.scenario, folder)
             self.assertIn(first.status, (0, 1) if case.status is None else (case.status,))
@@ -103,12 +101,16 @@ class Captures(unittest.TestCase):
                 return
             expected = timeless(first.report())
             replayed = timeless(Run({"replay": first.capture}, other).report())
-        for _ in range(TRIES):
-            if replayed != expected and not SLOW:
-                with self.alone:  # a slow recording makes a slow replay, so both
-                    expected, replayed = self.recorded_and_replayed(case.scenario)
-        if not SLOW:
-            self.assertEqual(replayed, expected)
+            for _ in range(TRIES):
+                if replayed != expected:
+                    with self.alone:
+                        replayed = timeless(Run({"replay": first.capture}, other).report())
+            if replayed != expected and recordings > 0 and first.masks_took() > 10:
+                # They came just in time, which a replay cannot repeat.
+                with self.alone:
+                    return self.check(case, recordings - 1)
+            if not SLOW:
+                self.assertEqual(replayed, expected)
 
     def test_every_scenario(self):
         with concurrent.futures.ThreadPoolExecutor(8) as pool:
