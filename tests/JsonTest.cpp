@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -374,6 +375,21 @@ std::string written(const std::string& text) {
 TEST(JsonTest, NumbersArePrintedWithAPrecision) {
     expectEach(written, "numbers.txt");
     EXPECT_EQ(std::stod(written("1074 1e300")), 1e300);
+}
+
+TEST(JsonTest, DecimalsAreRoundedAsByPrintf) {
+    std::mt19937_64 random(6);
+    for (int i = 0; i < 50000 && !testing::Test::HasFailure(); ++i) {
+        const int precision = 1 + static_cast<int>(below(random, 12));
+        const int64_t integer = static_cast<int64_t>(random()) >> random() % 64;
+        const double number =
+            std::ldexp(static_cast<double>(integer), -static_cast<int>(below(random, 70)));
+        char expected[64];
+        snprintf(expected, sizeof expected, "%.*f", precision, number);
+        JSOM handle;
+        handle.setDouble(number);
+        EXPECT_EQ(std::stod(compact(handle, precision)), std::stod(expected)) << expected;
+    }
 }
 
 TEST(JsonTest, PrettyTextIsAppendedAndIndented) {
