@@ -30,7 +30,7 @@ def preload(program, library, emulator=()):
 
 
 def simulated(library, scenario, trace, **more):
-    """The environment that puts the device before a program; what is set here for a device of its own is left out."""
+    """The environment of a program on the simulated device, without this process's own settings of one."""
     others = {key: value for key, value in os.environ.items() if not key.startswith("DIAGSIM")}
     # A failed connection leaves the reader running on purpose.
     return {**others, "LD_PRELOAD": library, "DIAGSIM_SCENARIO": scenario, "DIAGSIM_TRACE": trace,
