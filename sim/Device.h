@@ -19,8 +19,9 @@ struct PendingWrite;
 // called by any thread; none blocks but waitForTrace(), read(), which is the kernel's own, write(),
 // where the scenario says so, and close(), which joins the device thread.
 //
-// Every open of the node has one device thread; it delivers due buffers in time order and is joined
-// by close. There is one client at a time.
+// Buffers are delivered in the order of their time: inside the write that causes them if they are
+// due at once, else by the device thread, which every open of the node has and close joins. There
+// is one client at a time.
 class Device {
   public:
     static constexpr const char* kPath = "/dev/diag";

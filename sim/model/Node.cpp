@@ -249,7 +249,7 @@ std::shared_ptr<Gate> Node::advance(int fd, PendingWrite& write) {
         const bool waits = (driver_->writesBlock() || replay) && !goesOn(false);
         if (const auto gate = waits ? makeGate(false) : nullptr) return gate;
         write.result = driver_->write(write.data, now());
-        waker.session = session_;
+        if (!deliverAtOnce()) waker.session = session_;
     }
     const bool lingers =
         driver_->writesLinger() && write.result->taken && (replay || !driver_->replays());
@@ -320,8 +320,23 @@ bool Node::pump(Session& session, Session::Wait& next) {
     while (const std::optional<Bytes> stray = session.takeStray())
         trace_.line("host", describe("written past write()", *stray) + " => lost");
     deliverDue(session, next);
+    sleepsUntil_ = next.until;
     openGates();
     return true;
+}
+
+bool Node::deliverAtOnce() {
+    // Who counts reads has more to decide than what is due.
+    if (countsReads_) return false;
+    const Driver::Time time = now();
+    while (const Outgoing* const outgoing = driver_->due(time)) {
+        // The others close the descriptor that the device thread waits for.
+        if (outgoing->action != Outgoing::Action::kBuffer) return false;
+        if (!deliverOne(*session_, *outgoing)) return false;
+        driver_->pop();
+    }
+    const std::optional<Driver::Time> next = driver_->nextDue();
+    return !next || (sleepsUntil_ && *sleepsUntil_ <= *next);
 }
 
 void Node::deliverDue(Session& session, Session::Wait& next) {

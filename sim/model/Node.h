@@ -84,6 +84,9 @@ class Node {
 
     void serve(Session& session);
     bool pump(Session& session, Session::Wait& next);
+    // Delivers what is due without the device thread. False if that has to go on, at once or
+    // earlier than it would.
+    bool deliverAtOnce() DIAGSIM_REQUIRES(mutex_);
     // Delivers what is due; `next` is what to wait for then.
     void deliverDue(Session& session, Session::Wait& next) DIAGSIM_REQUIRES(mutex_);
     // False: no room at present.
@@ -108,6 +111,8 @@ class Node {
     std::unique_ptr<Driver> driver_ DIAGSIM_GUARDED_BY(mutex_){};  // null: never plugged in
     // Null: not open. Shared with calls that are about to wake it.
     std::shared_ptr<Session> session_ DIAGSIM_GUARDED_BY(mutex_){};
+    // When the device thread looks again without being woken; nothing: never.
+    std::optional<Session::Time> sleepsUntil_ DIAGSIM_GUARDED_BY(mutex_){};
     // Of the client, while its reads are counted: messages that it has read, and reads under way.
     size_t reads_ DIAGSIM_GUARDED_BY(mutex_) = 0;
     size_t reading_ DIAGSIM_GUARDED_BY(mutex_) = 0;

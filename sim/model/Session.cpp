@@ -81,7 +81,13 @@ bool Session::isRead() const {
     return device_.get() >= 0 && poll(&end, 1, 0) == 0;
 }
 
-void Session::wake() { eventfd_write(wake_.get(), 1); }
+void Session::wake() {
+    // The cancellation of a client's thread must not act in a destructor.
+    int before;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    eventfd_write(wake_.get(), 1);
+    pthread_setcancelstate(before, nullptr);
+}
 
 void Session::wait(const Wait& wait) {
     const int events = (watchesStrays_ ? POLLIN : 0) | (wait.room ? POLLOUT : 0);

@@ -13,8 +13,9 @@
 namespace diagsim {
 
 // The client end is what open() returns: read() on it is the kernel's own. Between start() and
-// join() the functions send(), failRead(), hangUp() and wait() belong to the device thread. wake()
-// may be called by any thread, at any time.
+// join() the functions failRead(), hangUp(), takeStray() and wait() belong to the device thread.
+// send() may be called by any thread, by one at a time and not beside failRead() or hangUp();
+// wake() by any, at any time.
 //
 // Stopping: the owner makes the thread's body return, calls wake(), then join(), then close(), and
 // keeps the object while isRead(): with it the device's end goes, and a blocked read gets 0.
