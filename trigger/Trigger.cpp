@@ -19,7 +19,8 @@ void Trigger::Notifier::request(int newValue) {
     LockGuard guard(lock);
     if (newValue == trigger->requestedValue) return;
     trigger->requestedValue.store(newValue, std::memory_order_release);
-    if (!trigger->enabled && !isRunning()) return trigger->apply(newValue, getNow());
+    if (!trigger->enabled && !isRunning())
+        return trigger->apply(newValue, getNow(), trigger->changeCount);
     ThreadGroup* const drains = append({NotifierEntry::Kind::kValue, newValue, getNow()});
     guard.unlock();
     startDrain(drains);
@@ -90,27 +91,22 @@ void Trigger::setValue(int newValue) {
 
 int Trigger::setValueQuietly(int newValue) {
     setCount.fetch_add(1, std::memory_order_relaxed);
-    LockGuard guard(valueLock);
-    if (newValue != value) applyLocked(newValue, getNow());
+    LockGuard guard(quietLock);
+    if (newValue != value) apply(newValue, getNow(), quietChangeCount);
     return value;
 }
 
 void Trigger::_setValue(int newValue, double newTime) {
-    apply(newValue, newTime);
+    apply(newValue, newTime, changeCount);
     if (enabled) tellSubscribers<&Listener::onTriggerValueChange>();
 }
 
-void Trigger::apply(int newValue, double newTime) {
-    LockGuard guard(valueLock);
-    applyLocked(newValue, newTime);
-}
-
-void Trigger::applyLocked(int newValue, double newTime) {
+void Trigger::apply(int newValue, double newTime, std::atomic<int>& count) {
     constexpr auto kRelaxed = std::memory_order_relaxed;
     previousTime.store(time.load(kRelaxed), kRelaxed);
     previousValue.store(value.load(kRelaxed), kRelaxed);
     time.store(newTime, kRelaxed);
-    changeCount.store(changeCount.load(kRelaxed) + 1, kRelaxed);
+    count.store(count.load(kRelaxed) + 1, kRelaxed);
     // The last one: who reads the new value sees what its setter did before.
     value.store(newValue, std::memory_order_release);
 }
@@ -137,7 +133,7 @@ void Trigger::unsubscribe(Listener* listener) {
 double Trigger::QueueSizeMetric::collect() { return owner->notifier.getSize(); }
 double Trigger::QueueMaxSizeMetric::collect() { return owner->notifier.getMaxSize(); }
 double Trigger::SetCountMetric::collect() { return owner->setCount; }
-double Trigger::ChangeCountMetric::collect() { return owner->changeCount; }
+double Trigger::ChangeCountMetric::collect() { return owner->getChangeCount(); }
 double Trigger::ListenerCountMetric::collect() { return owner->subscribers.getSize(); }
 
 }  // namespace tavrik

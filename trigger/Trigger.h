@@ -54,7 +54,7 @@ class Trigger {
     int setValueQuietly(int newValue);
 
     // Applies a value with its time (seconds since the Unix epoch) and tells the subscribers if the
-    // trigger is enabled. For the notifier.
+    // trigger is enabled. For the notifier: one call at a time.
     void _setValue(int newValue, double newTime);
 
     // Enables or disables the trigger and tells the subscribers on the caller's thread. Does
@@ -68,8 +68,9 @@ class Trigger {
 
     const std::string& getName() const { return name; }
 
-    // Two reads may see different changes. Times are seconds since the Unix epoch, 0 before the
-    // first event.
+    // Two reads may see different changes. Of a value that is set quietly beside one of the
+    // notifier, either may be left, with the time or the predecessor of the other. Times are
+    // seconds since the Unix epoch, 0 before the first event.
     int getValue() const { return value; }
     int getPreviousValue() const { return previousValue; }
     int getRequestedValue() const { return requestedValue; }
@@ -80,7 +81,7 @@ class Trigger {
     bool isEnabled() const { return enabled; }
     // The number of calls of the two set functions, and of applied values.
     int getSetCount() const { return setCount; }
-    int getChangeCount() const { return changeCount; }
+    int getChangeCount() const { return changeCount + quietChangeCount; }
 
   private:
     // A queued change: a value with the time of its request, or the request to apply the queued
@@ -134,8 +135,8 @@ class Trigger {
         double collect() override;
     };
 
-    void apply(int newValue, double newTime) TAVRIK_EXCLUDES(valueLock);
-    void applyLocked(int newValue, double newTime) TAVRIK_REQUIRES(valueLock);
+    // Takes a new value and its time, and keeps their predecessors; `count` is the setter's own.
+    void apply(int newValue, double newTime, std::atomic<int>& count);
     // Calls `notify`, an operation of Listener, on every subscriber.
     template <auto notify>
     void tellSubscribers();
@@ -143,22 +144,24 @@ class Trigger {
 
     static std::atomic<Logger*> logger;
 
-    // Lock order: the notifier's lock, valueLock; the subscriber set's own is never taken under
-    // them.
+    // Its lock, the quiet setters' and the subscriber set's are never taken under one another.
     Notifier notifier;
     const std::string name;
 
-    // Makes changes of value, time and their predecessors atomic. Innermost.
-    Lock valueLock;
+    // Keeps quiet setters apart.
+    Lock quietLock;
 
     std::atomic<int> requestedValue{0};  // written under the notifier's lock
-    std::atomic<int> value{0};           // written under valueLock, like the next three
+    // The notifier and the quiet setters write the next four without a lock that both take: a walk
+    // would pay for it with each value.
+    std::atomic<int> value{0};
     std::atomic<int> previousValue{0};
     std::atomic<double> time{0.0};
     std::atomic<double> previousTime{0.0};
     std::atomic<double> enabledTime{0.0};
     std::atomic<double> disabledTime{0.0};
-    std::atomic<int> changeCount{0};
+    std::atomic<int> changeCount{0};       // of the notifier
+    std::atomic<int> quietChangeCount{0};  // written under quietLock
     std::atomic<int> setCount{0};
     std::atomic<bool> enabled{false};  // written under the notifier's lock
 
