@@ -1,3 +1,4 @@
+#define TAVRIK_LOGGER_OUT_OF_LINE
 #include "log/Logger.h"
 
 #include <sys/time.h>
@@ -21,13 +22,6 @@ std::atomic<bool> Logger::bufferingEnabled{true};
 std::atomic<LogAdapter*> Logger::logAdapter{nullptr};
 
 namespace {
-
-constexpr int kError = 2;
-constexpr int kWarn = 3;
-constexpr int kInfo = 4;
-constexpr int kDebug = 5;
-constexpr int kTrace = 6;
-constexpr int kAll = 8;
 
 struct Registry {
     // Guards the map. Innermost but for the short lock inside LogLevel.
@@ -129,14 +123,14 @@ class LineBuffer {
 
 LogLevel* valueOrInfo(const std::atomic<LogLevel*>& slot) {
     LogLevel* const value = slot.load(std::memory_order_acquire);
-    return value != nullptr ? value : LogLevel::valueOf(kInfo);
+    return value != nullptr ? value : LogLevel::valueOf("INFO");
 }
 
 }  // namespace
 
 Logger::Logger(const std::string& name_, const LogLevel& level_) : name(name_), level(level_) {
-    setIfUnset(defaultLogLevel, *LogLevel::valueOf(kInfo));
-    setIfUnset(masterLogLevel, *LogLevel::valueOf(kAll));
+    setIfUnset(defaultLogLevel, *LogLevel::valueOf("INFO"));
+    setIfUnset(masterLogLevel, *LogLevel::valueOf("ALL"));
 }
 
 Logger::~Logger() = default;
@@ -211,6 +205,13 @@ void Logger::tracef(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     vlog(*LogLevel::valueOf(kTrace), fmt, args);
+    va_end(args);
+}
+
+void Logger::write(Number number, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    vlog(*LogLevel::valueOf(number), fmt, args);
     va_end(args);
 }
 

@@ -113,11 +113,16 @@ class Logger {
     static void loadConfig(const char* path);
 
   private:
+    // The numbers of the levels that have a function.
+    enum Number { kError = 2, kWarn = 3, kInfo = 4, kDebug = 5, kTrace = 6 };
+
     // True if both filters admit a message of that level.
-    bool admits(int number) const {
+    bool admits(Number number) const {
         return level.getLevel() >= number &&
                masterLogLevel.load(std::memory_order_acquire)->getLevel() >= number;
     }
+    // Writes one line, ignoring the filters.
+    void write(Number number, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
     int print(const LogLevel& messageLevel, const char* message) const;
 
     // Set once and then changed in place, never freed; null while unset.
@@ -132,5 +137,21 @@ class Logger {
     // Changed in place on any thread, see LogLevel.
     LogLevel level;
 };
+
+// GCC tests the levels at the call: a message that is not admitted costs two comparisons and no
+// call. Other compilers, and pointers to these functions, use those of the library.
+#if defined(__GNUC__) && !defined(__clang__) && !defined(TAVRIK_LOGGER_OUT_OF_LINE)
+#define TAVRIK_TEST_AT_CALL(function, number)                                                \
+    inline __attribute__((gnu_inline, always_inline)) void Logger::function(const char* fmt, \
+                                                                            ...) {           \
+        if (admits(number)) write(number, fmt, __builtin_va_arg_pack());                     \
+    }
+TAVRIK_TEST_AT_CALL(errorf, kError)
+TAVRIK_TEST_AT_CALL(warnf, kWarn)
+TAVRIK_TEST_AT_CALL(infof, kInfo)
+TAVRIK_TEST_AT_CALL(debugf, kDebug)
+TAVRIK_TEST_AT_CALL(tracef, kTrace)
+#undef TAVRIK_TEST_AT_CALL
+#endif
 
 }  // namespace tavrik

@@ -75,6 +75,14 @@ void logAtEveryLevel(Logger& logger) {
     logger.tracef("%d", 6);
 }
 
+// The library's functions, where those above are inline.
+void logThroughPointers(Logger& logger) {
+    int number = 2;
+    for (const auto function :
+         {&Logger::errorf, &Logger::warnf, &Logger::infof, &Logger::debugf, &Logger::tracef})
+        (logger.*function)("%d", number++);
+}
+
 // The thread sanitizer reports a level that is not published properly.
 TEST(LoggerTest, LevelsMayBeInitialisedByAnyThread) {
     inParallel(4, [](int) {
@@ -123,11 +131,14 @@ TEST(LoggerTest, DefaultLevelAppliesToLaterLoggers) {
 TEST(LoggerTest, ALoggersLevelFiltersLines) {
     Recorder adapter;
     Logger logger("f", *LogLevel::valueOf("INFO"));
-    logAtEveryLevel(logger);
-    EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\n");
-    logger.setLevel(*LogLevel::LVL_UNKNOWN);
-    logAtEveryLevel(logger);
-    EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\nDEBUG f 5+\nTRACE f 6+\n");
+    for (const auto logAll : {logAtEveryLevel, logThroughPointers}) {
+        logger.setLevel(*LogLevel::LVL_INFO);
+        logAll(logger);
+        EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\n");
+        logger.setLevel(*LogLevel::LVL_UNKNOWN);
+        logAll(logger);
+        EXPECT_EQ(adapter.take(), "ERROR f 2+\nWARN f 3+\nINFO f 4+\nDEBUG f 5+\nTRACE f 6+\n");
+    }
 }
 
 TEST(LoggerTest, TheMasterLevelFiltersLinesButNotLog) {
