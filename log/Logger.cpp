@@ -94,6 +94,21 @@ struct MillisecondText {
     const char digits[3];
 };
 
+// Holds standard output for a scope. Tries some times before it sleeps: another thread's line takes
+// less time than falling asleep and waking.
+class OutputLock {
+  public:
+    OutputLock() {
+        for (int tries = 0; tries < 100; ++tries) {
+            if (ftrylockfile(stdout) == 0) return;
+        }
+        flockfile(stdout);
+    }
+    ~OutputLock() { funlockfile(stdout); }
+    OutputLock(const OutputLock&) = delete;
+    OutputLock& operator=(const OutputLock&) = delete;
+};
+
 // A line in one piece, so that one call prints it and the stream's lock keeps it together. Needs
 // the heap only for a line that no formatted message makes.
 class LineBuffer {
@@ -112,6 +127,7 @@ class LineBuffer {
         if (!rest.empty()) rest.insert(0, buffer, used);
         const char* const data = rest.empty() ? buffer : rest.data();
         const size_t length = rest.empty() ? used : rest.size();
+        const OutputLock locked;
         return fwrite(data, 1, length, stdout) == length ? static_cast<int>(length) : -1;
     }
 
