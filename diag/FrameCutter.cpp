@@ -1,5 +1,6 @@
 #include "diag/FrameCutter.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 
@@ -37,32 +38,27 @@ bool FrameCutter::next(Frame& frame) {
 bool FrameCutter::unescape(unsigned char* escape, unsigned char* flag, Frame& frame) {
     unsigned char* in = escape;
     unsigned char* out = escape;
-    const unsigned char* run = in;  // where the bytes without an escape began
     while (in != flag) {
-        if (*in == kEscapeByte) {
-            *out++ = in[1] ^ kEscapeMask;
-            in += 2;
-            run = in;
-            // The flag stood behind the escape, so it is data.
-            if (in > flag) flag = find(kFrameEnd, in, end);
-            if (flag == end) return false;
-        } else if (in - run < kShortRun) {
+        unsigned char* const shortRun = in + std::min(flag - in, kShortRun);
+        while (in != shortRun && *in != kEscapeByte)
             *out++ = *in++;
-        } else {
-            moveRun(in, flag, out);
+        if (in == shortRun) {
+            const std::ptrdiff_t length = find(kEscapeByte, in, flag) - in;
+            memmove(out, in, static_cast<size_t>(length));
+            in += length;
+            out += length;
         }
+        if (in == flag) break;
+        *out++ = in[1] ^ kEscapeMask;
+        in += 2;
+        // The flag stood behind the escape, so it is data.
+        if (in > flag) flag = find(kFrameEnd, in, end);
+        if (flag == end) return false;
     }
     *out++ = kFrameEnd;
     frame = {at, static_cast<int>(out - at)};
     at = flag + 1;
     return true;
-}
-
-void FrameCutter::moveRun(unsigned char*& in, unsigned char* flag, unsigned char*& out) {
-    const std::ptrdiff_t length = find(kEscapeByte, in, flag) - in;
-    memmove(out, in, static_cast<size_t>(length));
-    in += length;
-    out += length;
 }
 
 }  // namespace tavrik

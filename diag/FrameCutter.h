@@ -26,8 +26,6 @@ class FrameCutter {
   private:
     // Cuts a frame whose first escape and flag, as far as it is one, are known.
     bool unescape(unsigned char* escape, unsigned char* flag, Frame& frame);
-    // Moves the bytes in front of the next escape or of the flag from `in` to `out`.
-    static void moveRun(unsigned char*& in, unsigned char* flag, unsigned char*& out);
 
     unsigned char* at;
     unsigned char* const end;
