@@ -12,6 +12,13 @@ namespace tavrik {
 // back(), which undoes the last advance(); and takePlain(std::string&), which takes and appends
 // what stands in front of the next quote, backslash or end.
 
+// The characters that end a run of plain ones.
+constexpr std::array<bool, 256> makeEnds() {
+    std::array<bool, 256> ends{};
+    ends['\0'] = ends['"'] = ends['\\'] = true;
+    return ends;
+}
+
 // Reads a text up to its terminator, and at its end moves the caller's pointer along.
 class TextSource {
   public:
@@ -25,8 +32,9 @@ class TextSource {
     void advance() { ++position; }
     void back() { --position; }
     void takePlain(std::string& out) {
+        static constexpr std::array<bool, 256> kEnds = makeEnds();
         const char* end = position;
-        while (*end != '"' && *end != '\\' && *end != '\0')
+        while (!kEnds[static_cast<unsigned char>(*end)])
             ++end;
         out.append(position, static_cast<size_t>(end - position));
         position = end;
