@@ -106,8 +106,7 @@ void JSONData::release() {
     }
 }
 
-void JSONData::setType(int newType) {
-    if (type == newType) return;
+void JSONData::changeType(int newType) {
     if (hasContent()) reset();
     value.integer = 0;
     switch (newType) {

@@ -45,7 +45,9 @@ class JSONData {
 
     // A new type empties the node: no members, no elements, "", 0 or false. The present type does
     // nothing.
-    void setType(int newType);
+    void setType(int newType) {
+        if (type != newType) changeType(newType);
+    }
     int getType() const { return type; }
 
     // Set type and value. A text may be part of this tree; null is an empty text.
@@ -176,13 +178,14 @@ class JSONData {
     // Skips blanks and comments and looks at what begins there, without taking it. False when
     // nothing that JSON knows begins there.
     template <typename Source>
-    static bool fetchNextType(Source& source, Token& token);
+    static bool fetchNextType(Source& source, const Token*& token);
     // Reads a text in quotes into `out`.
     template <typename Source>
     static bool parseJsonString(Source& source, std::string& out);
     template <typename Source>
     bool parseJsonNumberIntoSelf(Source& source);
 
+    void changeType(int newType);
     bool isContainer() const { return type == kObject || type == kArray; }
     // Whether the value owns memory.
     bool hasContent() const { return isContainer() || type == kString; }

@@ -43,9 +43,13 @@ struct JSONData::Token {
         return all;
     }
 
+    static const Token kNothing;
+
     bool closes(int container) const { return end && type == container; }
     bool beginsValue() const { return !comma && !colon && !end; }
 };
+
+inline constexpr JSONData::Token JSONData::Token::kNothing{};
 
 // Takes the text of a comment behind its first slash, to the end of the line or the closing mark.
 template <typename Source>
@@ -82,13 +86,14 @@ bool skipBlanksAndComments(Source& source) {
 }
 
 template <typename Source>
-bool JSONData::fetchNextType(Source& source, Token& token) {
+bool JSONData::fetchNextType(Source& source, const Token*& token) {
     static constexpr Token::Table kTokens = Token::makeTable();
+    token = &kTokens[static_cast<size_t>(source.peek())];
     // Nearly always there is nothing to skip.
-    const bool found =
-        kTokens[static_cast<size_t>(source.peek())].known || skipBlanksAndComments(source);
-    token = found ? kTokens[static_cast<size_t>(source.peek())] : Token();
-    return token.known;
+    if (token->known) return true;
+    token = skipBlanksAndComments(source) ? &kTokens[static_cast<size_t>(source.peek())]
+                                          : &Token::kNothing;
+    return token->known;
 }
 
 // The value of a hexadecimal digit, or -1. Upper-case letters count from 5 on: writers of this
@@ -163,10 +168,11 @@ template <typename Source>
 bool JSONData::parseJsonNumberIntoSelf(Source& source) {
     Decimal number;
     if (!readDecimal(source, number)) return false;
+    setType(number.hasPoint ? kDouble : kLong);
     if (number.hasPoint) {
-        setDouble(number.real);
+        value.real = number.real;
     } else {
-        setLong(number.integer);
+        value.integer = number.integer;
     }
     return true;
 }
@@ -209,10 +215,10 @@ class JSONData::Parser {
     // Reads a scalar, or opens an array or object.
     bool readValue(JSONData& node) {
         const bool found = std::exchange(isFetched, false) || fetchNextType(source, next);
-        if (!found || !next.beginsValue()) {
+        if (!found || !next->beginsValue()) {
             return source.peek() != 0 && fail("syntax error: missing value");
         }
-        switch (next.type) {
+        switch (next->type) {
             case kNull:
                 return readNull(node);
             case kBoolean:
@@ -222,7 +228,7 @@ class JSONData::Parser {
             case kLong:
                 return node.parseJsonNumberIntoSelf(source) || fail("syntax error: invalid number");
             default:
-                return open(node, next.type);
+                return open(node, next->type);
         }
     }
 
@@ -280,28 +286,29 @@ class JSONData::Parser {
     // Called when a value has been read: closes what ends behind it and makes the next place for a
     // value the target, null when the top value is complete.
     bool findNextValue(JSONData*& target) {
-        target = nullptr;
-        while (target == nullptr && !opened.empty()) {
+        for (target = nullptr; !opened.empty(); close()) {
             Open& innermost = opened.back();
             bool closed = false;
-            const bool good = innermost.inside ? finishChild(innermost, closed)
-                                               : beginChild(innermost, closed, target);
-            if (!good) return false;
-            if (closed) close();
+            if (innermost.inside && !finishChild(innermost, closed)) return false;
+            if (!closed && !beginChild(innermost, closed, target)) return false;
+            if (!closed) break;
         }
         return true;
     }
 
     // Behind the value of a child: a comma, or the end of its parent.
     bool finishChild(Open& parent, bool& closed) {
-        Token token;
-        fetchNextType(source, token);
-        closed = token.closes(parent.node->type);
-        if (!closed && !token.comma) {
-            return fail(parent.isArray() ? "syntax error: array comma or end expected"
-                                         : "syntax error: object comma or end expected");
+        // Nearly always there is a comma, and no blank in front of it.
+        if (!accept(source, ',')) {
+            const Token* token = nullptr;
+            fetchNextType(source, token);
+            closed = token->closes(parent.node->type);
+            if (!closed && !token->comma) {
+                return fail(parent.isArray() ? "syntax error: array comma or end expected"
+                                             : "syntax error: object comma or end expected");
+            }
+            source.advance();
         }
-        source.advance();
         parent.inside = false;
         return true;
     }
@@ -309,12 +316,12 @@ class JSONData::Parser {
     // In front of a child: its value, behind its key in an object, or the end of its parent.
     bool beginChild(Open& parent, bool& closed, JSONData*& target) {
         const bool found = fetchNextType(source, next);
-        closed = next.closes(parent.node->type);
+        closed = next->closes(parent.node->type);
         if (closed) {
             source.advance();
             return true;
         }
-        if (!found || next.end) {
+        if (!found || next->end) {
             return fail(parent.isArray() ? "syntax error: array not closed"
                                          : "syntax error: object not closed");
         }
@@ -327,7 +334,7 @@ class JSONData::Parser {
         }
         entry& member = members.emplace_back();
         member.value = target;
-        return readKey(next, member.key);
+        return readKey(*next, member.key);
     }
 
     // Gives the innermost container its children.
@@ -367,8 +374,9 @@ class JSONData::Parser {
         if (begin.type != kString) return fail("syntax error: object key must be a string");
         if (!parseJsonString(source, key))
             return fail("syntax error: invalid string for object key");
-        Token token;
-        if (!fetchNextType(source, token) || !token.colon) {
+        if (accept(source, ':')) return true;
+        const Token* token = nullptr;
+        if (!fetchNextType(source, token) || !token->colon) {
             return fail("syntax error: object colon expected");
         }
         source.advance();
@@ -377,8 +385,8 @@ class JSONData::Parser {
 
     Source& source;
     const char* const operation;
-    Token next{};            // what was fetched last
-    bool isFetched = false;  // and begins the value that is read next
+    const Token* next = nullptr;  // what was fetched last
+    bool isFetched = false;       // and begins the value that is read next
     NodeSource nodes{};
     std::vector<Open> opened{};
     std::vector<JSONData*> elements{};  // of arrays that are open
