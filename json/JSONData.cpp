@@ -1,5 +1,6 @@
 #include "json/JSONData.h"
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -23,11 +24,11 @@ bool areEqual(std::string_view key, std::string_view other) {
     return key.empty() || (key.back() == other.back() && key == other);
 }
 
-// Most containers have a few children: without the first two steps of a vector's growth.
+// Most lists have a few elements: without the first steps of a vector's growth.
 template <typename List>
-void makeRoom(List& children) {
+void makeRoom(List& list) {
     constexpr size_t kFirst = 4;
-    if (children.empty()) children.reserve(kFirst);
+    if (list.capacity() == 0) list.reserve(kFirst);
 }
 
 }  // namespace
@@ -63,6 +64,7 @@ struct JSONData::Releases {
         if (node->refCount > 1) {
             --node->refCount;
         } else if (node->isContainer()) {
+            makeRoom(containers);
             containers.push_back(node);
         } else {
             destroy(node);
@@ -330,7 +332,10 @@ class JSONData::Copier {
         while (!pending.empty()) {
             const auto [container, copied] = pending.back();
             pending.pop_back();
+            const auto waiting = static_cast<std::ptrdiff_t>(pending.size());
             copyChildren(*container, *copied);
+            // The first one is next: so the copy lies in memory as a parsed tree does.
+            std::reverse(pending.begin() + waiting, pending.end());
         }
     }
 
