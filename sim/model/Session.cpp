@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -95,6 +96,9 @@ void Session::wait(const Wait& wait) {
     pollfd fds[] = {{wake_.get(), POLLIN, 0},
                     {events != 0 ? device_.get() : -1, static_cast<short>(events), 0}};
     const timespec left = wait.until ? timeLeft(*wait.until) : timespec{};
+    // A device that is behind would use up its time slices, and its client wait for the processor.
+    const bool behind = wait.until && left.tv_sec == 0 && left.tv_nsec == 0;
+    if (behind) sched_yield();
     ppoll(fds, 2, wait.until ? &left : nullptr, nullptr);
     eventfd_t count;
     if (fds[0].revents != 0) eventfd_read(wake_.get(), &count);
