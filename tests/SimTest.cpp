@@ -270,6 +270,16 @@ TEST_F(Client, TheLoggingModeOutlivesItsClient) {
     EXPECT_FALSE(device_.waitForTrace("close => 0 (left in callback mode)", 2, 0));
 }
 
+TEST_F(Client, AnAnswerWithoutDelayIsThereWhenTheWriteReturns) {
+    start(R"({"requests": {"event_report": {"on": [1, 3], "delay_ms": 1}}})");
+    for (int i = 1; i <= 4; ++i) {
+        ASSERT_EQ(send(kEventReport), 0);
+        pollfd answer{fd_, POLLIN, 0};
+        EXPECT_EQ(::poll(&answer, 1, i % 2 == 0 ? 0 : kPatienceMs), 1);
+        EXPECT_EQ(readFrames().at(0), (Bytes{0x60, 0, 0}));
+    }
+}
+
 TEST_F(Client, DropsBuffersBeyondTheQueueLimit) {
     start(R"({"queue_limit": 3,
         "requests": {"event_report": {"on": [1], "log_behind": "own_buffer", "log_count": 10}}})");
