@@ -3,9 +3,12 @@
 #include <tbb/concurrent_queue.h>
 #include <boost/asio.hpp>
 
+#include <condition_variable>
 #include <future>
+#include <mutex>
 #include <shared_mutex>
 #include <thread>
+#include <utility>
 
 #include "bench/Bench.h"
 #include "runtime/RWLock.h"
@@ -89,6 +92,35 @@ void peerWakePool(State& state) {
         asio::post(pool, [&ran] { ran.fetch_add(1, std::memory_order_release); });
     });
     pool.join();
+}
+
+// The least that a thread with a mutex and a condition can do: no tasks, no choice of a thread.
+void wakeThread(State& state) {
+    const bench::OneCore pinned;
+    std::mutex mutex;
+    std::condition_variable wanted;
+    std::atomic<int>* counter = nullptr;
+    bool ended = false;
+    std::thread waiter([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;) {
+            wanted.wait(lock, [&] { return counter || ended; });
+            if (ended) return;
+            std::atomic<int>& ran = *std::exchange(counter, nullptr);
+            lock.unlock();
+            ran.fetch_add(1, std::memory_order_release);
+            lock.lock();
+        }
+    });
+    const auto change = [&](auto code) {
+        std::unique_lock<std::mutex> lock(mutex);
+        code();
+        lock.unlock();
+        wanted.notify_one();
+    };
+    bench::timeWakeUps(state, [&](std::atomic<int>& ran) { change([&] { counter = &ran; }); });
+    change([&] { ended = true; });
+    waiter.join();
 }
 
 void wakeQueue(State& state) {
@@ -185,6 +217,7 @@ const bool registered = [] {
     }
     bench::addTimed("wake an idle pool/tavrik", wakePool);
     bench::addTimed("wake an idle pool/asio", peerWakePool);
+    bench::addTimed("wake an idle pool/thread", wakeThread);
     bench::addTimed("wake an ordered queue/tavrik", wakeQueue);
     bench::addTimed("wake an ordered queue/asio", peerWakeQueue);
     bench::add("dispatch and wait/tavrik", dispatchAndWait);
