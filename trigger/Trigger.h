@@ -68,9 +68,9 @@ class Trigger {
 
     const std::string& getName() const { return name; }
 
-    // Two reads may see different changes. Of a value that is set quietly beside one of the
-    // notifier, either may be left, with the time or the predecessor of the other. Times are
-    // seconds since the Unix epoch, 0 before the first event.
+    // Two reads may see different changes. If a quiet value and one of the notifier meet, either
+    // may remain, with the time or the predecessor of the other. Times are seconds since the Unix
+    // epoch, 0 before the first event.
     int getValue() const { return value; }
     int getPreviousValue() const { return previousValue; }
     int getRequestedValue() const { return requestedValue; }
