@@ -242,6 +242,18 @@ TEST_F(NodeTest, AnIndexBeyondTheEndIsPrinted) {
     EXPECT_EQ(printed.take(), "JSONData::setByIndex(): index out of range\n");
 }
 
+TEST_F(NodeTest, OnlyAnObjectHasKeys) {
+    for (const char* const json : {"-1", "0.5", "true", "\"a text of more than fifteen bytes\"",
+                                   "[1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,20]"}) {
+        JSONData value;
+        ASSERT_TRUE(value.setFromJsonStlString(json));
+        EXPECT_EQ(value.getByKey("key"), nullptr) << json;
+        EXPECT_EQ(value.getKeyAtIndex(0), nullptr) << json;
+        value.erase("key");
+        EXPECT_EQ(compact(JSOM(&value)), json);
+    }
+}
+
 TEST_F(NodeTest, ANodeMayChangeItsTypeForItsOwnChild) {
     node.setByKey("key", node.getByIndex(0));
     node.setByIndex(0, node.getByKey("key"));
