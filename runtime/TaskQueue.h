@@ -80,7 +80,7 @@ class TaskQueue : public Runnable {
         input->push_back(entry);
         added.store(added.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         if (running) return nullptr;
-        running = true;
+        setRunning(true);
         return group;
     }
 
@@ -116,8 +116,13 @@ class TaskQueue : public Runnable {
 
     void noDrain() TAVRIK_EXCLUDES(lock) {
         LockGuard guard(lock);
-        running = false;
+        setRunning(false);
         lock.notifyAll();
+    }
+
+    // Who sees the drain ended sees what it did.
+    void setRunning(bool runs) TAVRIK_REQUIRES(lock) {
+        running.store(runs, std::memory_order_release);
     }
 
     bool isFull() const TAVRIK_REQUIRES(lock) {
@@ -128,7 +133,7 @@ class TaskQueue : public Runnable {
     bool waitForRoom() TAVRIK_REQUIRES(lock) {
         if (!group) return false;
         if (!isFull()) return true;
-        if (!running) running = group->trySpawn(this);
+        if (!running) setRunning(group->trySpawn(this));
         ++blockedProducers;
         while (group && running && isFull())
             lock.wait();
@@ -142,7 +147,7 @@ class TaskQueue : public Runnable {
     std::deque<T>* nextBatch() TAVRIK_REQUIRES(lock) {
         std::deque<T>* const batch = input;
         if (batch->empty()) {
-            running = false;
+            setRunning(false);
             if (!group) lock.notifyAll();
             return nullptr;
         }

@@ -213,8 +213,10 @@ void ThreadGroup::close() {
 }
 
 void ThreadGroup::mirrorSizes() {
-    workerCount = static_cast<unsigned>(workers.size());
-    busyCount = static_cast<unsigned>(workers.size() - idleWorkers.size());
+    // Who sees a worker idle sees what its task did.
+    constexpr auto kRelease = std::memory_order_release;
+    workerCount.store(static_cast<unsigned>(workers.size()), kRelease);
+    busyCount.store(static_cast<unsigned>(workers.size() - idleWorkers.size()), kRelease);
 }
 
 }  // namespace tavrik
